@@ -1,0 +1,66 @@
+// Exceptions of the configuration store and its error codes.
+//
+// The message lives in shared, reference-counted storage: copying an exception while it
+// propagates (or across threads) is cheap and what() stays valid for every copy.
+#pragma once
+
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace HostCtl::Lib {
+
+class HostCtlException : public std::exception {
+ public:
+  explicit HostCtlException(const char* message);
+  ~HostCtlException() override;
+  const char* what() const noexcept override { return message_; }
+
+ private:
+  const char* message_;                   // points into storage_
+  std::shared_ptr<const std::string> storage_;
+};
+
+}  // namespace HostCtl::Lib
+
+namespace QorConfigStore {
+
+// Error codes shared with the host's configuration tools (plain integers on purpose).
+enum CSErrorCodes : int {
+  CS_ERR_DESIRED_CONFIG_NOT_FOUND = 1005,
+  CS_ERR_HOSTAPI_DELETE_NOT_ALLOWED = 1012,
+  CS_ERR_INSTANCE_ID_MISSING = 1032,
+  CS_ERR_JSON_PARSE_STRING = 1080,
+  CS_ERR_JSON_PARSE_FILE = 1081,
+  CS_ERR_JSON_TYPE = 1082,
+  CS_ERR_SCHEMA_VALIDATION = 1083,
+  CS_ERR_PROCESS_START = 1102,
+  CS_ERR_PROCESS_WAIT = 1103,
+  CS_ERR_PROCESS_EXIT = 1104,
+  CS_ERR_GENERIC = 2000,
+};
+
+class ConfigStoreException : public HostCtl::Lib::HostCtlException {
+ public:
+  ConfigStoreException(int code, const char* message);
+  ConfigStoreException(int code, const std::string& message) : ConfigStoreException(code, message.c_str()) {}
+  ~ConfigStoreException() override;
+  int code() const { return code_; }
+
+ private:
+  int code_;
+  std::vector<std::string> args_;
+};
+
+// Bad caller input (unparsable documents, bad record contents); built exactly like its base.
+class InvalidArgumentException : public ConfigStoreException {
+ public:
+  using ConfigStoreException::ConfigStoreException;
+  ~InvalidArgumentException() override;
+};
+
+// Thrown by rapidjson's assertion hook (see Json.h): code 1082, "JSON error:"<file>:<line>: <expr>.
+[[noreturn]] void ThrowJsonAssertion(const char* file, int line, const char* expression);
+
+}  // namespace QorConfigStore

@@ -1,0 +1,122 @@
+// Store database access over SQLite 3.
+//
+// Three databases, at host paths resolved against the host root:
+//   type 0  configuration store  "/etc/talvex/configstore/current-store-1"
+//           tables Config, DesiredUserConfig, DefaultConfig, KeyValue
+//   type 2  data-file store      "/etc/talvex/configstore/datafile-store"   table DataFileMetadata
+//   schema store                 "/var/lib/talvex/schemastore/schema-store" attached as "ss"
+//           tables ConfigSchema, SmartnicSchema, DataFileSchema, SchemaFile
+// Every statement waits up to its time-out on a busy database. Write transactions begin with
+// BEGIN IMMEDIATE. Journal mode is the rollback journal (never WAL): the backup is a copy of the
+// file, and a transaction over attached databases is atomic only outside WAL.
+// Connections are shared handles, statements unique handles; nothing is cached between calls.
+// No function here throws: results are statuses (0 success) or empty handles.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace DBStore {
+
+enum Type : int { CONFIG_STORE = 0, DATAFILE_STORE = 2 };
+
+// Busy time-out every caller of the library passes.
+constexpr int kTimeoutMs = 3000;
+
+struct StoreConnection {
+  sqlite3* db = nullptr;
+  Type type = CONFIG_STORE;
+  bool schemaStoreAttached = false;
+  ~StoreConnection();  // rolls back an open transaction, then closes
+};
+using Connection = std::shared_ptr<StoreConnection>;
+
+// Resolved file path of a store ("<root>/etc/talvex/configstore/current-store-1", ...).
+std::string StorePath(Type type);
+std::string SchemaStorePath();
+
+// Opens the store of that type. An empty handle when the file does not exist or is not a
+// database that can be opened (the file is never created here: see CreateDatabases).
+// `readWrite` false opens it read-only.
+Connection GetConnection(Type type, bool readWrite);
+
+// Attach/detach the schema store under the name "ss". 0 on success.
+int AttachSchemaStore(const Connection& conn);
+int DetachSchemaStore(const Connection& conn);
+
+// BEGIN IMMEDIATE / COMMIT / ROLLBACK. 0 on success. CancelTransaction rolls back whenever a
+// transaction is still open (a failed COMMIT can leave it open) and is a no-op otherwise.
+int BeginTransaction(const Connection& conn);
+int CommitTransaction(const Connection& conn);
+int CancelTransaction(const Connection& conn);
+
+struct SqliteStmtDeleter {
+  void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, SqliteStmtDeleter>;
+
+// Row callback, as sqlite3_exec's: context, column count, column texts (NULL for SQL NULL),
+// column names. A non-zero return stops the statement and makes ExecuteStmt fail.
+using RowCallback = int (*)(void* context, int argc, char** argv, char** columnNames);
+
+namespace internal {
+
+// Prepares one statement; an empty handle on failure (the error is logged).
+Statement Prepare(const Connection& conn, std::string_view sql, int timeoutMs);
+
+// Binds the next parameter at `index` (1-based, advanced past what was bound). 0 on success.
+// Values are always copied (SQLITE_TRANSIENT). A nullopt binds NULL.
+int Bind(const Connection& conn, const Statement& stmt, int& index, std::string_view value);
+int Bind(const Connection& conn, const Statement& stmt, int& index, const std::optional<std::string_view>& value);
+int Bind(const Connection& conn, const Statement& stmt, int& index, int64_t value);
+int Bind(const Connection& conn, const Statement& stmt, int& index, const std::vector<std::string>& values);
+int Bind(const Connection& conn, const Statement& stmt, int& index, const std::vector<std::string_view>& values);
+
+}  // namespace internal
+
+// Runs a prepared statement to its end, calling `callback` (when given) once per row.
+// Waits up to timeoutMs while the database is busy. 0 on success, 1 on failure.
+// The statement is reset afterwards, so it may be bound and run again.
+int ExecuteStmt(const Connection& conn, const Statement& stmt, RowCallback callback, void* context, int timeoutMs);
+
+// Prepares `sql`, binds the string arguments then the integer arguments, runs it. 0 on success, 1 on failure.
+int Execute(const Connection& conn, std::string_view sql, const std::vector<std::string>& stringArgs,
+            const std::vector<int64_t>& intArgs, int timeoutMs);
+
+// Key-value table of the configuration store. A key never written reads as "" with status 0.
+int ReadKeyValue(const std::string& key, std::string* value, const Connection& conn);
+int WriteKeyValue(const std::string& key, const std::string& value, const Connection& conn);
+
+// 0 when the file at `path` opens read-only as SQLite, PRAGMA quick_check answers "ok" and the tables
+// of its kind are present (the kind is told by the file name: "datafile-store" is a data-file store,
+// "schema-store" a schema store, anything else a configuration store). Non-zero otherwise.
+int Check(const std::string& path);
+
+// Creates each missing store file (configuration, data-file and schema store) with all its tables;
+// idempotent. 0 on success.
+int CreateDatabases();
+
+// The SQL that creates every table of a store kind (CREATE TABLE IF NOT EXISTS ...).
+const char* SchemaSql(Type type);
+const char* SchemaStoreSql();
+
+// Fault injection for tests: make the Nth call (1-based, counted from Arm) of a kind fail,
+// only that call or that call and every later one. Off unless armed; counting is per process.
+namespace faults {
+
+enum class Kind { Prepare, Step, Begin, Commit, Attach, KvRead, KvWrite, Count_ };
+
+void Arm(Kind kind, int nth, bool persistent);
+void Disarm();                 // all kinds off, counters to zero
+int Calls(Kind kind);          // calls of that kind seen since the last Arm/Disarm/ResetCounts
+void ResetCounts();
+
+}  // namespace faults
+
+}  // namespace DBStore

@@ -1,0 +1,30 @@
+// The host root: every fixed host path ("/etc/talvex/...") is resolved against it.
+//
+// "/" on a real host; any directory in tests, the demo and benchmarks. The root comes from
+// SetRoot (the CLI's --root) or else from the environment variable TALVEX_ROOT (empty or unset: "/").
+// Some commands run through the shell, so a root holding a character outside [A-Za-z0-9_./+-]
+// is refused.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace Host {
+
+// The current root without a trailing slash ("" stands for "/"), read from TALVEX_ROOT on first use.
+// Throws std::invalid_argument when TALVEX_ROOT holds a refused character.
+const std::string& Root();
+
+// Replaces the root. Throws std::invalid_argument naming the first refused character.
+void SetRoot(const std::string& root);
+
+// True when the root is not "/": mounts and system-log lines are then recorded under the root.
+bool IsSandbox();
+
+// "/etc/talvex/x" -> "<root>/etc/talvex/x". A relative path is returned unchanged.
+std::string Resolve(std::string_view hostPath);
+
+// Creates a directory and its parents (mode 0755); true when it exists afterwards.
+bool MakeDirs(const std::string& resolvedPath);
+
+}  // namespace Host

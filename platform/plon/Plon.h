@@ -1,0 +1,78 @@
+// Kernel system-information nodes, file-backed.
+//
+// A node path "/system/bootCmdLine" is read from "<root>/sys/plon/system/bootCmdLine". Nodes with
+// instances take their instance arguments as path elements: "/system/lumafs/inodes/<ino>/stats"
+// is the file "<root>/sys/plon/system/lumafs/inodes/<ino>/stats". A missing file is a failed read.
+// Setting a node records what was set: a system alert is appended as a JSON line to
+// "<root>/var/log/sysalerts.jsonl" (and sent to syslog on a real host); a ramdisk usage limit is
+// written to "<root>/sys/plon/system/lumafs/ramdisks/<name>/memUsageLimit" as "warning error".
+// PLON_CheckSig compares "<root>/sys/plon/.signature" with kPlonSignature.
+// No function throws.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+enum NUK_ReturnStatus : int {
+  NUK_OK = 0,
+  NUK_NOT_FOUND = 1,
+  NUK_BAD_PARAM = 2,
+  NUK_NO_MEMORY = 3,
+  NUK_IO_ERROR = 4,
+  NUK_SIGNATURE_MISMATCH = 5,
+  NUK_NOT_SUPPORTED = 6,
+  NUK_LIMIT_EXCEEDED = 7,
+};
+
+const char* NUK_ReturnStatusToString(NUK_ReturnStatus status);
+
+// Node identifiers known to this library version.
+enum PLON_NodeId : int {
+  PLON_NODE_INVALID = 0,
+  PLON_NODE_system_bootCmdLine,
+  PLON_NODE_system_bootOption,
+  PLON_NODE_system_bootMAC,
+  PLON_NODE_system_bootFsUUID,
+  PLON_NODE_system_sysAlert,
+  PLON_NODE_system_lumafs_ramdisks_memUsageLimit,  // one instance argument: the ramdisk name
+  PLON_NODE_system_lumafs_inodes_stats,            // one instance argument: the inode number
+};
+
+// Signature this library version writes and expects.
+inline constexpr const char* kPlonSignature = "plon-nodes-v1";
+
+// Parameter lists: string and integer parameters in order, with a fixed capacity.
+struct PLON_ParamList;
+PLON_ParamList* PLON_ParamListCreate(int capacity);  // nullptr when capacity < 0 or out of memory
+NUK_ReturnStatus PLON_ParamListAddString(PLON_ParamList* list, const char* value);
+NUK_ReturnStatus PLON_ParamListAddInt(PLON_ParamList* list, int64_t value);
+void PLON_ParamListDestroy(PLON_ParamList* list);
+int PLON_ParamListCount(const PLON_ParamList* list);
+std::string PLON_ParamListGetString(const PLON_ParamList* list, int index);  // ints in decimal
+
+// Reads a node into `buffer` (at most `size` bytes; the rest of the buffer is left as it was).
+// instanceArgs may be nullptr for nodes without instances.
+NUK_ReturnStatus PLON_Get(PLON_NodeId node, const PLON_ParamList* instanceArgs, void* buffer, size_t size);
+NUK_ReturnStatus PLON_Set(PLON_NodeId node, const PLON_ParamList* instanceArgs, const PLON_ParamList* input);
+NUK_ReturnStatus PLON_CheckSig();
+
+// Output type of a node's get: its record size in bytes.
+struct PLON_Type {
+  size_t size;
+};
+NUK_ReturnStatus PLON_LookupOutputTypeOfGet(PLON_NodeId node, PLON_Type** type);
+void PLON_ReleaseType(PLON_Type* type);
+
+// Path library: turns a textual node path into a node id, its instance arguments and output size.
+struct PLONSHPath;
+NUK_ReturnStatus PLONSHPath_Form(const char* text, PLONSHPath** path);
+NUK_ReturnStatus PLONSHPath_GetLeafElement(const PLONSHPath* path, PLON_NodeId* node, size_t* outputSize);
+// The caller owns the returned list (PLON_ParamListDestroy).
+NUK_ReturnStatus PLONSHPath_GetInstArgs(const PLONSHPath* path, PLON_ParamList** args);
+void PLONSHPath_Delete(PLONSHPath* path);
+
+// Test and demo support: write a node's content under the current root (creating directories).
+bool PLON_WriteNodeFile(const std::string& nodePath, const std::string& content);
+// Writes the signature file of this library version under the current root.
+bool PLON_WriteSignature();

@@ -1,0 +1,198 @@
+#include "configstore/frame/Documents.h"
+
+#include <fstream>
+#include <sstream>
+
+#include "configstore/frame/CallFrame.h"
+#include "platform/schemastore/SchemaStore.h"
+#include "platform/validator/ConfigStoreDocument.h"
+#include "platform/validator/JsonValidator.h"
+
+namespace QorConfigStore {
+namespace {
+
+constexpr size_t kChunkCapacity = 64;
+constexpr size_t kParseStackCapacity = 1024;
+
+// Deepest nesting of arrays and objects in a JSON text, strings skipped. Cheap next to parsing,
+// and it keeps a hostile "[[[[..." from reaching code that recurses.
+int NestingDepth(const std::string& text) {
+  int depth = 0, deepest = 0;
+  bool inString = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
+    if (inString) {
+      if (c == '\\') ++i;
+      else if (c == '"') inString = false;
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      deepest = std::max(deepest, ++depth);
+    } else if (c == ']' || c == '}') {
+      --depth;
+    }
+  }
+  return deepest;
+}
+
+// Parses `text` into `doc`; false on any parse error or excessive nesting.
+bool ParseInto(JsonDoc& doc, const std::string& text) {
+  if (NestingDepth(text) > kMaxJsonDepth) return false;
+  doc.document->Parse(text.data(), text.size());
+  return !doc.document->HasParseError();
+}
+
+}  // namespace
+
+JsonDoc::~JsonDoc() {
+  document.reset();  // the document's values live in the allocator's pool: release it first
+  allocator.reset();
+}
+
+rapidjson::Value* JsonDoc::GetJsonValuePtr() {
+  rapidjson::Value* current = document.get();
+  for (const JsonNode& node : path) {
+    if (!current->HasMember(node.name.c_str())) {
+      CSLogger::Log(CSLogger::PRIO_ERROR, "Cannot find subobject %s", node.name.c_str());
+      throw ConfigStoreException(CS_ERR_GENERIC, "Subobject does not exists.");
+    }
+    current = &(*current)[node.name.c_str()];
+    if (current->IsArray()) {
+      rapidjson::Value* match = nullptr;
+      for (auto& element : current->GetArray()) {
+        const rapidjson::Value& key = element[node.key.c_str()];
+        if (key.IsString() && node.value == key.GetString()) {
+          match = &element;
+          break;
+        }
+      }
+      if (match == nullptr) {
+        CSLogger::Log(CSLogger::PRIO_ERROR, "Cannot find subobject instance %s=%s", node.key.c_str(),
+                      node.value.c_str());
+        throw ConfigStoreException(CS_ERR_GENERIC, "Subobject instance does not exists.");
+      }
+      current = match;
+    }
+  }
+  return current;
+}
+
+std::string ConfigStoreObjectId::toString() const {
+  std::string text = "comp " + component + " grp " + group + " key " + key;
+  if (!id.empty()) text += " id " + id;
+  return text;
+}
+
+std::shared_ptr<JsonDoc> CreateDocument() {
+  auto doc = std::make_shared<JsonDoc>();
+  doc->allocator = std::make_shared<rapidjson::MemoryPoolAllocator<>>(kChunkCapacity);
+  doc->document = std::make_shared<rapidjson::Document>(doc->allocator.get(), kParseStackCapacity);
+  return doc;
+}
+
+std::shared_ptr<JsonDoc> CreateDocumentFromFile(const std::string& path) {
+  auto doc = CreateDocument();
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();  // an unreadable file reads as empty text, which does not parse
+  if (!ParseInto(*doc, text.str())) {
+    ThrowException<InvalidArgumentException, const char*>(CS_ERR_JSON_PARSE_FILE, path.c_str());
+  }
+  return doc;
+}
+
+std::shared_ptr<JsonDoc> CreateDocumentFromString(const std::string& text) {
+  auto doc = CreateDocument();
+  if (!ParseInto(*doc, text)) ThrowException<InvalidArgumentException>(CS_ERR_JSON_PARSE_STRING);
+  return doc;
+}
+
+bool ProcessConfig(rapidjson::Value& config, const rapidjson::Value& schema, const std::string& part) {
+  const bool isUser = part == "user";
+  if (schema.HasMember("instanceId") && schema["instanceId"].IsBool() && schema["instanceId"].GetBool()) {
+    return true;
+  }
+  if (isUser) {
+    if (schema.HasMember("vital") || schema.HasMember("cached")) return false;
+  } else if (schema.HasMember(part.c_str())) {
+    return true;
+  }
+
+  if (config.IsObject()) {
+    if (config.MemberCount() == 0) return isUser;
+    const rapidjson::Value& properties = schema["properties"];
+    for (auto it = config.MemberBegin(); it != config.MemberEnd();) {
+      if (ProcessConfig(it->value, properties[it->name], part)) {
+        ++it;
+      } else {
+        it = config.EraseMember(it);  // keeps the order of the others
+      }
+    }
+    if (config.MemberCount() == 0) return false;
+    if (isUser || config.MemberCount() > 1) return true;
+    // One member left: an object reduced to its instance identifier is not worth keeping.
+    const rapidjson::Value& ps = properties[config.MemberBegin()->name];
+    if (ps.HasMember(part.c_str()) && ps[part.c_str()].GetBool()) return true;
+    if (!ps.HasMember("instanceId")) return true;
+    return !ps["instanceId"].GetBool();
+  }
+
+  if (config.IsArray()) {
+    if (config.Empty()) return isUser;
+    const rapidjson::Value& items = schema["items"];
+    if (std::string(items["type"].GetString()) != "object") return isUser;
+    for (rapidjson::SizeType i = 0; i < config.Size();) {
+      if (ProcessConfig(config[i], items, part)) {
+        ++i;
+      } else {
+        config.Erase(config.Begin() + i);
+      }
+    }
+    return !config.Empty();
+  }
+  return isUser;
+}
+
+std::unordered_map<std::string, std::string> SplitConfig(const rapidjson::Value& config,
+                                                         const rapidjson::Value& schema) {
+  std::unordered_map<std::string, std::string> parts;
+  for (const char* part : {"user", "vital", "cached"}) {
+    rapidjson::Document copy;
+    copy.CopyFrom(config, copy.GetAllocator());
+    std::string text;
+    if (ProcessConfig(copy, schema, part)) ConfigStoreDocument::SerializeValue(copy, text);
+    parts[part] = text;
+  }
+  return parts;
+}
+
+std::string GetInstanceIdFromValue(const rapidjson::Value& value,
+                                   const std::shared_ptr<QorSchemaStore::SchemaObject>& schemaObject) {
+  std::string name = schemaObject->GetInstanceIdName();
+  if (name.empty()) return "";
+  auto it = value.FindMember(name.c_str());
+  if (it == value.MemberEnd() || !it->value.IsString()) {
+    ThrowException<ConfigStoreException, const char*>(CS_ERR_INSTANCE_ID_MISSING, name.c_str());
+  }
+  return it->value.GetString();
+}
+
+bool ValidateUserObject(const rapidjson::Value& schema, const rapidjson::Value& value, const std::string& name,
+                        bool allowDelete) {
+  if (value.IsString() && allowDelete) return std::string(value.GetString()) == "DELETE_DEFAULT";
+  rapidjson::MemoryPoolAllocator<> pool;
+  rapidjson::Document errors(&pool, kParseStackCapacity);
+  JsonValidator::Validate(schema, value, errors, kRulesUserObject, name);
+  return checkValidationErrors(errors);
+}
+
+bool checkValidationErrors(const rapidjson::Value& errors) {
+  if (errors.Empty()) return true;  // Empty() asserts IsArray()
+  for (const auto& e : errors.GetArray()) {
+    CSLogger::LogErrCode(CSLogger::PRIO_ERROR, CS_ERR_SCHEMA_VALIDATION, e["field"].GetString(),
+                         e["error"].GetString());
+  }
+  return false;
+}
+
+}  // namespace QorConfigStore

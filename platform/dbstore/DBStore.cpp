@@ -1,0 +1,439 @@
+// Store connections, transactions, statements and the key-value table; fault injection.
+#include "platform/dbstore/DBStore.h"
+
+#include <sys/stat.h>
+
+#include <array>
+#include <atomic>
+
+#include "platform/logging/CSLogger.h"
+
+namespace DBStore {
+
+// ---------------------------------------------------------------------------------------------
+// Fault injection
+
+namespace faults {
+namespace {
+
+constexpr int kKinds = static_cast<int>(Kind::Count_);
+constexpr const char* kInjected = "injected fault";
+
+struct KindState {
+  std::atomic<int> calls{0};
+  std::atomic<int> nth{0};  // 0: not armed
+  std::atomic<bool> persistent{false};
+};
+
+std::array<KindState, kKinds> gKinds;
+std::atomic<int> gArmedKinds{0};  // how many kinds are armed; 0 keeps the check to one load
+
+KindState* StateOf(Kind kind) {
+  int i = static_cast<int>(kind);
+  return i >= 0 && i < kKinds ? &gKinds[i] : nullptr;
+}
+
+}  // namespace
+
+void ResetCounts() {
+  for (KindState& k : gKinds) k.calls.store(0, std::memory_order_relaxed);
+}
+
+void Arm(Kind kind, int nth, bool persistent) {
+  KindState* state = StateOf(kind);
+  if (state == nullptr) return;
+  ResetCounts();
+  state->persistent.store(persistent, std::memory_order_relaxed);
+  int previous = state->nth.exchange(nth > 0 ? nth : 0, std::memory_order_release);
+  gArmedKinds.fetch_add((nth > 0 ? 1 : 0) - (previous > 0 ? 1 : 0), std::memory_order_release);
+}
+
+void Disarm() {
+  for (KindState& k : gKinds) k.nth.store(0, std::memory_order_relaxed);
+  gArmedKinds.store(0, std::memory_order_release);
+  ResetCounts();
+}
+
+int Calls(Kind kind) {
+  KindState* state = StateOf(kind);
+  return state ? state->calls.load(std::memory_order_relaxed) : 0;
+}
+
+// Counts one call of `kind`; true when that call is to fail.
+static bool Injected(Kind kind) {
+  KindState& state = gKinds[static_cast<int>(kind)];
+  int call = state.calls.fetch_add(1, std::memory_order_relaxed) + 1;
+  if (gArmedKinds.load(std::memory_order_acquire) == 0) return false;
+  int nth = state.nth.load(std::memory_order_acquire);
+  if (nth == 0) return false;
+  return state.persistent.load(std::memory_order_relaxed) ? call >= nth : call == nth;
+}
+
+}  // namespace faults
+
+// ---------------------------------------------------------------------------------------------
+// Connections
+
+namespace {
+
+constexpr const char* kCacheSizePragma = "PRAGMA cache_size=-65536";  // 64 MiB: a big store stays in memory
+
+bool Usable(const Connection& conn) { return conn && conn->db != nullptr; }
+
+void LogError(const char* what, const char* detail) { CSLogger::Log(CSLogger::PRIO_ERROR, "%s: %s", what, detail); }
+
+// Runs fixed SQL that needs no parameters (transaction control, pragmas). Logs and returns 1 on failure.
+int RunControl(sqlite3* db, const char* sql, const char* what, int timeoutMs) {
+  sqlite3_busy_timeout(db, timeoutMs);
+  if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK) return 0;
+  LogError(what, sqlite3_errmsg(db));
+  return 1;
+}
+
+// Connection settings; also reads the file's header, so a file that is not a database fails here.
+bool Configure(sqlite3* db, bool readWrite, const std::string& path) {
+  sqlite3_busy_timeout(db, kTimeoutMs);
+  std::string journal;
+  auto keepMode = [](void* out, int, char** argv, char**) {
+    if (argv[0]) *static_cast<std::string*>(out) = argv[0];
+    return 0;
+  };
+  bool ok = sqlite3_exec(db, kCacheSizePragma, nullptr, nullptr, nullptr) == SQLITE_OK &&
+            sqlite3_exec(db, "PRAGMA schema_version", nullptr, nullptr, nullptr) == SQLITE_OK &&
+            (!readWrite || sqlite3_exec(db, "PRAGMA journal_mode=DELETE", keepMode, &journal, nullptr) == SQLITE_OK);
+  if (!ok) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to open database %s: %s", path.c_str(), sqlite3_errmsg(db));
+    return false;
+  }
+  if (readWrite && journal != "delete") {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Database %s stays in journal mode %s", path.c_str(), journal.c_str());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+StoreConnection::~StoreConnection() {
+  if (db == nullptr) return;
+  if (!sqlite3_get_autocommit(db)) RunControl(db, "ROLLBACK", "Failed to roll back on close", kTimeoutMs);
+  sqlite3_close_v2(db);
+}
+
+Connection GetConnection(Type type, bool readWrite) {
+  std::string path = StorePath(type);
+  if (path.empty()) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Unknown store database type %d", static_cast<int>(type));
+    return nullptr;
+  }
+  struct stat st{};
+  if (stat(path.c_str(), &st) != 0) {
+    CSLogger::Log(CSLogger::PRIO_INFO, "Store database %s does not exist", path.c_str());
+    return nullptr;
+  }
+  auto conn = std::make_shared<StoreConnection>();
+  conn->type = type;
+  int flags = (readWrite ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY) | SQLITE_OPEN_NOMUTEX;
+  // The handle is owned by `conn` from here on, even when opening fails.
+  int rc = sqlite3_open_v2(path.c_str(), &conn->db, flags, nullptr);
+  if (rc != SQLITE_OK) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to open database %s: %s", path.c_str(),
+                  conn->db ? sqlite3_errmsg(conn->db) : sqlite3_errstr(rc));
+    return nullptr;
+  }
+  if (!Configure(conn->db, readWrite, path)) return nullptr;
+  return conn;
+}
+
+int AttachSchemaStore(const Connection& conn) {
+  if (faults::Injected(faults::Kind::Attach)) {
+    LogError("Failed to attach schema store", faults::kInjected);
+    return 1;
+  }
+  if (!Usable(conn)) {
+    LogError("Failed to attach schema store", "no database connection");
+    return 1;
+  }
+  if (conn->schemaStoreAttached) return 0;
+  std::string path = SchemaStorePath();
+  struct stat st{};
+  if (stat(path.c_str(), &st) != 0) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to attach schema store: %s does not exist", path.c_str());
+    return 1;
+  }
+  sqlite3_busy_timeout(conn->db, kTimeoutMs);
+  sqlite3_stmt* raw = nullptr;
+  int rc = sqlite3_prepare_v2(conn->db, "ATTACH DATABASE ? AS ss", -1, &raw, nullptr);
+  Statement stmt(raw);
+  if (rc == SQLITE_OK) rc = sqlite3_bind_text(raw, 1, path.c_str(), -1, SQLITE_TRANSIENT);
+  if (rc == SQLITE_OK) rc = sqlite3_step(raw);
+  if (rc != SQLITE_DONE) {
+    LogError("Failed to attach schema store", sqlite3_errmsg(conn->db));
+    return 1;
+  }
+  conn->schemaStoreAttached = true;
+  return 0;
+}
+
+int DetachSchemaStore(const Connection& conn) {
+  if (!Usable(conn)) {
+    LogError("Failed to detach schema store", "no database connection");
+    return 1;
+  }
+  if (!conn->schemaStoreAttached) return 0;
+  if (RunControl(conn->db, "DETACH DATABASE ss", "Failed to detach schema store", kTimeoutMs) != 0) return 1;
+  conn->schemaStoreAttached = false;
+  return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Transactions
+
+int BeginTransaction(const Connection& conn) { return BeginTransaction(conn, kTimeoutMs); }
+
+int BeginTransaction(const Connection& conn, int timeoutMs) {
+  if (faults::Injected(faults::Kind::Begin)) {
+    LogError("Failed to begin transaction", faults::kInjected);
+    return 1;
+  }
+  if (!Usable(conn)) {
+    LogError("Failed to begin transaction", "no database connection");
+    return 1;
+  }
+  return RunControl(conn->db, "BEGIN IMMEDIATE", "Failed to begin transaction", timeoutMs);
+}
+
+int CommitTransaction(const Connection& conn) { return CommitTransaction(conn, kTimeoutMs); }
+
+int CommitTransaction(const Connection& conn, int timeoutMs) {
+  if (faults::Injected(faults::Kind::Commit)) {
+    LogError("Failed to commit transaction", faults::kInjected);
+    return 1;
+  }
+  if (!Usable(conn)) {
+    LogError("Failed to commit transaction", "no database connection");
+    return 1;
+  }
+  return RunControl(conn->db, "COMMIT", "Failed to commit transaction", timeoutMs);
+}
+
+int CancelTransaction(const Connection& conn) {
+  if (!Usable(conn)) {
+    LogError("Failed to roll back transaction", "no database connection");
+    return 1;
+  }
+  if (sqlite3_get_autocommit(conn->db)) return 0;
+  return RunControl(conn->db, "ROLLBACK", "Failed to roll back transaction", kTimeoutMs);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Statements
+
+namespace internal {
+
+Statement Prepare(const Connection& conn, std::string_view sql, int timeoutMs) {
+  if (faults::Injected(faults::Kind::Prepare)) {
+    LogError("Failed to prepare statement", faults::kInjected);
+    return nullptr;
+  }
+  if (!Usable(conn)) {
+    LogError("Failed to prepare statement", "no database connection");
+    return nullptr;
+  }
+  if (sql.size() > static_cast<size_t>(INT32_MAX)) {
+    LogError("Failed to prepare statement", "statement text too long");
+    return nullptr;
+  }
+  if (sql.empty()) {
+    LogError("Failed to prepare statement", "no statement in the text");
+    return nullptr;
+  }
+  sqlite3_busy_timeout(conn->db, timeoutMs);
+  sqlite3_stmt* raw = nullptr;
+  const char* tail = nullptr;
+  int rc = sqlite3_prepare_v2(conn->db, sql.data(), static_cast<int>(sql.size()), &raw, &tail);
+  Statement stmt(raw);
+  if (rc != SQLITE_OK) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to prepare statement \"%.*s\": %s", static_cast<int>(sql.size()),
+                  sql.data(), sqlite3_errmsg(conn->db));
+    return nullptr;
+  }
+  if (!stmt) {
+    LogError("Failed to prepare statement", "no statement in the text");
+    return nullptr;
+  }
+  // What follows the first statement must be blank or comments, or it would silently not run.
+  if (tail != nullptr) {
+    const char* end = sql.data() + sql.size();
+    sqlite3_stmt* next = nullptr;
+    int tailRc = sqlite3_prepare_v2(conn->db, tail, static_cast<int>(end - tail), &next, nullptr);
+    sqlite3_finalize(next);
+    if (tailRc != SQLITE_OK || next != nullptr) {
+      CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to prepare statement \"%.*s\": more than one statement",
+                    static_cast<int>(sql.size()), sql.data());
+      return nullptr;
+    }
+  }
+  return stmt;
+}
+
+namespace {
+
+// Checks the handles of a Bind call; logs what is missing.
+bool CanBind(const Connection& conn, const Statement& stmt) {
+  if (Usable(conn) && stmt) return true;
+  LogError("Failed to bind parameter", Usable(conn) ? "no statement" : "no database connection");
+  return false;
+}
+
+int BindResult(const Connection& conn, const Statement& stmt, int& index, int rc) {
+  if (rc != SQLITE_OK) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to bind parameter %d of \"%s\": %s", index, sqlite3_sql(stmt.get()),
+                  rc == SQLITE_RANGE ? "parameter index out of range" : sqlite3_errmsg(conn->db));
+    return 1;
+  }
+  ++index;
+  return 0;
+}
+
+template <typename Strings>
+int BindAll(const Connection& conn, const Statement& stmt, int& index, const Strings& values) {
+  for (const auto& value : values) {
+    if (Bind(conn, stmt, index, std::string_view(value)) != 0) return 1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int Bind(const Connection& conn, const Statement& stmt, int& index, std::string_view value) {
+  if (!CanBind(conn, stmt)) return 1;
+  // A default-constructed view has no data pointer, and SQLite binds a null pointer as NULL.
+  const char* text = value.data() != nullptr ? value.data() : "";
+  return BindResult(conn, stmt, index,
+                    sqlite3_bind_text64(stmt.get(), index, text, value.size(), SQLITE_TRANSIENT, SQLITE_UTF8));
+}
+
+int Bind(const Connection& conn, const Statement& stmt, int& index, const std::optional<std::string_view>& value) {
+  if (value) return Bind(conn, stmt, index, *value);
+  if (!CanBind(conn, stmt)) return 1;
+  return BindResult(conn, stmt, index, sqlite3_bind_null(stmt.get(), index));
+}
+
+int Bind(const Connection& conn, const Statement& stmt, int& index, int64_t value) {
+  if (!CanBind(conn, stmt)) return 1;
+  return BindResult(conn, stmt, index, sqlite3_bind_int64(stmt.get(), index, value));
+}
+
+int Bind(const Connection& conn, const Statement& stmt, int& index, const std::vector<std::string>& values) {
+  return BindAll(conn, stmt, index, values);
+}
+
+int Bind(const Connection& conn, const Statement& stmt, int& index, const std::vector<std::string_view>& values) {
+  return BindAll(conn, stmt, index, values);
+}
+
+int Bind(const Connection& conn, const Statement& stmt, int& index, const std::string& value) {
+  return Bind(conn, stmt, index, std::string_view(value));
+}
+
+int Bind(const Connection& conn, const Statement& stmt, int& index, const char* value) {
+  if (value == nullptr) return Bind(conn, stmt, index, std::optional<std::string_view>());
+  return Bind(conn, stmt, index, std::string_view(value));
+}
+
+}  // namespace internal
+
+int ExecuteStmt(const Connection& conn, const Statement& stmt, RowCallback callback, void* context, int timeoutMs) {
+  if (!Usable(conn) || !stmt) {
+    LogError("Failed to execute statement", Usable(conn) ? "no statement" : "no database connection");
+    return 1;
+  }
+  sqlite3_stmt* s = stmt.get();
+  sqlite3_busy_timeout(conn->db, timeoutMs);
+  std::vector<char*> texts;
+  std::vector<char*> names;
+  int status = 0;
+  for (;;) {
+    if (faults::Injected(faults::Kind::Step)) {
+      CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to execute statement \"%s\": %s", sqlite3_sql(s), faults::kInjected);
+      status = 1;
+      break;
+    }
+    int rc = sqlite3_step(s);
+    if (rc == SQLITE_DONE) break;
+    if (rc != SQLITE_ROW) {
+      CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to execute statement \"%s\": %s", sqlite3_sql(s),
+                    sqlite3_errmsg(conn->db));
+      status = 1;
+      break;
+    }
+    if (callback == nullptr) continue;
+    int columns = sqlite3_column_count(s);
+    texts.resize(columns);
+    names.resize(columns);
+    for (int i = 0; i < columns; ++i) {
+      // SQLite's exec callback hands out mutable pointers too; callers only read them.
+      texts[i] = reinterpret_cast<char*>(const_cast<unsigned char*>(sqlite3_column_text(s, i)));
+      names[i] = const_cast<char*>(sqlite3_column_name(s, i));
+    }
+    if (callback(context, columns, texts.data(), names.data()) != 0) {
+      status = 1;
+      break;
+    }
+  }
+  sqlite3_reset(s);
+  sqlite3_clear_bindings(s);
+  return status;
+}
+
+int Execute(const Connection& conn, std::string_view sql, const std::vector<std::string>& stringArgs,
+            const std::vector<int64_t>& intArgs, int timeoutMs) {
+  Statement stmt = internal::Prepare(conn, sql, timeoutMs);
+  if (!stmt) return 1;
+  int index = 1;
+  if (internal::Bind(conn, stmt, index, stringArgs) != 0) return 1;
+  for (int64_t value : intArgs) {
+    if (internal::Bind(conn, stmt, index, value) != 0) return 1;
+  }
+  return ExecuteStmt(conn, stmt, nullptr, nullptr, timeoutMs);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Key-value table
+
+int ReadKeyValue(const std::string& key, std::string* value, const Connection& conn) {
+  if (faults::Injected(faults::Kind::KvRead)) {
+    LogError("Failed to read key-value entry", faults::kInjected);
+    return 1;
+  }
+  if (!Usable(conn) || value == nullptr) {
+    LogError("Failed to read key-value entry", Usable(conn) ? "no output" : "no database connection");
+    return 1;
+  }
+  Statement stmt = internal::Prepare(conn, "SELECT Value FROM KeyValue WHERE Key = ?", kTimeoutMs);
+  int index = 1;
+  if (!stmt || internal::Bind(conn, stmt, index, key) != 0) return 1;
+  std::string found;
+  auto keep = [](void* out, int, char** argv, char**) {
+    *static_cast<std::string*>(out) = argv[0] ? argv[0] : "";
+    return 0;
+  };
+  if (ExecuteStmt(conn, stmt, keep, &found, kTimeoutMs) != 0) return 1;
+  *value = std::move(found);
+  return 0;
+}
+
+int WriteKeyValue(const std::string& key, const std::string& value, const Connection& conn) {
+  if (faults::Injected(faults::Kind::KvWrite)) {
+    LogError("Failed to write key-value entry", faults::kInjected);
+    return 1;
+  }
+  if (!Usable(conn)) {
+    LogError("Failed to write key-value entry", "no database connection");
+    return 1;
+  }
+  return Execute(conn, "INSERT OR REPLACE INTO KeyValue (Key, Value) VALUES (?, ?)", {key, value}, {}, kTimeoutMs);
+}
+
+}  // namespace DBStore

@@ -1,0 +1,114 @@
+// Size metrics of the Config table.
+#include <gmock/gmock.h>
+
+#include "configstore/frame/CallFrame.h"
+#include "configstore/frame/Metrics.h"
+#include "tests/support/Sandbox.h"
+
+namespace QorConfigStore {
+namespace {
+
+class MetricsTest : public cstest::SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+    conn_ = GetDBConnection(DBStore::CONFIG_STORE, true);
+  }
+  void AddRow(const std::string& key, const char* user, const char* vital, const char* cached) {
+    auto stmt = DBStore::internal::Prepare(
+        conn_,
+        "INSERT INTO Config (Identifier, Name, ConfigGroup, Component, UserValue, VitalValue, CachedValue) "
+        "VALUES ('', ?, 'grp', 'comp', ?, ?, ?)",
+        DBStore::kTimeoutMs);
+    int i = 1;
+    auto opt = [](const char* v) { return v ? std::optional<std::string_view>(v) : std::nullopt; };
+    ASSERT_EQ(DBStore::internal::Bind(conn_, stmt, i, key), 0);
+    ASSERT_EQ(DBStore::internal::Bind(conn_, stmt, i, opt(user)), 0);
+    ASSERT_EQ(DBStore::internal::Bind(conn_, stmt, i, opt(vital)), 0);
+    ASSERT_EQ(DBStore::internal::Bind(conn_, stmt, i, opt(cached)), 0);
+    ASSERT_EQ(DBStore::ExecuteStmt(conn_, stmt, nullptr, nullptr, DBStore::kTimeoutMs), 0);
+  }
+  DBStore::Connection conn_;
+};
+
+TEST_F(MetricsTest, EmptyStoreCountsZero) {
+  EXPECT_EQ(GetConfigRowCount(), 0);
+  EXPECT_EQ(GetUserConfigSize(), 0);
+  EXPECT_EQ(GetVitalConfigSize(), 0);
+  EXPECT_EQ(GetCachedConfigSize(), 0);
+  EXPECT_TRUE(GetConfigMetrics().empty());
+}
+
+TEST_F(MetricsTest, SumsAndRowsWithNullValues) {
+  AddRow("k1", "{\"a\":1}", nullptr, "[]");
+  AddRow("k2", nullptr, "{\"v\":true}", nullptr);
+  EXPECT_EQ(GetConfigRowCount(), 2);
+  EXPECT_EQ(GetUserConfigSize(), 7);
+  EXPECT_EQ(GetVitalConfigSize(), 10);
+  EXPECT_EQ(GetCachedConfigSize(), 2);
+  EXPECT_THAT(GetConfigMetrics(), testing::UnorderedElementsAre("comp,grp,k1,0,7,2", "comp,grp,k2,10,0,0"));
+}
+
+TEST_F(MetricsTest, OnlyNullValuesSumToZero) {
+  AddRow("k1", "{}", nullptr, nullptr);
+  EXPECT_EQ(GetVitalConfigSize(), 0);
+  EXPECT_EQ(GetCachedConfigSize(), 0);
+}
+
+TEST_F(MetricsTest, TotalPastInt32Throws) {
+  // 3 GB of real values would take minutes to write: a view with zero-filled blobs has the same
+  // lengths and costs nothing.
+  ASSERT_EQ(DBStore::Execute(conn_, "DROP TABLE Config", {}, {}, DBStore::kTimeoutMs), 0);
+  ASSERT_EQ(DBStore::Execute(conn_,
+                             "CREATE VIEW Config AS SELECT 'c' AS Component, 'g' AS ConfigGroup, 'k' AS Name, "
+                             "zeroblob(1000000000) AS UserValue, NULL AS VitalValue, 'x' AS CachedValue "
+                             "FROM (SELECT 1 UNION ALL SELECT 2 UNION ALL SELECT 3)",
+                             {}, {}, DBStore::kTimeoutMs),
+            0);
+  EXPECT_THROW(GetUserConfigSize(), std::out_of_range);
+  EXPECT_EQ(GetVitalConfigSize(), 0);
+  EXPECT_EQ(GetCachedConfigSize(), 3);
+  EXPECT_EQ(GetConfigRowCount(), 3);
+}
+
+TEST_F(MetricsTest, FailedQueryNamesTheOperation) {
+  ASSERT_EQ(DBStore::Execute(conn_, "DROP TABLE Config", {}, {}, DBStore::kTimeoutMs), 0);
+  struct Case {
+    int (*op)();
+    const char* message;
+  } cases[] = {{GetVitalConfigSize, "Failed to get data from GetVitalConfigSize"},
+               {GetUserConfigSize, "Failed to get data from GetUserConfigSize"},
+               {GetCachedConfigSize, "Failed to get data from GetCachedConfigSize"},
+               {GetConfigRowCount, "Failed to get data from GetConfigRowCount"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.message);
+    try {
+      c.op();
+      ADD_FAILURE() << "no throw";
+    } catch (const ConfigStoreException& e) {
+      EXPECT_EQ(e.code(), 2000);
+      EXPECT_STREQ(e.what(), c.message);
+    }
+  }
+  try {
+    GetConfigMetrics();
+    ADD_FAILURE() << "no throw";
+  } catch (const ConfigStoreException& e) {
+    EXPECT_STREQ(e.what(), "Failed to get data from GetConfigMetrics");
+  }
+}
+
+TEST_F(MetricsTest, MissingStoreFailsToConnect) {
+  conn_.reset();
+  Remove("/etc/talvex/configstore/current-store-1");
+  try {
+    GetConfigRowCount();
+    FAIL() << "no throw";
+  } catch (const ConfigStoreException& e) {
+    EXPECT_STREQ(e.what(), "Failed to connect to database.");
+  }
+}
+
+}  // namespace
+}  // namespace QorConfigStore

@@ -1,0 +1,26 @@
+// create-store: creates the store databases that are missing, with all their tables.
+#include <cstdio>
+
+#include "configstore/frame/ConfigStoreException.h"
+#include "platform/dbstore/DBStore.h"
+#include "tools/configstorectl/Cli.h"
+
+namespace {
+
+int RunCreateStore(const cli::Invocation& inv) {
+  cli::ExpectNoMoreArgs(inv.args);
+  if (DBStore::CreateDatabases() != 0) {
+    throw QorConfigStore::ConfigStoreException(QorConfigStore::CS_ERR_GENERIC, "Failed to create the store databases");
+  }
+  std::printf("store databases present:\n  %s\n  %s\n  %s\n", DBStore::StorePath(DBStore::CONFIG_STORE).c_str(),
+              DBStore::StorePath(DBStore::DATAFILE_STORE).c_str(), DBStore::SchemaStorePath().c_str());
+  return 0;
+}
+
+const cli::Registrar kCreateStore({"create-store", "create-store",
+                                   "create the store databases that are missing (existing ones are kept)",
+                                   "Creates the configuration, data-file and schema store databases where they are\n"
+                                   "missing, with all their tables. Existing databases and their rows are kept.",
+                                   RunCreateStore});
+
+}  // namespace

@@ -17,57 +17,45 @@ namespace faults {
 namespace {
 
 constexpr int kKinds = static_cast<int>(Kind::Count_);
+constexpr int kNone = -1;
 constexpr const char* kInjected = "injected fault";
 
-struct KindState {
-  std::atomic<int> calls{0};
-  std::atomic<int> nth{0};  // 0: not armed
-  std::atomic<bool> persistent{false};
-};
+std::array<std::atomic<int>, kKinds> gCalls{};
+std::atomic<int> gArmedKind{kNone};  // the one check made when nothing is armed
+std::atomic<int> gNth{0};
+std::atomic<bool> gPersistent{false};
 
-std::array<KindState, kKinds> gKinds;
-std::atomic<int> gArmedKinds{0};  // how many kinds are armed; 0 keeps the check to one load
+bool Valid(Kind kind) { return static_cast<int>(kind) >= 0 && static_cast<int>(kind) < kKinds; }
 
-KindState* StateOf(Kind kind) {
-  int i = static_cast<int>(kind);
-  return i >= 0 && i < kKinds ? &gKinds[i] : nullptr;
+// Counts one call of `kind`; true when that call is to fail.
+bool Injected(Kind kind) {
+  int call = gCalls[static_cast<int>(kind)].fetch_add(1, std::memory_order_relaxed) + 1;
+  if (gArmedKind.load(std::memory_order_acquire) != static_cast<int>(kind)) return false;
+  int nth = gNth.load(std::memory_order_relaxed);
+  return gPersistent.load(std::memory_order_relaxed) ? call >= nth : call == nth;
 }
 
 }  // namespace
 
 void ResetCounts() {
-  for (KindState& k : gKinds) k.calls.store(0, std::memory_order_relaxed);
+  for (auto& calls : gCalls) calls.store(0, std::memory_order_relaxed);
 }
 
 void Arm(Kind kind, int nth, bool persistent) {
-  KindState* state = StateOf(kind);
-  if (state == nullptr) return;
+  gArmedKind.store(kNone, std::memory_order_release);
   ResetCounts();
-  state->persistent.store(persistent, std::memory_order_relaxed);
-  int previous = state->nth.exchange(nth > 0 ? nth : 0, std::memory_order_release);
-  gArmedKinds.fetch_add((nth > 0 ? 1 : 0) - (previous > 0 ? 1 : 0), std::memory_order_release);
+  if (!Valid(kind) || nth < 1) return;
+  gNth.store(nth, std::memory_order_relaxed);
+  gPersistent.store(persistent, std::memory_order_relaxed);
+  gArmedKind.store(static_cast<int>(kind), std::memory_order_release);
 }
 
 void Disarm() {
-  for (KindState& k : gKinds) k.nth.store(0, std::memory_order_relaxed);
-  gArmedKinds.store(0, std::memory_order_release);
+  gArmedKind.store(kNone, std::memory_order_release);
   ResetCounts();
 }
 
-int Calls(Kind kind) {
-  KindState* state = StateOf(kind);
-  return state ? state->calls.load(std::memory_order_relaxed) : 0;
-}
-
-// Counts one call of `kind`; true when that call is to fail.
-static bool Injected(Kind kind) {
-  KindState& state = gKinds[static_cast<int>(kind)];
-  int call = state.calls.fetch_add(1, std::memory_order_relaxed) + 1;
-  if (gArmedKinds.load(std::memory_order_acquire) == 0) return false;
-  int nth = state.nth.load(std::memory_order_acquire);
-  if (nth == 0) return false;
-  return state.persistent.load(std::memory_order_relaxed) ? call >= nth : call == nth;
-}
+int Calls(Kind kind) { return Valid(kind) ? gCalls[static_cast<int>(kind)].load(std::memory_order_relaxed) : 0; }
 
 }  // namespace faults
 

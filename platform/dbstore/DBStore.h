@@ -10,8 +10,9 @@
 // BEGIN IMMEDIATE. Journal mode is the rollback journal (never WAL): the backup is a copy of the
 // file, and a transaction over attached databases is atomic only outside WAL.
 // Connections are shared handles, statements unique handles; nothing is cached between calls.
-// No function here throws: results are statuses (0 success) or empty handles. Every failure is
-// logged at error priority with SQLite's message before the status is returned.
+// No function here throws: results are statuses (0 success) or empty handles. Failures are logged
+// at error priority, with SQLite's message, before the status is returned (a store file that does
+// not exist is the one exception: see GetConnection).
 // A connection is used by one thread at a time (opened without SQLite's own mutex).
 #pragma once
 
@@ -141,12 +142,12 @@ const char* SchemaStoreSql();
 // status; a failed Prepare gives an empty handle, a failed Commit leaves the transaction open,
 // Begin and Attach change nothing. Step counts each sqlite3_step of ExecuteStmt, Execute and the
 // key-value calls; Prepare counts internal::Prepare, also when called by Execute and the
-// key-value calls. Several kinds may be armed at once.
+// key-value calls. One kind is armed at a time: arming replaces what was armed before.
 namespace faults {
 
 enum class Kind { Prepare, Step, Begin, Commit, Attach, KvRead, KvWrite, Count_ };
 
-void Arm(Kind kind, int nth, bool persistent);  // also sets every count to zero
+void Arm(Kind kind, int nth, bool persistent);  // also sets every count to zero; nth < 1 arms nothing
 void Disarm();                 // all kinds off, counters to zero
 int Calls(Kind kind);          // calls of that kind seen since the last Arm/Disarm/ResetCounts
 void ResetCounts();

@@ -1,0 +1,458 @@
+// Registration, the update cycle, look-ups and listings of the schema store, on real store files.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/platform/schemastore/SchemaStoreTestSupport.h"
+
+namespace {
+
+using QorConfigStore::ConfigStoreException;
+using QorSchemaStore::GetSchema;
+using QorSchemaStore::SchemaObject;
+using QorSchemaStore::SchemaObjectId;
+using QorSchemaStore::SchemaStore;
+using sstest::Element;
+using sstest::kSchemaId;
+using Strings = std::vector<std::string>;
+
+class SchemaStoreTest : public sstest::SchemaStoreFixture {
+ protected:
+  // Rows of `sql` on a configuration-store connection with the schema store attached as "ss",
+  // the way the library's other parts read it; columns joined with "|".
+  static Strings QueryAttached(const std::string& sql) {
+    DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
+    EXPECT_TRUE(conn);
+    EXPECT_EQ(DBStore::AttachSchemaStore(conn), 0);
+    Strings rows;
+    Exec(conn, sql, &rows);
+    return rows;
+  }
+
+  static void Exec(const DBStore::Connection& conn, const std::string& sql, Strings* rows = nullptr) {
+    DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
+    ASSERT_TRUE(stmt) << sql;
+    auto collect = [](void* context, int argc, char** argv, char**) {
+      std::string row;
+      for (int i = 0; i < argc; ++i) row += (i ? "|" : "") + std::string(argv[i] ? argv[i] : "NULL");
+      static_cast<Strings*>(context)->push_back(row);
+      return 0;
+    };
+    ASSERT_EQ(DBStore::ExecuteStmt(conn, stmt, rows ? +collect : nullptr, rows, DBStore::kTimeoutMs), 0) << sql;
+  }
+
+  static std::string Message(const std::function<void()>& call) {
+    try {
+      call();
+    } catch (const ConfigStoreException& e) {
+      EXPECT_EQ(e.code(), 2000);
+      return e.what();
+    }
+    ADD_FAILURE() << "no exception";
+    return "";
+  }
+};
+
+const Element kFiles{"qor", "files", "kit-files", R"({"component": "qor", "group": "files", "key": "kit-files",
+  "files": [{"category": "config", "path": "/etc/net-core/net.conf"},
+            {"category": "vital", "path": "/etc/net-core/keys/host.key"}]})",
+                     false};
+const Element kDataFile{"qor", "datafiles", "certificates", R"({"component": "qor", "group": "datafiles",
+  "key": "certificates", "datafile": {"dirName": "certs", "category": "vital"}})",
+                        false};
+
+TEST_F(SchemaStoreTest, CommittedRegistrationIsSeenByANewStoreAndThroughTheAttachedStore) {
+  Register({sstest::Nuknics(), sstest::Hostname()});
+
+  auto store = SchemaStore::GetStore(false);
+  EXPECT_FALSE(store->IsForUpdate());
+  std::shared_ptr<SchemaObject> nuknics = GetSchema("qor", "network", "nuknics", store);
+  ASSERT_TRUE(nuknics);
+  EXPECT_EQ(nuknics->GetObjectId().toString(), "qor/network/nuknics");
+  EXPECT_EQ(nuknics->GetSchemaId(), kSchemaId);
+  EXPECT_EQ(nuknics->GetVersion(), "1.0");
+  EXPECT_EQ(nuknics->GetInstanceIdName(), "name");
+  EXPECT_FALSE(nuknics->IsSingleton());
+  EXPECT_FALSE(nuknics->IsGeneratedInstanceId());
+  EXPECT_TRUE(nuknics->IsDSPIntegrated());
+  EXPECT_EQ(nuknics->GetSmartnicValueType(), std::optional<std::string>("qor-shared"));
+  EXPECT_EQ(nuknics->GetSchemaValue()["properties"]["mtu"]["maximum"].GetInt(), 9000);
+
+  std::shared_ptr<SchemaObject> hostname = GetSchema("qor", "system", "hostname", store);
+  ASSERT_TRUE(hostname);
+  EXPECT_TRUE(hostname->IsSingleton());
+  EXPECT_EQ(hostname->GetInstanceIdName(), "");
+  EXPECT_EQ(hostname->GetSmartnicValueType(), std::nullopt);
+
+  EXPECT_EQ(GetSchema("qor", "network", "switches", store), nullptr);
+  EXPECT_EQ(GetSchema("qor", "system", "nuknics", store), nullptr);
+
+  EXPECT_EQ(QueryAttached("SELECT Component, ConfigGroup, Name FROM ss.SmartnicSchema WHERE ValueType = 'qor-shared'"),
+            Strings{"qor|network|nuknics"});
+  EXPECT_EQ(QueryAttached("SELECT Name, Singleton, DSPIntegrated, InstanceIdName FROM ss.ConfigSchema ORDER BY Name"),
+            (Strings{"hostname|1|0|", "nuknics|0|1|name"}));
+}
+
+TEST_F(SchemaStoreTest, AnOpenUpdateIsInvisibleToOtherStoresUntilCommitted) {
+  auto writer = SchemaStore::GetStore(true);
+  writer->BeginUpdate();
+  writer->ResetSchemas();
+  Set(writer, sstest::Nuknics());
+  EXPECT_TRUE(writer->GetSchema(SchemaObjectId("qor", "network", "nuknics")));  // its own update it sees
+  EXPECT_EQ(GetSchema("qor", "network", "nuknics", SchemaStore::GetStore(false)), nullptr);
+
+  writer->CommitUpdate();
+  EXPECT_TRUE(GetSchema("qor", "network", "nuknics", SchemaStore::GetStore(false)));
+}
+
+TEST_F(SchemaStoreTest, ACancelledOrAbandonedUpdateLeavesTheEarlierSchemasExactlyInPlace) {
+  Register({sstest::Nuknics(), kFiles, kDataFile});
+  const Strings before = Registered();
+  const Strings smartnicBefore = QueryAttached("SELECT * FROM ss.SmartnicSchema");
+
+  {
+    auto store = SchemaStore::GetStore(true);
+    store->BeginUpdate();
+    store->ResetSchemas();
+    Set(store, sstest::Hostname());
+    store->CancelUpdate();
+    store->CancelUpdate();  // nothing left to cancel: no effect
+  }
+  EXPECT_EQ(Registered(), before);
+  EXPECT_EQ(QueryAttached("SELECT * FROM ss.SmartnicSchema"), smartnicBefore);
+
+  {
+    auto store = SchemaStore::GetStore(true);
+    store->BeginUpdate();
+    store->ResetSchemas();
+    Set(store, sstest::Hostname());
+  }  // dropped with the update open
+  EXPECT_EQ(Registered(), before);
+  EXPECT_EQ(log_.Count("Schema store update cancelled"), 1u);
+}
+
+TEST_F(SchemaStoreTest, ResetAndRegisterAgainReplacesEveryTable) {
+  Register({sstest::Nuknics(), sstest::Hostname(), kFiles, kDataFile});
+  Element plainNuknics{"qor", "network", "nuknics", R"({"version": "2.0", "singleton": false,
+    "schema": {"properties": {"name": {"type": "string", "instanceId": true}}}})",
+                       false};
+  Register({plainNuknics}, "net-core-2.0.0_1.0");
+
+  EXPECT_EQ(Registered(), Strings{"qor/network/nuknics"});
+  auto nuknics = GetSchema("qor", "network", "nuknics", SchemaStore::GetStore(false));
+  ASSERT_TRUE(nuknics);
+  EXPECT_EQ(nuknics->GetVersion(), "2.0");
+  EXPECT_EQ(nuknics->GetSchemaId(), "net-core-2.0.0_1.0");
+  EXPECT_FALSE(nuknics->IsDSPIntegrated());
+  EXPECT_EQ(nuknics->GetSmartnicValueType(), std::nullopt);
+  EXPECT_TRUE(QueryAttached("SELECT * FROM ss.SmartnicSchema").empty());
+}
+
+TEST_F(SchemaStoreTest, RegisteringAKeyTwiceInOneUpdateKeepsTheLaterElement) {
+  Element withoutSmartnic = sstest::Nuknics();
+  withoutSmartnic.hasSmartnic = false;
+  withoutSmartnic.text.replace(withoutSmartnic.text.find("\"1.0\""), 5, "\"1.5\"");
+  Register({sstest::Nuknics(), withoutSmartnic});
+
+  EXPECT_EQ(QueryAttached("SELECT Version FROM ss.ConfigSchema"), Strings{"1.5"});
+  EXPECT_TRUE(QueryAttached("SELECT * FROM ss.SmartnicSchema").empty());
+}
+
+TEST_F(SchemaStoreTest, EachFlagAndListIsStoredInItsOwnColumn) {
+  using Getter = bool (SchemaObject::*)() const;
+  const std::vector<std::pair<std::string, Getter>> flags = {
+      {"noRestore", &SchemaObject::IsNoRestore},
+      {"preserveNonUser", &SchemaObject::IsPreserveNonUser},
+      {"dspIntegrated", &SchemaObject::IsDSPIntegrated},
+      {"mutableDefaultConfig", &SchemaObject::HasMutableDefaultConfig},
+  };
+  const std::string base =
+      R"({"version": "1.0", "schema": {"properties": {"name": {"type": "string", "instanceId": true}}})";
+  for (const auto& [member, unused] : flags) {
+    SCOPED_TRACE(member);
+    Register({{"qor", "g", "k", base + ", \"" + member + "\": true}", false}});
+    // Read back both ways: one key from the store, and the whole cache.
+    auto fromStore = GetSchema("qor", "g", "k", SchemaStore::GetStore(false));
+    auto fromCache = SchemaStore::GetCache()->GetSchema(SchemaObjectId("qor", "g", "k"));
+    ASSERT_TRUE(fromStore);
+    ASSERT_TRUE(fromCache);
+    for (const auto& [other, getter] : flags) {
+      EXPECT_EQ((fromStore.get()->*getter)(), other == member) << other;
+      EXPECT_EQ((fromCache.get()->*getter)(), other == member) << other;
+    }
+  }
+
+  Register({{"qor", "authentication", "user_accounts", base + R"(, "schemaType": 2,
+              "solutionUserInstances": ["svc-backup", "zcmuser"], "preserveInstanceIds": ["root", "nuk0"]})",
+             false}});
+  auto accounts = SchemaStore::GetCache()->GetSchema(SchemaObjectId("qor", "authentication", "user_accounts"));
+  ASSERT_TRUE(accounts);
+  EXPECT_EQ(accounts->GetSchemaType(), 2);
+  EXPECT_EQ(accounts->GetSolutionUserInstances(), (Strings{"svc-backup", "zcmuser"}));
+  EXPECT_EQ(accounts->GetPreservedInstanceIds(), (Strings{"root", "nuk0"}));
+  EXPECT_FALSE(accounts->IsNoRestore());
+
+  Register({sstest::Hostname()});
+  auto hostname = SchemaStore::GetCache()->GetSchema(SchemaObjectId("qor", "system", "hostname"));
+  ASSERT_TRUE(hostname);
+  EXPECT_EQ(hostname->GetSchemaType(), 0);
+  EXPECT_TRUE(hostname->GetSolutionUserInstances().empty());
+  EXPECT_TRUE(hostname->GetPreservedInstanceIds().empty());
+}
+
+TEST_F(SchemaStoreTest, GeneratedInstanceIdsAreRecognised) {
+  Register({sstest::Rules()});
+  auto rules = GetSchema("qor", "firewall", "rules", SchemaStore::GetStore(false));
+  ASSERT_TRUE(rules);
+  EXPECT_EQ(rules->GetInstanceIdName(), QorSchemaStore::kGeneratedIdMember);
+  EXPECT_TRUE(rules->IsGeneratedInstanceId());
+  EXPECT_FALSE(rules->IsSingleton());
+}
+
+TEST_F(SchemaStoreTest, DeclaredFilesAndDataFileKeysAreListedByKind) {
+  Register({sstest::Nuknics(), kFiles, kDataFile});
+  auto store = SchemaStore::GetStore(false);
+
+  auto files = store->GetSchemaObjects(QorSchemaStore::kKindFiles);
+  ASSERT_EQ(files.size(), 2u);
+  const std::pair<std::string, std::string> expected[] = {{"config", "/etc/net-core/net.conf"},
+                                                          {"vital", "/etc/net-core/keys/host.key"}};
+  for (size_t i = 0; i < files.size(); ++i) {
+    bool isFile = false;
+    std::string category, path;
+    EXPECT_EQ(files[i]->IsFileEntry(&isFile), 0);
+    EXPECT_TRUE(isFile);
+    EXPECT_EQ(files[i]->GetFileCategory(&category), 0);
+    EXPECT_EQ(files[i]->GetFilePath(&path), 0);
+    EXPECT_EQ(std::make_pair(category, path), expected[i]);
+    EXPECT_EQ(files[i]->GetSchemaId(), kSchemaId);
+  }
+
+  auto dataFiles = store->GetSchemaObjects(QorSchemaStore::kKindDataFiles);
+  ASSERT_EQ(dataFiles.size(), 1u);
+  bool isFile = true;
+  std::string dirName, category, path;
+  EXPECT_EQ(dataFiles[0]->IsFileEntry(&isFile), 0);
+  EXPECT_FALSE(isFile);
+  EXPECT_EQ(dataFiles[0]->GetFilePath(&path), 1);
+  EXPECT_EQ(dataFiles[0]->GetDataFileDirName(&dirName), 0);
+  EXPECT_EQ(dataFiles[0]->GetFileCategory(&category), 0);
+  EXPECT_EQ(dirName, "certs");
+  EXPECT_EQ(category, "vital");
+  EXPECT_EQ(dataFiles[0]->GetObjectId(), SchemaObjectId("qor", "", "certificates"));
+  EXPECT_EQ(QueryAttached("SELECT Component, KEY, DirName FROM ss.DataFileSchema"), Strings{"qor|certificates|certs"});
+
+  auto config = store->GetSchemaObjects(QorSchemaStore::kKindConfig);
+  ASSERT_EQ(config.size(), 1u);
+  EXPECT_EQ(config[0]->IsFileEntry(&isFile), 0);
+  EXPECT_FALSE(isFile);
+  EXPECT_EQ(config[0]->GetFileCategory(&category), 1);
+  EXPECT_EQ(config[0]->IsFileEntry(nullptr), 1);
+
+  // Elements of the other kinds are no configuration keys.
+  EXPECT_EQ(GetSchema("qor", "files", "kit-files", store), nullptr);
+  EXPECT_EQ(GetSchema("qor", "datafiles", "certificates", store), nullptr);
+  EXPECT_EQ(Message([&] { store->GetSchemaObjects("file"); }), "Unknown schema object kind \"file\"");
+}
+
+struct RefusedCase {
+  const char* label;
+  std::string key;
+  std::string text;
+  bool hasSmartnic;
+  std::string reason;
+};
+
+std::string Nested(int depth) { return std::string(depth, '[') + std::string(depth, ']'); }
+
+const std::string kId = R"("properties": {"name": {"type": "string", "instanceId": true}})";
+
+const std::vector<RefusedCase> kRefused = {
+    {"not JSON", "k", R"({"version": )", false, "it is not JSON ("},
+    {"not an object", "k", "[1]", false, "the element is not an object"},
+    {"no version", "k", R"({"schema": {}})", false, "\"version\" is missing"},
+    {"version a number", "k", R"({"version": 1, "schema": {}})", false, "\"version\" is not a string"},
+    {"version with NUL", "k", R"({"version": "1\u0000", "schema": {}})", false, "\"version\" holds a NUL character"},
+    {"no schema", "k", R"({"version": "1"})", false, "\"schema\" is missing"},
+    {"schema a string", "k", R"({"version": "1", "schema": "x"})", false, "\"schema\" is not an object"},
+    {"properties an array", "k", R"({"version": "1", "schema": {"properties": []}})", false,
+     "\"schema\".\"properties\" is not an object"},
+    {"property a number", "k", R"({"version": "1", "schema": {"properties": {"a": 1}}})", false,
+     "property \"a\" is not an object"},
+    {"singleton a string", "k", R"({"version": "1", "singleton": "yes", "schema": {}})", false,
+     "\"singleton\" is not a boolean"},
+    {"singleton with an id", "k", R"({"version": "1", "singleton": true, "schema": {)" + kId + "}}", false,
+     "\"singleton\" is true but the schema has the instance id property \"name\""},
+    {"instances without an id", "k", R"({"version": "1", "singleton": false, "schema": {}})", false,
+     "\"singleton\" is false but no property of the schema has \"instanceId\": true"},
+    {"two ids", "k",
+     R"({"version": "1", "schema": {"properties": {"a": {"instanceId": true}, "b": {"instanceId": true}}}})", false,
+     "more than one instance id property (\"a\" and \"b\")"},
+    {"id an integer", "k",
+     R"({"version": "1", "schema": {"properties": {"a": {"type": "integer", "instanceId": true}}}})", false,
+     "property \"a\" is the instance id and must be of type \"string\""},
+    {"instanceId a string", "k", R"({"version": "1", "schema": {"properties": {"a": {"instanceId": "yes"}}}})", false,
+     "property \"a\" has an \"instanceId\" that is not a boolean"},
+    {"generated id misnamed", "k",
+     R"({"version": "1", "schema": {"properties": {"uuid": {"instanceId": true, "generatedId": true}}}})", false,
+     "property \"uuid\" is a generated instance id and must be named \"cs_generated_id\""},
+    {"generated but no id", "k",
+     R"({"version": "1", "schema": {"properties": {"cs_generated_id": {"generatedId": true}}}})", false,
+     "property \"cs_generated_id\" is \"generatedId\" but not \"instanceId\""},
+    {"reserved name as plain id", "k",
+     R"({"version": "1", "schema": {"properties": {"cs_generated_id": {"instanceId": true}}}})", false,
+     "property \"cs_generated_id\" is reserved for generated instance ids and needs \"generatedId\": true"},
+    {"generated id required", "k",
+     R"({"version": "1", "schema": {"required": ["cs_generated_id"],
+         "properties": {"cs_generated_id": {"instanceId": true, "generatedId": true}}}})",
+     false, "\"cs_generated_id\" must not be \"required\""},
+    {"schemaType out of range", "k", R"({"version": "1", "schemaType": 7, "schema": {}})", false,
+     "\"schemaType\" is not 0, 1 or 2"},
+    {"schemaType fractional", "k", R"({"version": "1", "schemaType": 1.5, "schema": {}})", false,
+     "\"schemaType\" is not 0, 1 or 2"},
+    {"solution users not an array", "k", R"({"version": "1", "solutionUserInstances": "svc", "schema": {}})", false,
+     "\"solutionUserInstances\" is not an array"},
+    {"solution user a number", "k", R"({"version": "1", "solutionUserInstances": [1], "schema": {}})", false,
+     "\"solutionUserInstances\" holds an item that is not a non-empty string"},
+    {"preserved ids on a singleton", "k", R"({"version": "1", "preserveInstanceIds": ["a"], "schema": {}})", false,
+     "\"preserveInstanceIds\" needs a schema whose instance id is neither absent nor generated"},
+    {"smartnic a string", "k", R"({"version": "1", "smartnic": "qor-shared", "schema": {}})", true,
+     "\"smartnic\" is not an object"},
+    {"smartnic without schema", "k", R"({"version": "1", "smartnic": {}, "schema": {}})", true,
+     "\"smartnic\": \"schema\" is missing"},
+    {"smartnic announced, absent", "k", R"({"version": "1", "schema": {}})", true, "\"smartnic\" is missing"},
+    {"data-file dir leads out", "k", R"({"datafile": {"dirName": "../etc", "category": "vital"}})", false,
+     "\"datafile\": \"dirName\" \"../etc\" is not a plain directory name"},
+    {"data-file category unknown", "k", R"({"datafile": {"dirName": "certs", "category": "temp"}})", false,
+     "\"datafile\": \"category\" is \"temp\", not \"vital\", \"cached\" or \"config\""},
+    {"data-file not an object", "k", R"({"datafile": "certs"})", false, "\"datafile\" is not an object"},
+    {"files not an array", "k", R"({"files": {}})", false, "\"files\" is not an array"},
+    {"file path relative", "k", R"({"files": [{"category": "vital", "path": "etc/x"}]})", false,
+     "\"files\"[0]: \"path\" \"etc/x\" is not a clean absolute path"},
+    {"file path climbing", "k", R"({"files": [{"category": "vital", "path": "/etc/../shadow"}]})", false,
+     "\"files\"[0]: \"path\" \"/etc/../shadow\" is not a clean absolute path"},
+    {"second file without category", "k", R"({"files": [{"category": "vital", "path": "/etc/a"}, {"path": "/etc/b"}]})",
+     false, "\"files\"[1]: \"category\" is missing"},
+    {"two kinds at once", "k", R"({"version": "1", "schema": {}, "files": []})", false,
+     "only one of \"schema\", \"datafile\" and \"files\" may be given"},
+    {"component disagrees", "k", R"({"component": "other", "version": "1", "schema": {}})", false,
+     "\"component\" does not match the element it is registered as"},
+    {"hostile nesting", "k", R"({"version": "1", "schema": {"default": )" + Nested(200) + "}}", false,
+     "it is nested more than 128 levels deep"},
+    {"empty key", "", R"({"version": "1", "schema": {}})", false, "component, group and key must not be empty"},
+};
+
+TEST_F(SchemaStoreTest, RefusedElementsNameElementAndReasonAndRegisterNothing) {
+  for (const RefusedCase& c : kRefused) {
+    SCOPED_TRACE(c.label);
+    auto store = SchemaStore::GetStore(true);
+    store->BeginUpdate();
+    store->ResetSchemas();
+    Set(store, sstest::Hostname());
+    std::string message = Message([&] { Set(store, {"qor", "g", c.key, c.text, c.hasSmartnic}); });
+    std::string expected = "Schema element qor/g/" + c.key + " of " + kSchemaId + " is refused: " + c.reason;
+    EXPECT_EQ(message.substr(0, expected.size()), expected);
+    store->CommitUpdate();  // the refusal does not spoil the update
+    EXPECT_EQ(Registered(), Strings{"qor/system/hostname"});
+  }
+}
+
+TEST_F(SchemaStoreTest, UpdateOperationsOutOfOrderAreRefused) {
+  auto reader = SchemaStore::GetStore(false);
+  EXPECT_EQ(Message([&] { reader->BeginUpdate(); }), "The schema store was opened read-only and cannot be updated");
+
+  auto store = SchemaStore::GetStore(true);
+  EXPECT_EQ(Message([&] { Set(store, sstest::Hostname()); }), "SetSchema needs a schema store update in progress");
+  EXPECT_EQ(Message([&] { store->ResetSchemas(); }), "ResetSchemas needs a schema store update in progress");
+  EXPECT_EQ(Message([&] { store->CommitUpdate(); }), "CommitUpdate needs a schema store update in progress");
+  store->BeginUpdate();
+  EXPECT_EQ(Message([&] { store->BeginUpdate(); }), "A schema store update is already in progress");
+  store->CancelUpdate();
+
+  EXPECT_EQ(Message([] { GetSchema("qor", "g", "k", nullptr); }), "No schema store to look up qor/g/k in");
+  EXPECT_EQ(Message([] { QorSchemaStore::SetSchema(kSchemaId, "qor", "g", "k", "{}", nullptr, false); }),
+            "No schema store to register qor/g/k in");
+}
+
+TEST_F(SchemaStoreTest, AnElementWhoseWriteFailsLeavesNoRowOfIt) {
+  auto store = SchemaStore::GetStore(true);
+  store->BeginUpdate();
+  store->ResetSchemas();
+  Set(store, sstest::Hostname());
+  // Steps: SAVEPOINT, first file row, second file row (fails), ROLLBACK TO, RELEASE.
+  DBStore::faults::Arm(DBStore::faults::Kind::Step, 3, false);
+  EXPECT_EQ(Message([&] { Set(store, kFiles); }),
+            "Failed to register schema element qor/files/kit-files of " + std::string(kSchemaId));
+  DBStore::faults::Disarm();
+  store->CommitUpdate();
+  EXPECT_EQ(Registered(), Strings{"qor/system/hostname"});
+}
+
+TEST_F(SchemaStoreTest, AnUpdateThatCouldNotUndoAnElementIsNeverCommitted) {
+  Register({sstest::Nuknics()});
+  auto store = SchemaStore::GetStore(true);
+  store->BeginUpdate();
+  store->ResetSchemas();
+  DBStore::faults::Arm(DBStore::faults::Kind::Step, 3, true);  // the rollback to the savepoint fails too
+  EXPECT_EQ(Message([&] { Set(store, kFiles); }),
+            "Failed to register schema element qor/files/kit-files of " + std::string(kSchemaId));
+  DBStore::faults::Disarm();
+  EXPECT_EQ(Message([&] { store->CommitUpdate(); }),
+            "The schema store update holds a partly written element and cannot be committed");
+  store->CancelUpdate();
+  EXPECT_EQ(Registered(), Strings{"qor/network/nuknics"});
+}
+
+TEST_F(SchemaStoreTest, AFailedCommitCanStillBeCancelled) {
+  Register({sstest::Nuknics()});
+  auto store = SchemaStore::GetStore(true);
+  store->BeginUpdate();
+  store->ResetSchemas();
+  Set(store, sstest::Hostname());
+  DBStore::faults::Arm(DBStore::faults::Kind::Commit, 1, false);
+  EXPECT_EQ(Message([&] { store->CommitUpdate(); }), "Failed to commit the schema store update");
+  DBStore::faults::Disarm();
+  store->CancelUpdate();
+  EXPECT_EQ(Registered(), Strings{"qor/network/nuknics"});
+}
+
+TEST_F(SchemaStoreTest, TheCacheAnswersWithoutTheDatabaseOnceLoaded) {
+  Register({sstest::Nuknics(), sstest::Hostname(), sstest::Rules(), kFiles, kDataFile});
+  auto cache = SchemaStore::GetCache();
+  Remove("/var/lib/talvex/schemastore/schema-store");
+
+  Strings ids;
+  for (const auto& [id, object] : cache->GetAll()) ids.push_back(id.toString() + "=" + object->GetVersion());
+  EXPECT_EQ(ids, (Strings{"qor/firewall/rules=1.1", "qor/network/nuknics=1.0", "qor/system/hostname=2.0"}));
+  EXPECT_EQ(cache->GetSchema(SchemaObjectId("qor", "network", "nuknics"))->GetInstanceIdName(), "name");
+  EXPECT_EQ(cache->GetSchema(SchemaObjectId("qor", "network", "switches")), nullptr);
+
+  std::string missing = "Schema store " + Path("/var/lib/talvex/schemastore/schema-store") + " does not exist";
+  EXPECT_EQ(Message([] { SchemaStore::GetStore(false); }), missing);
+  EXPECT_EQ(Message([] { SchemaStore::GetCache(); }), missing);
+}
+
+TEST_F(SchemaStoreTest, DamagedStoreContentIsReportedAsAnError) {
+  Register({sstest::Nuknics(), sstest::Hostname()});
+  DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
+  ASSERT_EQ(DBStore::AttachSchemaStore(conn), 0);
+  Exec(conn, "UPDATE ss.ConfigSchema SET SchemaJson = '{' WHERE Name = 'nuknics'");
+  Exec(conn, "UPDATE ss.ConfigSchema SET PreservedInstanceIds = '[1]' WHERE Name = 'hostname'");
+  auto store = SchemaStore::GetStore(false);
+
+  EXPECT_EQ(Message([&] { GetSchema("qor", "network", "nuknics", store); }),
+            "Schema store holds an unreadable schema for qor/network/nuknics");
+  EXPECT_EQ(Message([&] { GetSchema("qor", "system", "hostname", store); }),
+            "Schema store holds an unreadable PreservedInstanceIds for qor/system/hostname");
+  EXPECT_EQ(Message([] { SchemaStore::GetCache(); }).substr(0, 35), "Schema store holds an unreadable sc");
+
+  WriteFile("/var/lib/talvex/schemastore/schema-store", "not a database, just text of some length..........");
+  std::string message = Message([] { SchemaStore::GetStore(false); });
+  EXPECT_EQ(message.rfind("Failed to open schema store " + Path("/var/lib/talvex/schemastore/schema-store") + ": ", 0),
+            0u)
+      << message;
+}
+
+}  // namespace

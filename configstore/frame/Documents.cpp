@@ -3,8 +3,10 @@
 #include <fstream>
 #include <sstream>
 
+#include <rapidjson/memorystream.h>
+
 #include "configstore/frame/CallFrame.h"
-#include "platform/schemastore/SchemaStore.h"
+#include "platform/schemastore/SchemaObject.h"
 #include "platform/validator/ConfigStoreDocument.h"
 #include "platform/validator/JsonValidator.h"
 
@@ -35,10 +37,13 @@ int NestingDepth(const std::string& text) {
   return deepest;
 }
 
-// Parses `text` into `doc`; false on any parse error or excessive nesting.
+// Parses `text` into `doc`; false on any parse error or excessive nesting. The text is read as a
+// plain memory stream: rapidjson would take a NUL byte for the end of the input (JSON text never
+// holds a raw NUL), and its length-taking Parse skips any prefix of a byte-order mark.
 bool ParseInto(JsonDoc& doc, const std::string& text) {
-  if (NestingDepth(text) > kMaxJsonDepth) return false;
-  doc.document->Parse(text.data(), text.size());
+  if (text.find('\0') != std::string::npos || NestingDepth(text) > kMaxJsonDepth) return false;
+  rapidjson::MemoryStream stream(text.data(), text.size());
+  doc.document->ParseStream<rapidjson::kParseDefaultFlags | rapidjson::kParseIterativeFlag>(stream);
   return !doc.document->HasParseError();
 }
 

@@ -43,9 +43,9 @@ int RunMetrics(const cli::Invocation& inv) {
         row.AddMember("component", rapidjson::Value(f[0].c_str(), a), a);
         row.AddMember("group", rapidjson::Value(f[1].c_str(), a), a);
         row.AddMember("key", rapidjson::Value(f[2].c_str(), a), a);
-        row.AddMember("vitalSize", std::stoll(f[3]), a);
-        row.AddMember("userSize", std::stoll(f[4]), a);
-        row.AddMember("cachedSize", std::stoll(f[5]), a);
+        row.AddMember("vitalSize", static_cast<int64_t>(std::stoll(f[3])), a);
+        row.AddMember("userSize", static_cast<int64_t>(std::stoll(f[4])), a);
+        row.AddMember("cachedSize", static_cast<int64_t>(std::stoll(f[5])), a);
         list.PushBack(row, a);
       }
       d.AddMember("rows", list, a);

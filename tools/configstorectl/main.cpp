@@ -7,7 +7,6 @@
 #include "configstore/frame/ConfigStoreException.h"
 #include "platform/host/HostRoot.h"
 #include "platform/logging/CSLogger.h"
-#include "rapidjson/prettywriter.h"
 #include "tools/configstorectl/Cli.h"
 
 namespace cli {

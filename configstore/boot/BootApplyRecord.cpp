@@ -1,0 +1,83 @@
+#include "configstore/boot/BootApplyRecord.h"
+
+#include <cstring>
+
+#include "configstore/frame/CallFrame.h"
+#include "platform/validator/ConfigStoreDocument.h"
+
+namespace QorConfigStore {
+namespace {
+
+const char* kBootApplyResultKey = "BOOT_APPLY_RESULT";
+
+int FailureRowCallback(void* context, int argc, char** argv, char** columnNames) {
+  FailureRecord record;
+  for (int i = 0; i < argc; ++i) {
+    const char* value = argv[i] ? argv[i] : "";
+    if (std::strcmp(columnNames[i], "Component") == 0) record.Component = value;
+    else if (std::strcmp(columnNames[i], "ConfigGroup") == 0) record.ConfigGroup = value;
+    else if (std::strcmp(columnNames[i], "Name") == 0) record.Name = value;
+  }
+  static_cast<std::vector<FailureRecord>*>(context)->push_back(std::move(record));
+  return 0;
+}
+
+void DetachLogged(const DBStore::Connection& conn) {
+  if (DBStore::DetachSchemaStore(conn) != 0) CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to detach schema store");
+}
+
+}  // namespace
+
+void clearBootApplyRecord() {
+  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
+  (void)DBStore::WriteKeyValue(kBootApplyResultKey, "{\"isBootComplete\":false}", conn);
+}
+
+void setBootApplyRecord(std::string record) {
+  rapidjson::Document doc(rapidjson::kObjectType);
+  auto& alloc = doc.GetAllocator();
+  doc.AddMember("isBootComplete", true, alloc);
+  doc.AddMember("bootApplyRecord",
+                rapidjson::Value(record.c_str(), static_cast<rapidjson::SizeType>(record.size()), alloc), alloc);
+  std::string text;
+  ConfigStoreDocument::SerializeValue(doc, text);
+  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
+  (void)DBStore::WriteKeyValue(kBootApplyResultKey, text, conn);
+}
+
+rapidjson::Document getBootApplyRecord() {
+  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
+  std::string text;
+  if (DBStore::ReadKeyValue(kBootApplyResultKey, &text, conn) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to read BOOT_APPLY_RESULT from database.");
+  }
+  rapidjson::Document doc;
+  doc.Parse(text.c_str(), text.size());
+  if (doc.HasParseError()) ThrowException<InvalidArgumentException>(CS_ERR_JSON_PARSE_STRING);
+  return doc;
+}
+
+std::vector<FailureRecord> GetBootTimeRestoreFailures() {
+  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
+  if (DBStore::AttachSchemaStore(conn) != 0) throw ConfigStoreException(CS_ERR_GENERIC, "Failed to attach schema store");
+  std::vector<FailureRecord> failures;
+  try {
+    DBStore::Statement stmt = DBStore::internal::Prepare(
+        conn,
+        "SELECT c.Name, c.Component, c.ConfigGroup, c.Identifier FROM Config c, ss.ConfigSchema AS s "
+        "WHERE c.Name = s.Name AND c.Component = s.Component AND c.ConfigGroup = s.ConfigGroup "
+        "AND s.DSPIntegrated = 1 AND c.Success = 0 AND (s.SchemaType = 0 OR s.SchemaType = 2) "
+        "AND c.UserValue IS NOT NULL;",
+        DBStore::kTimeoutMs);
+    if (DBStore::ExecuteStmt(conn, stmt, FailureRowCallback, &failures, DBStore::kTimeoutMs) != 0) {
+      throw ConfigStoreException(CS_ERR_GENERIC, "Failed to read from config store.");
+    }
+  } catch (const std::exception&) {
+    DetachLogged(conn);
+    throw;
+  }
+  DetachLogged(conn);
+  return failures;
+}
+
+}  // namespace QorConfigStore

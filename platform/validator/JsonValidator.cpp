@@ -1,0 +1,129 @@
+#include "platform/validator/JsonValidator.h"
+
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+
+#include "platform/logging/CSLogger.h"
+#include "platform/validator/CompiledSchema.h"
+#include "platform/validator/ConfigStoreDocument.h"
+
+namespace JsonValidator {
+namespace {
+
+// More keys than a host has schemas: reaching it means keys are made up per call; start afresh.
+constexpr size_t kMaxCacheEntries = 20000;
+
+struct CacheEntry {
+  std::string schemaText;  // guards against two schemas with the same fingerprint
+  std::shared_ptr<const detail::CompiledSchema> compiled;
+};
+
+struct Cache {
+  std::mutex mutex;
+  std::unordered_map<std::string, CacheEntry> entries;  // key: name, rules, fingerprint
+  CacheStatistics stats;
+  RemoteResolver resolver;
+};
+
+Cache& TheCache() {
+  static Cache cache;
+  return cache;
+}
+
+detail::Checks ChecksFor(const std::set<int>& rules) {
+  detail::Checks checks;
+  checks.draft = rules.count(2) != 0;
+  checks.types = checks.draft || rules.count(0) != 0;
+  checks.required = checks.draft || rules.count(1) != 0;
+  checks.values = checks.draft || rules.count(8) != 0;
+  checks.unknownRefused = !checks.draft && rules.count(7) != 0;
+  checks.idAlways = rules.count(3) != 0;
+  checks.idUnlessGenerated = rules.count(4) != 0;
+  return checks;
+}
+
+std::shared_ptr<const detail::CompiledSchema> CompiledFor(const rapidjson::Value& schema, const std::set<int>& rules,
+                                                          const std::string& name) {
+  std::string text;
+  ConfigStoreDocument::SerializeValue(schema, text);
+  std::string key = name;
+  key += '\0';
+  for (int rule : rules) key += std::to_string(rule) + ",";
+  key += '\0';
+  key += std::to_string(std::hash<std::string>()(text));
+
+  Cache& cache = TheCache();
+  RemoteResolver resolver;
+  {
+    std::lock_guard<std::mutex> lock(cache.mutex);
+    auto found = cache.entries.find(key);
+    if (found != cache.entries.end() && found->second.schemaText == text) {
+      ++cache.stats.hits;
+      return found->second.compiled;
+    }
+    resolver = cache.resolver;
+  }
+  // Compiled outside the lock: other keys go on being served meanwhile.
+  std::shared_ptr<const detail::CompiledSchema> compiled = detail::Compile(schema, resolver);
+  if (!compiled->error.empty()) {
+    CSLogger::Log(CSLogger::PRIO_WARNING, "Invalid schema %s: %s", name.c_str(), compiled->error.c_str());
+  }
+  std::lock_guard<std::mutex> lock(cache.mutex);
+  if (cache.entries.size() >= kMaxCacheEntries) cache.entries.clear();
+  cache.entries[key] = CacheEntry{std::move(text), compiled};
+  ++cache.stats.compiles;
+  return compiled;
+}
+
+void AddError(rapidjson::Document& errors, const std::string& field, const std::string& error) {
+  auto& a = errors.GetAllocator();
+  rapidjson::Value entry(rapidjson::kObjectType);
+  entry.AddMember("field", rapidjson::Value(field.c_str(), static_cast<rapidjson::SizeType>(field.size()), a), a);
+  entry.AddMember("error", rapidjson::Value(error.c_str(), static_cast<rapidjson::SizeType>(error.size()), a), a);
+  errors.PushBack(entry, a);
+}
+
+}  // namespace
+
+void Validate(const rapidjson::Value& schema, const rapidjson::Value& value, rapidjson::Document& errors,
+              const std::set<int>& rules, const std::string& name) {
+  errors.SetArray();
+  try {
+    std::shared_ptr<const detail::CompiledSchema> compiled = CompiledFor(schema, rules, name);
+    if (!compiled->error.empty()) {
+      AddError(errors, "", "invalid schema" + (name.empty() ? std::string() : " " + name) + ": " + compiled->error);
+      return;
+    }
+    for (const detail::FieldError& e : detail::CheckValue(*compiled, value, ChecksFor(rules))) {
+      AddError(errors, e.field, e.error);
+    }
+  } catch (const std::exception& e) {  // allocation failure: still an answer, never a throw
+    errors.SetArray();
+    AddError(errors, "", std::string("validation failed: ") + e.what());
+  }
+}
+
+void SetRemoteResolver(RemoteResolver resolver) {
+  Cache& cache = TheCache();
+  std::lock_guard<std::mutex> lock(cache.mutex);
+  cache.resolver = std::move(resolver);
+  cache.entries.clear();
+}
+
+CacheStatistics CacheStats() {
+  Cache& cache = TheCache();
+  std::lock_guard<std::mutex> lock(cache.mutex);
+  CacheStatistics stats = cache.stats;
+  stats.entries = cache.entries.size();
+  return stats;
+}
+
+void ClearCache() {
+  Cache& cache = TheCache();
+  std::lock_guard<std::mutex> lock(cache.mutex);
+  cache.entries.clear();
+  cache.stats = CacheStatistics();
+}
+
+}  // namespace JsonValidator

@@ -1,0 +1,369 @@
+// Compile: copies the schema (and every remote schema it refers to) into the compiled result,
+// indexes the "id" base URIs, resolves "$ref" and compiles the patterns, once per cache key.
+#include <cmath>
+#include <unordered_set>
+
+#include "platform/validator/CompiledSchema.h"
+#include "platform/validator/EcmaPattern.h"
+#include "platform/validator/SchemaUri.h"
+
+namespace JsonValidator::detail {
+namespace {
+
+using rapidjson::Value;
+
+struct SchemaError {
+  std::string message;
+};
+
+// Where a schema object sits: its base URI (after "id") and a readable location ("#/properties/a").
+struct Place {
+  std::string base;
+  std::string location;
+};
+
+std::string EscapePointerToken(const std::string& token) {
+  std::string out;
+  for (char c : token) {
+    if (c == '~') out += "~0";
+    else if (c == '/') out += "~1";
+    else out += c;
+  }
+  return out;
+}
+
+std::string Name(const Value& name) { return std::string(name.GetString(), name.GetStringLength()); }
+
+class Compiler {
+ public:
+  Compiler(CompiledSchema& out, const RemoteResolver& resolver) : out_(out), resolver_(resolver) {}
+
+  void Run(const Value& schema) {
+    const Value& root = Load(schema, "");
+    out_.root = CompileAt(root, Place{"", "#"});
+    for (size_t i = 0; i < pendingDefinitions_.size(); ++i) CompileDefinitions(*pendingDefinitions_[i]);
+    RefuseRefCycles();
+  }
+
+ private:
+  // Copies a schema document into the result and indexes it under `uri` (no fragment).
+  const Value& Load(const Value& source, const std::string& uri) {
+    if (DepthExceeds(source, 2 * kMaxDepth)) {
+      throw SchemaError{"the schema " + (uri.empty() ? std::string() : "\"" + uri + "\" ") + "nests deeper than " +
+                        std::to_string(2 * kMaxDepth) + " levels"};
+    }
+    rapidjson::Document& copy = out_.documents.emplace_back();
+    copy.CopyFrom(source, copy.GetAllocator());
+    byUri_.emplace(uri, &copy);
+    Index(copy, Place{uri, uri + "#"});
+    return copy;
+  }
+
+  // Records the base URI of every schema object reachable through schema keywords, and the
+  // objects that "id" names. Values of "enum" and unknown keywords are not schemas: an "id" inside
+  // them names nothing.
+  void Index(const Value& schema, Place place) {
+    if (!schema.IsObject() || places_.count(&schema) != 0) return;
+    auto id = schema.FindMember("id");
+    if (id != schema.MemberEnd() && id->value.IsString() && !schema.HasMember("$ref")) {
+      place.base = ResolveUri(place.base, Name(id->value));
+      std::string key = place.base;
+      if (!key.empty() && key.back() == '#') key.pop_back();
+      byUri_.emplace(key, &schema);
+    }
+    places_[&schema] = place;
+    for (const char* keyword : {"properties", "patternProperties", "definitions", "dependencies"}) {
+      auto map = schema.FindMember(keyword);
+      if (map == schema.MemberEnd() || !map->value.IsObject()) continue;
+      for (auto& m : map->value.GetObject()) {
+        Index(m.value, Place{place.base, place.location + "/" + keyword + "/" + EscapePointerToken(Name(m.name))});
+      }
+    }
+    for (const char* keyword : {"items", "additionalItems", "additionalProperties", "not", "allOf", "anyOf", "oneOf"}) {
+      auto sub = schema.FindMember(keyword);
+      if (sub == schema.MemberEnd()) continue;
+      std::string at = place.location + "/" + keyword;
+      if (sub->value.IsArray()) {
+        for (rapidjson::SizeType i = 0; i < sub->value.Size(); ++i) {
+          Index(sub->value[i], Place{place.base, at + "/" + std::to_string(i)});
+        }
+      } else {
+        Index(sub->value, Place{place.base, at});
+      }
+    }
+  }
+
+  const Value& Fetch(const std::string& document, const std::string& reference, const std::string& location) {
+    auto known = byUri_.find(document);
+    if (known != byUri_.end()) return *known->second;
+    const Value* remote = (resolver_ && fetched_.insert(document).second) ? resolver_(document) : nullptr;
+    if (remote == nullptr) {
+      throw SchemaError{"cannot resolve $ref \"" + reference + "\" at " + location};
+    }
+    return Load(*remote, document);
+  }
+
+  const Value& ResolveRef(const std::string& reference, const Place& place) {
+    std::string uri = ResolveUri(place.base, reference);
+    std::string document, fragment;
+    SplitFragment(uri, document, fragment);
+    if (!fragment.empty() && fragment[0] != '/') {  // a plain name, defined by an "id": "#name"
+      std::string key = document + "#" + fragment;
+      if (byUri_.count(key) == 0) Fetch(document, reference, place.location);
+      auto named = byUri_.find(key);
+      if (named == byUri_.end()) throw SchemaError{"cannot resolve $ref \"" + reference + "\" at " + place.location};
+      return *named->second;
+    }
+    const Value* target = &Fetch(document, reference, place.location);
+    std::string pointer = PercentDecode(fragment);
+    size_t pos = 0;
+    while (pos < pointer.size()) {  // pointer[pos] == '/'
+      size_t end = pointer.find('/', pos + 1);
+      std::string token = pointer.substr(pos + 1, end == std::string::npos ? std::string::npos : end - pos - 1);
+      for (size_t i = 0; (i = token.find('~', i)) != std::string::npos; ++i) {
+        if (i + 1 < token.size() && token[i + 1] == '1') token.replace(i, 2, "/");
+        else if (i + 1 < token.size() && token[i + 1] == '0') token.replace(i, 2, "~");
+      }
+      const Value* next = nullptr;
+      if (target->IsObject()) {
+        auto m = target->FindMember(Value(token.c_str(), static_cast<rapidjson::SizeType>(token.size())));
+        if (m != target->MemberEnd()) next = &m->value;
+      } else if (target->IsArray() && !token.empty() && token.find_first_not_of("0123456789") == std::string::npos &&
+                 token.size() < 10 && std::stoul(token) < target->Size()) {
+        next = &(*target)[static_cast<rapidjson::SizeType>(std::stoul(token))];
+      }
+      if (next == nullptr) throw SchemaError{"$ref \"" + reference + "\" at " + place.location + " points to nothing"};
+      target = next;
+      pos = end == std::string::npos ? pointer.size() : end;
+    }
+    return *target;
+  }
+
+  const Node* CompileChild(const Value& schema, const Place& parent, const std::string& suffix) {
+    auto known = places_.find(&schema);
+    return CompileAt(schema, known != places_.end() ? known->second : Place{parent.base, parent.location + suffix});
+  }
+
+  const Node* CompileAt(const Value& schema, const Place& place) {
+    if (auto done = compiled_.find(&schema); done != compiled_.end()) return done->second;
+    if (!schema.IsObject()) throw SchemaError{place.location + ": a schema must be an object"};
+    if (depth_ >= 2 * kMaxDepth) {
+      throw SchemaError{place.location + ": schemas and references nest deeper than " + std::to_string(2 * kMaxDepth) +
+                        " levels"};
+    }
+    Node& node = out_.nodes.emplace_back();
+    compiled_[&schema] = &node;
+    struct Deeper {
+      int& depth;
+      explicit Deeper(int& d) : depth(d) { ++depth; }
+      ~Deeper() { --depth; }
+    } deeper(depth_);
+
+    if (auto ref = schema.FindMember("$ref"); ref != schema.MemberEnd()) {
+      if (!ref->value.IsString()) throw SchemaError{place.location + ": \"$ref\" must be a string"};
+      const Value& target = ResolveRef(Name(ref->value), place);
+      node.ref = CompileChild(target, place, "/$ref");
+      refNodes_.push_back(&node);
+      return &node;  // "$ref" overrides every sibling keyword
+    }
+    for (auto& member : schema.GetObject()) {
+      CompileKeyword(node, Name(member.name), member.value, place);
+    }
+    return &node;
+  }
+
+  void CompileKeyword(Node& node, const std::string& keyword, const Value& v, const Place& place) {
+    std::string at = place.location + "/" + EscapePointerToken(keyword);
+    auto bad = [&](const char* what) { throw SchemaError{at + ": \"" + keyword + "\" must be " + what}; };
+    auto count = [&]() -> uint64_t {
+      if (v.IsUint64()) return v.GetUint64();
+      if (v.IsDouble() && v.GetDouble() >= 0 && v.GetDouble() < 1e18 && std::floor(v.GetDouble()) == v.GetDouble()) {
+        return static_cast<uint64_t>(v.GetDouble());
+      }
+      bad("a non-negative integer");
+      return 0;
+    };
+    auto schemaArray = [&](std::vector<const Node*>& into) {
+      if (!v.IsArray()) bad("an array of schemas");
+      for (rapidjson::SizeType i = 0; i < v.Size(); ++i) into.push_back(CompileChild(v[i], place, "/" + keyword + "/" + std::to_string(i)));
+    };
+    auto pattern = [&](const std::string& source) {
+      std::string error;
+      std::unique_ptr<RE2> re = CompileEcmaPattern(source, error);
+      if (!re) throw SchemaError{at + ": bad pattern \"" + source + "\": " + error};
+      return re;
+    };
+
+    if (keyword == "type") {
+      node.types = 0;
+      auto add = [&](const Value& name) {
+        static const std::pair<const char*, unsigned> kNames[] = {
+            {"null", kTypeNull},     {"boolean", kTypeBoolean}, {"object", kTypeObject}, {"array", kTypeArray},
+            {"number", kTypeNumber}, {"string", kTypeString},   {"integer", kTypeInteger}};
+        if (name.IsString()) {
+          for (auto& [text, bit] : kNames) {
+            if (Name(name) == text) {
+              node.types |= bit;
+              return;
+            }
+          }
+        }
+        bad("a type name (null, boolean, object, array, number, string, integer) or an array of them");
+      };
+      if (v.IsArray()) {
+        for (auto& name : v.GetArray()) add(name);
+      } else {
+        add(v);
+      }
+    } else if (keyword == "properties") {
+      if (!v.IsObject()) bad("an object");
+      node.describesMembers = true;
+      for (auto& m : v.GetObject()) {
+        node.properties[std::string_view(m.name.GetString(), m.name.GetStringLength())] =
+            CompileChild(m.value, place, "/properties/" + EscapePointerToken(Name(m.name)));
+        auto marker = m.value.FindMember("instanceId");
+        if (node.instanceIdMember.empty() && marker != m.value.MemberEnd() && marker->value.IsTrue()) {
+          node.instanceIdMember = Name(m.name);
+          auto generated = m.value.FindMember("generatedId");
+          node.instanceIdGenerated = generated != m.value.MemberEnd() && generated->value.IsTrue();
+        }
+      }
+    } else if (keyword == "patternProperties") {
+      if (!v.IsObject()) bad("an object");
+      node.describesMembers = true;
+      for (auto& m : v.GetObject()) {
+        PatternSchema& p = node.patternProperties.emplace_back();
+        p.source = Name(m.name);
+        p.re = pattern(p.source);
+        p.schema = CompileChild(m.value, place, "/patternProperties/" + EscapePointerToken(p.source));
+      }
+    } else if (keyword == "additionalProperties" || keyword == "additionalItems") {
+      bool properties = keyword == "additionalProperties";
+      Extra& extra = properties ? node.additionalProperties : node.additionalItems;
+      if (v.IsBool()) {
+        extra = v.GetBool() ? Extra::kAllowed : Extra::kRefused;
+      } else if (v.IsObject()) {
+        extra = Extra::kSchema;
+        (properties ? node.additionalPropertiesSchema : node.additionalItemsSchema) = CompileChild(v, place, "/" + keyword);
+      } else {
+        bad("a boolean or a schema");
+      }
+    } else if (keyword == "required") {
+      if (!v.IsArray()) bad("an array of member names");
+      for (auto& name : v.GetArray()) {
+        if (!name.IsString()) bad("an array of member names");
+        node.required.push_back(Name(name));
+      }
+    } else if (keyword == "dependencies") {
+      if (!v.IsObject()) bad("an object");
+      for (auto& m : v.GetObject()) {
+        Dependency& d = node.dependencies.emplace_back();
+        d.member = Name(m.name);
+        if (m.value.IsArray()) {
+          for (auto& name : m.value.GetArray()) {
+            if (!name.IsString()) bad("an object of member-name arrays or schemas");
+            d.requiredMembers.push_back(Name(name));
+          }
+        } else {
+          d.schema = CompileChild(m.value, place, "/dependencies/" + EscapePointerToken(d.member));
+        }
+      }
+    } else if (keyword == "minProperties") {
+      node.minProperties = count();
+    } else if (keyword == "maxProperties") {
+      node.maxProperties = count();
+    } else if (keyword == "items") {
+      if (v.IsArray()) {
+        node.itemsIsTuple = true;
+        schemaArray(node.tupleItems);
+      } else {
+        node.items = CompileChild(v, place, "/items");
+      }
+    } else if (keyword == "minItems") {
+      node.minItems = count();
+    } else if (keyword == "maxItems") {
+      node.maxItems = count();
+    } else if (keyword == "uniqueItems") {
+      if (!v.IsBool()) bad("a boolean");
+      node.uniqueItems = v.GetBool();
+    } else if (keyword == "minLength") {
+      node.minLength = count();
+    } else if (keyword == "maxLength") {
+      node.maxLength = count();
+    } else if (keyword == "pattern") {
+      if (!v.IsString()) bad("a string");
+      node.patternSource = Name(v);
+      node.pattern = pattern(node.patternSource);
+    } else if (keyword == "minimum" || keyword == "maximum") {
+      if (!v.IsNumber()) bad("a number");
+      (keyword == "minimum" ? node.minimum : node.maximum) = &v;
+    } else if (keyword == "exclusiveMinimum" || keyword == "exclusiveMaximum") {
+      if (!v.IsBool()) bad("a boolean");
+      (keyword == "exclusiveMinimum" ? node.exclusiveMinimum : node.exclusiveMaximum) = v.GetBool();
+    } else if (keyword == "multipleOf") {
+      if (!v.IsNumber() || v.GetDouble() <= 0) bad("a number greater than 0");
+      node.multipleOf = &v;
+    } else if (keyword == "enum") {
+      if (!v.IsArray()) bad("an array");
+      node.enumValues = &v;
+    } else if (keyword == "allOf") {
+      schemaArray(node.allOf);
+    } else if (keyword == "anyOf") {
+      schemaArray(node.anyOf);
+    } else if (keyword == "oneOf") {
+      schemaArray(node.oneOf);
+    } else if (keyword == "not") {
+      node.notSchema = CompileChild(v, place, "/not");
+    } else if (keyword == "definitions") {
+      if (!v.IsObject()) bad("an object");
+      pendingDefinitions_.push_back(&v);  // compiled at the end: a broken unused definition still counts
+    }
+    // Anything else ("id", "$schema", "title", "description", "default", "format", and the
+    // extension markers "instanceId", "generatedId", "vital", "cached") checks nothing here.
+  }
+
+  void CompileDefinitions(const Value& definitions) {
+    for (auto& m : definitions.GetObject()) {
+      auto known = places_.find(&m.value);
+      CompileAt(m.value, known != places_.end() ? known->second : Place{"", "definitions/" + Name(m.name)});
+    }
+  }
+
+  // A chain of "$ref" that comes back to itself would be followed forever at the same value.
+  void RefuseRefCycles() {
+    for (const Node* start : refNodes_) {
+      const Node* n = start;
+      for (size_t steps = 0; n->ref != nullptr; ++steps) {
+        n = n->ref;
+        if (n == start || steps > refNodes_.size()) throw SchemaError{"$ref cycle: a reference leads back to itself"};
+      }
+    }
+  }
+
+  CompiledSchema& out_;
+  const RemoteResolver& resolver_;
+  std::unordered_map<const Value*, Place> places_;
+  std::unordered_map<std::string, const Value*> byUri_;
+  std::unordered_map<const Value*, Node*> compiled_;
+  std::unordered_set<std::string> fetched_;
+  std::vector<const Node*> refNodes_;
+  std::vector<const Value*> pendingDefinitions_;
+  int depth_ = 0;  // CompileAt calls in progress
+};
+
+}  // namespace
+
+std::shared_ptr<const CompiledSchema> Compile(const rapidjson::Value& schema, const RemoteResolver& resolver) {
+  auto compiled = std::make_shared<CompiledSchema>();
+  try {
+    Compiler(*compiled, resolver).Run(schema);
+  } catch (const SchemaError& e) {
+    compiled->error = e.message;
+  } catch (const std::exception& e) {  // allocation failure, or a rapidjson assertion (code 1082)
+    compiled->error = e.what();
+  }
+  if (!compiled->error.empty()) compiled->root = nullptr;
+  return compiled;
+}
+
+}  // namespace JsonValidator::detail

@@ -1,6 +1,5 @@
 #include "configstore/bootstate/UpgradeDetection.h"
 
-#include <cstring>
 #include <exception>
 
 #include "configstore/bootstate/BootState.h"
@@ -19,12 +18,13 @@ constexpr size_t kBootOptionSize = 4;
 constexpr size_t kBootMacSize = 21;
 constexpr size_t kBootFsUuidSize = 38;
 
-// Reads a node into a zeroed buffer of `size` bytes; false when the read fails. A record that fills
-// the whole buffer carries no terminating NUL, so the text is cut at the buffer's end.
+// Reads a node into a zeroed buffer of `size` bytes and takes the text up to its first NUL; false
+// when the read fails. A record that fills the whole buffer still ends at the string's own
+// terminator, one past the buffer.
 bool ReadNodeText(PLON_NodeId node, size_t size, std::string* text) {
   std::string buffer(size, '\0');
   if (PLON_Get(node, nullptr, buffer.data(), size) != NUK_OK) return false;
-  text->assign(buffer.c_str(), strnlen(buffer.c_str(), size));
+  text->assign(buffer.c_str());
   return true;
 }
 

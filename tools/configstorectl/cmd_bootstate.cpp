@@ -234,29 +234,29 @@ int RunBootKind(const cli::Invocation& inv) {
   return anyFailed ? 1 : 0;
 }
 
-const cli::Registrar kBootMode({"boot-mode", "boot-mode [get|set N] [--json]", "read or set the next boot's mode (0..4)",
+const cli::Registrar kBootMode({"boot-mode", "boot-mode [get|set N]", "read or set the next boot's mode (0..4)",
                                 "get (the default) prints the stored boot mode; set N stores mode N for the next boot:\n"
                                 "  0 default, 1 desired user configuration, 2 new store, 3 SmartNIC configuration,\n"
                                 "  4 host API configuration.",
                                 RunBootMode});
-const cli::Registrar kAutoConf({"autoconf", "autoconf start|end|status [--json]",
+const cli::Registrar kAutoConf({"autoconf", "autoconf start|end|status",
                                 "mark the automatic configuration pass as running or over",
                                 "start sets the flag, end clears it, status only reads it; each prints the flag.",
                                 RunAutoConf});
-const cli::Registrar kLiveInstall({"live-install", "live-install true|false [--json]",
+const cli::Registrar kLiveInstall({"live-install", "live-install true|false",
                                    "mark whether the next boot follows a live install",
                                    "Stores the live-install marker that the next boot's cleanup turns back to false.",
                                    RunLiveInstall});
-const cli::Registrar kInstallInfo({"install-info", "install-info [get|set TEXT] [--json]",
+const cli::Registrar kInstallInfo({"install-info", "install-info [get|set TEXT]",
                                    "read or store the install information text",
                                    "get (the default) prints the stored text; set TEXT stores it as given and prints it.",
                                    RunInstallInfo});
-const cli::Registrar kBootState({"boot-state", "boot-state cleanup [--json]",
+const cli::Registrar kBootState({"boot-state", "boot-state cleanup",
                                  "record the booted filesystem and clear the live-install marker",
                                  "cleanup records the booted filesystem's UUID when it changed and turns a set\n"
                                  "live-install marker back to false; run once the boot's load has finished.",
                                  RunBootState});
-const cli::Registrar kBootKind({"boot-kind", "boot-kind [--json]", "what kind of boot this is",
+const cli::Registrar kBootKind({"boot-kind", "boot-kind", "what kind of boot this is",
                                 "Prints every answer for this boot: upgrade, bootbank changed, installed, debug upgrade,\n"
                                 "ferrin installed and the boot filesystem UUID. An answer that cannot be had is shown as\n"
                                 "an error on its own line (an {\"error\": {...}} object with --json) and the others are\n"

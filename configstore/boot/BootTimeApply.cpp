@@ -1,0 +1,208 @@
+#include "configstore/boot/BootTimeApply.h"
+
+#include <cstring>
+#include <string>
+
+#include "configstore/frame/CallFrame.h"
+#include "platform/schemastore/SchemaObject.h"
+
+namespace QorConfigStore {
+namespace {
+
+struct Step {
+  const char* sql;
+  const char* failure;
+};
+
+void RunStatement(const DBStore::Connection& conn, const char* sql, const char* failure) {
+  DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
+  if (!stmt || DBStore::ExecuteStmt(conn, stmt, nullptr, nullptr, DBStore::kTimeoutMs) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, failure);
+  }
+}
+
+void RunSteps(const DBStore::Connection& conn, std::initializer_list<Step> steps) {
+  for (const Step& step : steps) RunStatement(conn, step.sql, step.failure);
+}
+
+// Refills the SET_DEFAULT keys from DefaultConfig; shared by the host API and SmartNIC routines.
+constexpr const char* kRefillSetDefaultSql =
+    "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, Version, UserValue, Vitalvalue, Cachedvalue) "
+    "SELECT Component, ConfigGroup, Name, Identifier, Version, Value, Vitalvalue, Cachedvalue FROM DefaultConfig "
+    "WHERE (Component, ConfigGroup, Name) IN ( SELECT Component, ConfigGroup, Name FROM DesiredUserConfig "
+    "WHERE BootAction = 'SET_DEFAULT' )";
+
+// Instanced keys with a non-generated instance id, one row per listed identifier (text only).
+std::string PreservedIdsSql() {
+  return std::string(
+             "SELECT s.Component AS Component, s.ConfigGroup AS ConfigGroup, s.Name AS Name, p.value AS Identifier "
+             "FROM ss.ConfigSchema AS s, json_each(s.PreservedInstanceIds) AS p "
+             "WHERE COALESCE(s.InstanceIdName, '') NOT IN ('', '") +
+         QorSchemaStore::kGeneratedIdMember +
+         "') AND s.PreservedInstanceIds IS NOT NULL AND p.type = 'text' "
+         "ORDER BY s.Component, s.ConfigGroup, s.Name, p.id";
+}
+
+int PreservedIdRow(void* context, int argc, char** argv, char** columnNames) {
+  try {
+    ConfigStoreObjectId id;
+    for (int i = 0; i < argc; ++i) {
+      const char* value = argv[i] ? argv[i] : "";
+      if (std::strcmp(columnNames[i], "Component") == 0) id.component = value;
+      else if (std::strcmp(columnNames[i], "ConfigGroup") == 0) id.group = value;
+      else if (std::strcmp(columnNames[i], "Name") == 0) id.key = value;
+      else if (std::strcmp(columnNames[i], "Identifier") == 0) id.id = value;
+    }
+    static_cast<std::vector<ConfigStoreObjectId>*>(context)->push_back(std::move(id));
+    return 0;
+  } catch (...) {
+    return 1;  // no exception may cross SQLite's C frames; the statement fails instead
+  }
+}
+
+constexpr const char* kMarkUnpreservedUserConfigSql =
+    "UPDATE Config SET UserValue = CASE WHEN UserValue IS NOT NULL AND s.PreserveNonUser = 0 THEN "
+    "'mark for deletion' ELSE NULL END, DesiredValue = NULL FROM ss.ConfigSchema AS s WHERE s.Component = "
+    "Config.Component AND s.ConfigGroup = Config.ConfigGroup AND s.Name = Config.Name AND s.DSPIntegrated = 1 "
+    "AND NOT (Config.Component='qor' AND Config.ConfigGroup='authentication' AND Config.Name='user_accounts' AND "
+    "Config.Identifier LIKE 'svc-zpl-%') AND (Config.Component, Config.ConfigGroup, Config.Name, "
+    "Config.Identifier) NOT IN ";
+
+// The marking statement with one "(?,?,?,?)" per preserved object; "()" when there is none, which
+// SQLite reads as an empty list.
+std::string MarkUnpreservedUserConfigSql(size_t preservedCount) {
+  std::string sql = kMarkUnpreservedUserConfigSql;
+  sql += "(";
+  for (size_t i = 0; i < preservedCount; ++i) {
+    if (i > 0) sql += ",";
+    sql += "(?,?,?,?)";
+  }
+  sql += ")";
+  return sql;
+}
+
+void MarkUnpreservedUserConfig(const DBStore::Connection& conn) {
+  const char* failure = "Failed to mark user configuration for delete";
+  std::vector<ConfigStoreObjectId> preserved = ListPreservedUserObjects(conn);
+  std::string sql = MarkUnpreservedUserConfigSql(preserved.size());
+  CSLogger::Log(CSLogger::PRIO_INFO, "Delete existing user configuration query = %s", sql.c_str());
+
+  std::vector<std::string> values;
+  values.reserve(preserved.size() * 4);
+  for (const ConfigStoreObjectId& id : preserved) {
+    values.push_back(id.component);
+    values.push_back(id.group);
+    values.push_back(id.key);
+    values.push_back(id.id);
+  }
+  DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
+  if (!stmt) throw ConfigStoreException(CS_ERR_GENERIC, failure);
+  int index = 1;
+  if (!values.empty() && DBStore::internal::Bind(conn, stmt, index, values) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, failure);
+  }
+  if (DBStore::ExecuteStmt(conn, stmt, nullptr, nullptr, DBStore::kTimeoutMs) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, failure);
+  }
+}
+
+}  // namespace
+
+void ApplyHostApiBootConfiguration(const DBStore::Connection& conn) {
+  CSLogger::Log(CSLogger::PRIO_INFO, "Setting up hostapi configuration.");
+  RunSteps(
+      conn,
+      {
+          {"UPDATE Config SET UserValue = CASE WHEN UserValue IS NOT NULL THEN 'mark for deletion' ELSE NULL END, "
+           "DesiredValue = NULL WHERE (Component, ConfigGroup, Name, Identifier) IN ( SELECT Component, ConfigGroup, "
+           "Name, Identifier FROM DesiredUserConfig WHERE BootAction = 'DELETE_INSTANCE' );",
+           "Failed to mark configurations with BootAction=DELETE_INSTANCE for deletion"},
+          {"UPDATE Config SET UserValue = CASE WHEN UserValue IS NOT NULL THEN 'mark for deletion' ELSE NULL END, "
+           "DesiredValue = NULL WHERE (Component, ConfigGroup, Name) IN ( SELECT Component, ConfigGroup, Name FROM "
+           "DesiredUserConfig WHERE BootAction IN ('SET','DELETE','SET_DEFAULT') );",
+           "Failed to mark configurations for deletion"},
+          {"INSERT INTO Config (Component, ConfigGroup, Name, Identifier, Version, UserValue, VitalValue, "
+           "CachedValue) SELECT Component, ConfigGroup, Name, Identifier, Version, Value, VitalValue, CachedValue "
+           "FROM DesiredUserConfig WHERE BootAction = 'SET' AND (Component, ConfigGroup, Name, Identifier) NOT IN "
+           "( SELECT Component, ConfigGroup, Name, Identifier FROM Config )",
+           "Failed to process BootAction=SET for new configs"},
+          {"UPDATE Config SET UserValue = du.Value, VitalValue = CASE WHEN du.VitalValue IS NOT NULL THEN "
+           "du.VitalValue ELSE Config.VitalValue END, CachedValue = CASE WHEN du.CachedValue IS NOT NULL THEN "
+           "du.CachedValue ELSE Config.CachedValue END FROM ( SELECT Component, ConfigGroup, Name, Identifier, "
+           "Value, VitalValue, CachedValue FROM DesiredUserConfig WHERE BootAction = 'SET' ) AS du WHERE "
+           "Config.Component = du.Component AND Config.ConfigGroup = du.ConfigGroup AND Config.Name = du.Name AND "
+           "Config.Identifier = du.Identifier;",
+           "Failed to process BootAction=SET to update existing configs"},
+          {"DELETE FROM Config WHERE UserValue='mark for deletion'", "Failed to process BootAction=DELETE"},
+          {kRefillSetDefaultSql, "Failed to process BootAction=SET_DEFAULT for deleted configs"},
+      });
+  CSLogger::Log(CSLogger::PRIO_INFO, "Setting up hostapi configuration completed.");
+}
+
+void ApplySmartnicBootConfiguration(const DBStore::Connection& conn) {
+  CSLogger::Log(CSLogger::PRIO_INFO, "Setting up smartnic boot configuration.");
+  RunSteps(
+      conn,
+      {
+          {"DELETE FROM Config WHERE (Component, ConfigGroup, Name) IN ( SELECT Component, ConfigGroup, Name FROM "
+           "DesiredUserConfig WHERE BootAction IN ('DELETE', 'SET_DEFAULT') )",
+           "Failed to process BootAction=DELETE"},
+          {kRefillSetDefaultSql, "Failed to process BootAction=SET_DEFAULT"},
+          {"INSERT INTO Config (Component, ConfigGroup, Name, Identifier, Version, UserValue) SELECT Component, "
+           "ConfigGroup, Name, Identifier, Version, Value FROM DesiredUserConfig WHERE BootAction = 'SET' AND "
+           "(Component, ConfigGroup, Name, Identifier) NOT IN ( SELECT Config.Component, Config.ConfigGroup, "
+           "Config.Name, Config.Identifier FROM Config, ss.SmartnicSchema WHERE ss.SmartnicSchema.ValueType = "
+           "'qor-shared' AND ss.SmartnicSchema.Component = Config.Component AND ss.SmartnicSchema.ConfigGroup = "
+           "Config.ConfigGroup AND ss.SmartnicSchema.Name = Config.Name )",
+           "Failed to process BootAction=SET for new configs"},
+          {"UPDATE Config SET UserValue = du.Value FROM ( SELECT Component, ConfigGroup, Name, Identifier, Value "
+           "FROM DesiredUserConfig WHERE BootAction = 'SET' ) AS du WHERE Config.Component = du.Component AND "
+           "Config.ConfigGroup = du.ConfigGroup AND Config.Name = du.Name AND Config.Identifier = du.Identifier",
+           "Failed to process BootAction=SET for existing configs"},
+          {"DELETE FROM Config WHERE (Component, ConfigGroup, Name, Identifier) NOT IN ( SELECT Component, "
+           "ConfigGroup, Name, Identifier FROM DesiredUserConfig WHERE BootAction = 'SET' ) AND (Component, "
+           "ConfigGroup, Name) NOT IN ( SELECT Component, ConfigGroup, Name FROM DesiredUserConfig WHERE BootAction "
+           "= 'SET_DEFAULT' ) AND (Component, ConfigGroup, Name) IN ( SELECT ss.ConfigSchema.Component, "
+           "ss.ConfigSchema.ConfigGroup, ss.ConfigSchema.Name FROM ss.SmartnicSchema, ss.ConfigSchema WHERE "
+           "ss.SmartnicSchema.ValueType = 'qor-shared' AND ss.ConfigSchema.Singleton = 0 AND "
+           "ss.SmartnicSchema.Component = ss.ConfigSchema.Component AND ss.SmartnicSchema.ConfigGroup = "
+           "ss.ConfigSchema.ConfigGroup AND ss.SmartnicSchema.Name = ss.ConfigSchema.Name )",
+           "Failed to process BootAction=SET for non-existing configs"},
+      });
+  CSLogger::Log(CSLogger::PRIO_INFO, "Smartnic boot configuration completed.");
+}
+
+void GenerateDesiredUserConfiguration(const DBStore::Connection& conn) {
+  CSLogger::Log(CSLogger::PRIO_INFO, "Boot with new desired configuration.");
+  MarkUnpreservedUserConfig(conn);
+  RunSteps(
+      conn,
+      {
+          // Config's key columns are NOT NULL: a staged row without identifier is skipped here and
+          // merged into every instance of its key by the next step.
+          {"INSERT OR IGNORE INTO Config ( Component, ConfigGroup, Name, Identifier, UserValue, VitalValue, "
+           "CachedValue ) SELECT Component, ConfigGroup, Name, Identifier, Value, VitalValue, CachedValue FROM "
+           "DesiredUserConfig;",
+           "Failed to insert desired configuration to config table"},
+          {"UPDATE Config SET UserValue = COALESCE(du.Value, Config.UserValue), VitalValue = "
+           "COALESCE(du.VitalValue, Config.VitalValue), CachedValue = COALESCE(du.CachedValue, Config.CachedValue) "
+           "FROM ( SELECT Component, ConfigGroup, Name, Identifier, Value, VitalValue, CachedValue FROM "
+           "DesiredUserConfig ) AS du WHERE du.Name = Config.Name AND du.ConfigGroup = Config.ConfigGroup AND "
+           "du.Component = Config.Component AND ( du.Identifier IS NULL OR du.Identifier = '' OR du.Identifier = "
+           "Config.Identifier )",
+           "Failed to update config table"},
+          {"Delete from DesiredUserConfig", "Failed to cleanup desired configuration"},
+          {"DELETE FROM Config WHERE UserValue='mark for deletion'", "Failed to cleanup previous user configuration"},
+      });
+}
+
+std::vector<ConfigStoreObjectId> ListPreservedUserObjects(const DBStore::Connection& conn) {
+  std::vector<ConfigStoreObjectId> preserved;
+  DBStore::Statement stmt = DBStore::internal::Prepare(conn, PreservedIdsSql(), DBStore::kTimeoutMs);
+  if (!stmt || DBStore::ExecuteStmt(conn, stmt, PreservedIdRow, &preserved, DBStore::kTimeoutMs) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to read preserved instance ids");
+  }
+  return preserved;
+}
+
+}  // namespace QorConfigStore

@@ -1,0 +1,255 @@
+// The boot-mode routines that apply staged configuration: host API (4), SmartNIC (3) and desired
+// user configuration generation (1).
+#include <gmock/gmock.h>
+
+#include "configstore/boot/BootTimeApply.h"
+#include "tests/configstore/bootapply/BootApplyFixture.h"
+
+namespace QorConfigStore {
+namespace {
+
+using bootapply::kNull;
+using testing::ElementsAre;
+using Routine = void (*)(const DBStore::Connection&);
+
+class BootTimeApplyTest : public bootapply::BootApplyTest {
+ protected:
+  // Every kind of host-API action, on keys of two instances where it matters.
+  void HostApiScenario() {
+    AddConfig("network", "nuknics", "vmk0", "u0", "v0", "c0");
+    AddConfig("network", "nuknics", "vmk1", "u1", "v1", "c1");
+    AddConfig("network", "dns", "a", "da");
+    AddConfig("network", "dns", "b", kNull);
+    AddConfig("system", "hostname", "", "h");
+    AddConfig("logging", "syslog", "s1", "s1");
+    AddConfig("logging", "syslog", "s2", "s2");
+    AddConfig("firewall", "rules", "r1", "r1");
+    AddConfig("firewall", "rules", "r2", "r2");
+    AddDefault("firewall", "rules", "d1", "D1");
+    AddDefault("firewall", "rules", "d2", "D2");
+    AddDefault("network", "dns", "x", "X");  // not asked for: stays a default
+    AddDesired("network", "nuknics", "vmk1", "U1", "SET", kNull, "C1");
+    AddDesired("network", "nuknics", "vmk2", "U2", "SET", "V2");
+    AddDesired("network", "dns", kNull, kNull, "DELETE");
+    AddDesired("logging", "syslog", "s1", kNull, "DELETE_INSTANCE");
+    AddDesired("firewall", "rules", kNull, kNull, "SET_DEFAULT");
+  }
+
+  // Shared keys: nuknics (instanced), hostname (singleton), dns (instanced, mutable defaults);
+  // syslog and user_accounts are not shared.
+  void SmartnicScenario() {
+    RegisterSchemas({bootapply::kNuknics, bootapply::kHostname, bootapply::kDns, bootapply::kSyslog,
+                     bootapply::kUserAccounts});
+    AddConfig("network", "nuknics", "vmk0", "u0", "v0");
+    AddConfig("network", "nuknics", "vmk1", "u1", "v1");
+    AddConfig("system", "hostname", "", "h");
+    AddConfig("network", "dns", "a", "da");
+    AddConfig("logging", "syslog", "s1", "s1");
+    AddConfig("authentication", "user_accounts", "root", "r");
+    AddDefault("network", "dns", "d1", "D1");
+    AddDesired("network", "nuknics", "vmk1", "U1", "SET", "VX");
+    AddDesired("network", "nuknics", "vmk2", "U2", "SET", "V2");
+    AddDesired("network", "dns", kNull, kNull, "SET_DEFAULT");
+    AddDesired("authentication", "user_accounts", kNull, kNull, "DELETE");
+  }
+
+  // DSP keys nuknics (vmk0 and vmk9 preserved), dns (PreserveNonUser), user_accounts, hostname;
+  // syslog is outside the desired-state process.
+  void GenerationScenario() {
+    RegisterSchemas({bootapply::kNuknics, bootapply::kHostname, bootapply::kDns, bootapply::kSyslog,
+                     bootapply::kUserAccounts});
+    AddConfig("network", "nuknics", "vmk0", "u0", "v0");
+    AddConfig("network", "nuknics", "vmk1", "u1", "v1", "c1");
+    AddConfig("network", "nuknics", "vmk2", "u2");
+    AddConfig("network", "dns", "a", "da");
+    AddConfig("network", "dns", "b", kNull);
+    AddConfig("authentication", "user_accounts", "svc-zpl-agent", "sv");
+    AddConfig("authentication", "user_accounts", "root", "r");
+    AddConfig("logging", "syslog", "s1", "s1");
+    AddConfig("system", "hostname", "", "h");
+    AddDesired("network", "nuknics", "vmk1", "U1", "SET", kNull, "C1");
+    AddDesired("network", "nuknics", "vmk3", "U3", "SET", "V3", "C3");
+    AddDesired("system", "hostname", "", "H", "SET");
+  }
+};
+
+TEST_F(BootTimeApplyTest, HostApiAppliesEachActionKind) {
+  HostApiScenario();
+  Apply(ApplyHostApiBootConfiguration);
+
+  EXPECT_THAT(ConfigRows(), ElementsAre("firewall/rules/d1 D1|dv|dc",   // SET_DEFAULT: defaults replace r1, r2
+                                        "firewall/rules/d2 D2|dv|dc",   //
+                                        "logging/syslog/s2 s2|NULL|NULL",  // DELETE_INSTANCE s1 only
+                                        "network/dns/b NULL|NULL|NULL",    // DELETE: no user value, kept
+                                        "network/nuknics/vmk1 U1|v1|C1",   // SET: updated, vital kept
+                                        "network/nuknics/vmk2 U2|V2|NULL",  // SET: new; vmk0 removed
+                                        "system/hostname/ h|NULL|NULL"));
+  // Updated rows keep their creation time and revision; new rows carry the staged version.
+  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk1", "CreationTime || ' ' || Revision || ' ' || Version"),
+            "2001-02-03 04:05:06 7 old");
+  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk2", "Version"), "new");
+  EXPECT_EQ(ConfigColumn("firewall", "rules", "d1", "Version"), "default");
+  // Marked rows lose their desired value; untouched ones keep it.
+  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk1", "DesiredValue"), "NULL");
+  EXPECT_EQ(ConfigColumn("network", "dns", "b", "DesiredValue"), "NULL");
+  EXPECT_EQ(ConfigColumn("system", "hostname", "", "DesiredValue"), "staged");
+  EXPECT_EQ(Query("SELECT COUNT(*) FROM DesiredUserConfig"), std::vector<std::string>{"5"});
+  EXPECT_TRUE(log_.Contains("Setting up hostapi configuration.", CSLogger::PRIO_INFO));
+  EXPECT_TRUE(log_.Contains("Setting up hostapi configuration completed.", CSLogger::PRIO_INFO));
+}
+
+TEST_F(BootTimeApplyTest, SmartnicReplacesSharedObjectsOnly) {
+  SmartnicScenario();
+  Apply(ApplySmartnicBootConfiguration);
+
+  EXPECT_THAT(ConfigRows(), ElementsAre("logging/syslog/s1 s1|NULL|NULL",  // not shared: untouched
+                                        "network/dns/d1 D1|dv|dc",          // SET_DEFAULT refilled
+                                        "network/nuknics/vmk1 U1|v1|NULL",  // user value only
+                                        "network/nuknics/vmk2 U2|NULL|NULL",  // new: user value only
+                                        "system/hostname/ h|NULL|NULL"));   // shared singleton kept
+  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk1", "CreationTime || ' ' || Revision"), "2001-02-03 04:05:06 7");
+  EXPECT_EQ(Query("SELECT COUNT(*) FROM DesiredUserConfig"), std::vector<std::string>{"4"});
+  EXPECT_TRUE(log_.Contains("Setting up smartnic boot configuration.", CSLogger::PRIO_INFO));
+  EXPECT_TRUE(log_.Contains("Smartnic boot configuration completed.", CSLogger::PRIO_INFO));
+}
+
+TEST_F(BootTimeApplyTest, SmartnicSetOverAnExistingUnsharedObjectFails) {
+  SmartnicScenario();
+  AddDesired("logging", "syslog", "s1", "S1", "SET");
+  const std::string before = Snapshot();
+  EXPECT_EQ(ApplyAndCancel(ApplySmartnicBootConfiguration), "Failed to process BootAction=SET for new configs");
+  EXPECT_EQ(Snapshot(), before);
+}
+
+TEST_F(BootTimeApplyTest, GenerationReplacesDesiredStateUserConfiguration) {
+  GenerationScenario();
+  Apply(GenerateDesiredUserConfiguration);
+
+  EXPECT_THAT(ConfigRows(),
+              ElementsAre("authentication/user_accounts/svc-zpl-agent sv|NULL|NULL",  // solution user kept
+                          "logging/syslog/s1 s1|NULL|NULL",                          // not DSP: untouched
+                          "network/dns/a NULL|NULL|NULL",                            // PreserveNonUser
+                          "network/dns/b NULL|NULL|NULL",                            //
+                          "network/nuknics/vmk0 u0|v0|NULL",                         // preserved instance
+                          "network/nuknics/vmk1 U1|v1|C1",                           // merged
+                          "network/nuknics/vmk3 U3|V3|C3",                           // inserted
+                          "system/hostname/ H|NULL|NULL"));
+  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk1",
+                         "CreationTime || ' ' || Revision || ' ' || COALESCE(DesiredValue, 'NULL')"),
+            "2001-02-03 04:05:06 7 NULL");
+  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk0", "DesiredValue"), "staged") << "preserved rows are not touched";
+  EXPECT_TRUE(Query("SELECT * FROM DesiredUserConfig").empty());
+  EXPECT_TRUE(log_.Contains("Boot with new desired configuration.", CSLogger::PRIO_INFO));
+  EXPECT_TRUE(log_.Contains("AND (Config.Component, Config.ConfigGroup, Config.Name, Config.Identifier) NOT IN "
+                            "((?,?,?,?),(?,?,?,?))",
+                            CSLogger::PRIO_INFO));
+}
+
+TEST_F(BootTimeApplyTest, GenerationWithNothingStagedAndNothingPreserved) {
+  RegisterSchemas({bootapply::kHostname, bootapply::kUserAccounts, bootapply::kSyslog});
+  AddConfig("system", "hostname", "", "h");
+  AddConfig("authentication", "user_accounts", "root", "r");
+  AddConfig("authentication", "user_accounts", "svc-zpl-agent", "sv");
+  AddConfig("logging", "syslog", "s1", "s1");
+  Apply(GenerateDesiredUserConfiguration);
+
+  EXPECT_THAT(ConfigRows(), ElementsAre("authentication/user_accounts/svc-zpl-agent sv|NULL|NULL",
+                                        "logging/syslog/s1 s1|NULL|NULL"));
+  const std::string query = std::string("Delete existing user configuration query = UPDATE Config SET UserValue") +
+                            " = CASE WHEN UserValue IS NOT NULL AND s.PreserveNonUser = 0";
+  bool logged = false;
+  for (const CSLogger::Line& line : log_.Lines()) {
+    if (line.text.rfind(query, 0) != 0) continue;
+    logged = true;
+    EXPECT_THAT(line.text, testing::EndsWith("Config.Identifier) NOT IN ()"));
+  }
+  EXPECT_TRUE(logged);
+}
+
+TEST_F(BootTimeApplyTest, GenerationMergesARowWithoutIdentifierIntoEveryInstance) {
+  RegisterSchemas({bootapply::kSyslog});
+  AddConfig("logging", "syslog", "s1", "s1", "v1");
+  AddConfig("logging", "syslog", "s2", "s2", "v2");
+  AddDesired("logging", "syslog", kNull, "ALL", "DELETE", kNull, "C");
+  Apply(GenerateDesiredUserConfiguration);
+
+  // Config's identifier is NOT NULL, so the staged row adds no row of its own.
+  EXPECT_THAT(ConfigRows(), ElementsAre("logging/syslog/s1 ALL|v1|C", "logging/syslog/s2 ALL|v2|C"));
+}
+
+TEST_F(BootTimeApplyTest, PreservedObjectsComeFromInstancedKeysWithOwnIds) {
+  RegisterSchemas({bootapply::kNuknics, bootapply::kRules, bootapply::kHostname});
+  // Rows that registration refuses, written directly: a singleton and a generated-id key listing
+  // preserved ids are ignored, and only text ids count.
+  Sql("UPDATE ss.ConfigSchema SET PreservedInstanceIds = '[\"x\"]' WHERE Name IN ('hostname', 'rules')");
+  Sql("INSERT INTO ss.ConfigSchema (Component, ConfigGroup, Name, InstanceIdName, PreservedInstanceIds) VALUES "
+      "('qor', 'alpha', 'k', 'id', '[\"b\", 5, \"a\"]')");
+  std::vector<std::string> ids;
+  for (const ConfigStoreObjectId& id : ListPreservedUserObjects(conn_)) ids.push_back(id.toString());
+  EXPECT_THAT(ids, ElementsAre("comp qor grp alpha key k id b", "comp qor grp alpha key k id a",
+                               "comp qor grp network key nuknics id vmk0", "comp qor grp network key nuknics id vmk9"));
+
+  Sql("UPDATE ss.ConfigSchema SET PreservedInstanceIds = '[' WHERE Name = 'k'");
+  try {
+    ListPreservedUserObjects(conn_);
+    ADD_FAILURE() << "no throw";
+  } catch (const ConfigStoreException& e) {
+    EXPECT_EQ(e.code(), 2000);
+    EXPECT_STREQ(e.what(), "Failed to read preserved instance ids");
+  }
+}
+
+struct FaultCase {
+  const char* routine;
+  DBStore::faults::Kind kind;
+  int nth;
+  const char* message;  // "" when the routine runs to its end
+};
+
+// Each statement failing in turn throws its message; rolling back restores the store. One call
+// past the last statement lets the routine finish, and rolling it back (a dry run) restores it too.
+TEST_F(BootTimeApplyTest, EachFailingStatementThrowsItsMessageAndRollsBack) {
+  using K = DBStore::faults::Kind;
+  const FaultCase cases[] = {
+      {"hostapi", K::Step, 1, "Failed to mark configurations with BootAction=DELETE_INSTANCE for deletion"},
+      {"hostapi", K::Step, 2, "Failed to mark configurations for deletion"},
+      {"hostapi", K::Step, 3, "Failed to process BootAction=SET for new configs"},
+      {"hostapi", K::Step, 4, "Failed to process BootAction=SET to update existing configs"},
+      {"hostapi", K::Prepare, 5, "Failed to process BootAction=DELETE"},
+      {"hostapi", K::Prepare, 6, "Failed to process BootAction=SET_DEFAULT for deleted configs"},
+      {"hostapi", K::Step, 7, ""},
+      {"smartnic", K::Prepare, 1, "Failed to process BootAction=DELETE"},
+      {"smartnic", K::Step, 2, "Failed to process BootAction=SET_DEFAULT"},
+      {"smartnic", K::Step, 3, "Failed to process BootAction=SET for new configs"},
+      {"smartnic", K::Step, 4, "Failed to process BootAction=SET for existing configs"},
+      {"smartnic", K::Step, 5, "Failed to process BootAction=SET for non-existing configs"},
+      {"smartnic", K::Prepare, 6, ""},
+      {"generation", K::Prepare, 1, "Failed to read preserved instance ids"},
+      {"generation", K::Prepare, 2, "Failed to mark user configuration for delete"},
+      {"generation", K::Prepare, 3, "Failed to insert desired configuration to config table"},
+      {"generation", K::Prepare, 4, "Failed to update config table"},
+      {"generation", K::Prepare, 5, "Failed to cleanup desired configuration"},
+      {"generation", K::Prepare, 6, "Failed to cleanup previous user configuration"},
+      {"generation", K::Prepare, 7, ""},
+  };
+  HostApiScenario();
+  RegisterSchemas({bootapply::kNuknics, bootapply::kHostname, bootapply::kDns, bootapply::kSyslog});
+  const std::string before = Snapshot();
+  for (const FaultCase& c : cases) {
+    SCOPED_TRACE(std::string(c.routine) + " call " + std::to_string(c.nth));
+    Routine routine = std::string(c.routine) == "hostapi"    ? ApplyHostApiBootConfiguration
+                      : std::string(c.routine) == "smartnic" ? ApplySmartnicBootConfiguration
+                                                             : GenerateDesiredUserConfiguration;
+    const std::string message = ApplyAndCancel([&](const DBStore::Connection& conn) {
+      DBStore::faults::Arm(c.kind, c.nth, false);
+      routine(conn);
+      DBStore::faults::Disarm();
+      EXPECT_NE(Snapshot(), before) << "the routine changed nothing";
+    });
+    EXPECT_EQ(message, c.message);
+    EXPECT_EQ(Snapshot(), before);
+  }
+}
+
+}  // namespace
+}  // namespace QorConfigStore

@@ -1,0 +1,139 @@
+#include <exception>
+#include <filesystem>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "configstore/frame/CallFrame.h"
+#include "configstore/maintenance/Cleanup.h"
+#include "configstore/maintenance/CleanupSupport.h"
+#include "platform/host/HostRoot.h"
+
+namespace QorConfigStore {
+namespace {
+
+int CollectFirstColumn(void* context, int argc, char** argv, char** /*columnNames*/) {
+  // A row without a directory name has no directory to remove.
+  if (argc > 0 && argv[0] != nullptr) static_cast<std::vector<std::string>*>(context)->emplace_back(argv[0]);
+  return 0;
+}
+
+// A name taken from the store must stay one level below the data-file root: an empty name, ".",
+// ".." or one holding '/' would make the recursive removal reach the root itself or beyond it.
+bool IsPlainName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
+}
+
+void DetachLogged(const DBStore::Connection& conn) {
+  if (DBStore::DetachSchemaStore(conn) != 0) CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to detach schema store");
+}
+
+void CleanupConfigRows() {
+  CSLogger::Log(CSLogger::PRIO_INFO, "Cleanup config store");
+  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, false);
+  if (!conn) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "ConfigStore cleanup failed: could not connect");
+    return;
+  }
+  if (DBStore::AttachSchemaStore(conn) == 1) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "ConfigStore cleanup failed: could not attach to SchemaStore");
+    return;
+  }
+  int rc = RunStatement(conn,
+                        "DELETE FROM Config WHERE (Component, ConfigGroup, Name) NOT IN "
+                        "(SELECT Component, ConfigGroup, Name FROM ss.ConfigSchema)");
+  DetachLogged(conn);
+  if (rc == 1) CSLogger::Log(CSLogger::PRIO_ERROR, "ConfigStore cleanup failed: SQL command unsuccessful");
+  CSLogger::Log(CSLogger::PRIO_INFO, "Cleanup config store completed");
+}
+
+void CleanupDataFileRows(bool atBoot) {
+  CSLogger::Log(CSLogger::PRIO_INFO, "Cleanup data file store");
+  DBStore::Connection conn = GetDBConnection(DBStore::DATAFILE_STORE, false);
+  if (!conn) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Datafile store cleanup failed: could not connect");
+    return;
+  }
+  if (DBStore::AttachSchemaStore(conn) == 1) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Datafile store cleanup failed: could not attach to data file schemas");
+    return;
+  }
+  // Read before the rows go: afterwards nothing tells which directories were orphaned.
+  std::vector<std::string> orphanedDirs;
+  if (!atBoot && RunStatement(conn,
+                              "SELECT DISTINCT DirName FROM DataFileMetadata WHERE (Component, KEY) NOT IN "
+                              "(SELECT Component, KEY FROM ss.DataFileSchema)",
+                              CollectFirstColumn, &orphanedDirs) == 1) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Datafile live cleanup failed: read dir SQL command unsuccessful");
+    DetachLogged(conn);
+    return;
+  }
+  int rc = RunStatement(conn,
+                        "DELETE FROM DataFileMetadata WHERE (Component, KEY) NOT IN "
+                        "(SELECT Component, KEY FROM ss.DataFileSchema)");
+  DetachLogged(conn);
+  if (rc == 1) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Datafile cleanup failed: SQL command unsuccessful");
+    return;
+  }
+  const std::string root = Host::Resolve(kDataFileRoot);
+  for (const std::string& name : orphanedDirs) {
+    CSLogger::Log(CSLogger::PRIO_INFO, "Cleanup datafile directory: %s", name.c_str());
+    if (!IsPlainName(name)) {
+      CSLogger::Log(CSLogger::PRIO_ERROR, "Datafile cleanup skipped directory name [%s]: not a plain name", name.c_str());
+      continue;
+    }
+    RemoveDataFilePath(root + "/" + name);
+  }
+  CSLogger::Log(CSLogger::PRIO_INFO, "Cleanup data file store completed");
+}
+
+// The boundary of a best-effort half: nothing it meets reaches the caller.
+template <typename Half>
+void RunLogged(Half half) {
+  try {
+    half();
+  } catch (const std::exception& e) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "%s", e.what());
+  }
+}
+
+}  // namespace
+
+void RemoveDataFilePath(const std::string& resolvedPath) {
+  std::error_code ec;
+  std::filesystem::remove_all(resolvedPath, ec);
+  if (ec) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Datafile cleanup failed to remove %s ",
+                  std::filesystem::path(resolvedPath).generic_string().c_str());
+  }
+}
+
+int RunStatement(const DBStore::Connection& conn, std::string_view sql, DBStore::RowCallback callback, void* context) {
+  DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
+  return DBStore::ExecuteStmt(conn, stmt, callback, context, DBStore::kTimeoutMs) == 0 ? 0 : 1;
+}
+
+void CleanupStore(bool atBoot) {
+  RunLogged([] { CleanupConfigRows(); });
+  RunLogged([atBoot] { CleanupDataFileRows(atBoot); });
+}
+
+void CleanupAutoConfig() {
+  CSLogger::Log(CSLogger::PRIO_INFO, "Cleanup auto configurations");
+  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, false);
+  if (!conn) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Cleanup failed: could not connect to ConfigStore");
+    return;
+  }
+  if (RunStatement(conn, "UPDATE Config SET AutoConfValue=NULL") == 1) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "Error removing auto configuration value.");
+  }
+  if (RunStatement(conn,
+                   "DELETE FROM Config WHERE UserValue IS NULL AND VitalValue IS NULL AND CachedValue IS NULL "
+                   "AND DesiredValue IS NULL") == 1) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "Error cleaning up config.");
+  }
+}
+
+}  // namespace QorConfigStore

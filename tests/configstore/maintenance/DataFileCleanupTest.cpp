@@ -1,0 +1,177 @@
+// CleanupDataFiles: the data-file root and DataFileMetadata reconciled in both directions.
+#include <gmock/gmock.h>
+
+#include <filesystem>
+
+#include "configstore/maintenance/Cleanup.h"
+#include "tests/configstore/maintenance/MaintenanceFixture.h"
+
+namespace fs = std::filesystem;
+
+namespace QorConfigStore {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using Kind = DBStore::faults::Kind;
+
+constexpr const char* kEvent = "zeb.user.cs.dfs.cleanup.error";
+
+class DataFileCleanupTest : public MaintenanceTest {
+ protected:
+  std::string RootPath(const std::string& relative) const { return Path(kDataFileRoot) + "/" + relative; }
+
+  // dirA records a1, a2 and gone (deleted by hand); dirMissing is recorded but not on disk;
+  // dirOrphan is on disk but not recorded; a stray file sits at the root.
+  void Populate() {
+    AddDataFileRow("comp", "k", "dirA", "a1");
+    AddDataFileRow("comp", "k", "dirA", "a2");
+    AddDataFileRow("comp", "k", "dirA", "gone");
+    AddDataFileRow("comp", "m", "dirMissing", "x");
+    AddDataFile("dirA/a1");
+    AddDataFile("dirA/a2");
+    AddDataFile("dirA/extra");
+    AddDataFile("dirA/subdir/deep");
+    AddDataFile("dirOrphan/x/y");
+    AddDataFile("stray");
+  }
+
+  std::vector<std::string> LinesOfPriority(int priority) const {
+    std::vector<std::string> lines;
+    for (const auto& l : log_.Lines()) {
+      if (l.priority == priority) lines.push_back(l.text);
+    }
+    return lines;
+  }
+};
+
+TEST_F(DataFileCleanupTest, DiskAndRecordsAreReconciledBothWays) {
+  Populate();
+  log_.Clear();
+
+  CleanupDataFiles();
+
+  EXPECT_THAT(DataFileRows(), ElementsAre("comp|k|dirA|a1", "comp|k|dirA|a2"));
+  EXPECT_TRUE(DataFileExists("dirA/a1"));
+  EXPECT_TRUE(DataFileExists("dirA/a2"));
+  for (const char* gone : {"dirA/extra", "dirA/subdir", "dirOrphan", "stray"}) {
+    EXPECT_FALSE(DataFileExists(gone)) << gone;
+  }
+  EXPECT_TRUE(log_.Contains("DataFileMap:", CSLogger::PRIO_INFO));
+  EXPECT_TRUE(log_.Contains("dirA : 'a1','a2','gone'", CSLogger::PRIO_DETAIL));
+  EXPECT_TRUE(log_.Contains("dirMissing : 'x'", CSLogger::PRIO_DETAIL));
+  EXPECT_TRUE(log_.Contains("Datafile directory not in store, remove: " + RootPath("dirOrphan"), CSLogger::PRIO_INFO));
+  EXPECT_TRUE(log_.Contains("DataDir found: " + RootPath("dirA"), CSLogger::PRIO_INFO));
+  EXPECT_TRUE(log_.Contains("Datafile not in store, remove: " + RootPath("dirA/extra"), CSLogger::PRIO_INFO));
+  EXPECT_TRUE(log_.Contains("Datafile not in store, remove: " + RootPath("dirA/subdir"), CSLogger::PRIO_INFO));
+  EXPECT_TRUE(log_.Contains("Delete illegal file at datafiles root: " + RootPath("stray"), CSLogger::PRIO_DETAIL));
+  EXPECT_TRUE(log_.Contains("CleanupDataFiles completed", CSLogger::PRIO_INFO));
+  EXPECT_THAT(LinesOfPriority(CSLogger::PRIO_ERROR), IsEmpty());
+  EXPECT_THAT(EventIds(), IsEmpty());
+
+  // A second run finds nothing left to do.
+  log_.Clear();
+  CleanupDataFiles();
+  EXPECT_THAT(DataFileRows(), ElementsAre("comp|k|dirA|a1", "comp|k|dirA|a2"));
+  EXPECT_FALSE(log_.Contains("remove:"));
+}
+
+TEST_F(DataFileCleanupTest, LinksAreRemovedAsLinksNeverFollowed) {
+  WriteFile("/outside/victim", "keep me");
+  AddDataFileRow("comp", "k", "linked", "victim");
+  AddDataFileRow("comp", "k", "dirA", "inner");
+  AddDataFile("dirA/inner");
+  fs::create_directories(RootPath(""));
+  fs::create_directory_symlink(Path("/outside"), RootPath("linked"));
+  fs::create_symlink(Path("/outside/victim"), RootPath("dirA/link"));
+
+  CleanupDataFiles();
+
+  EXPECT_EQ(ReadFile("/outside/victim"), "keep me");
+  EXPECT_FALSE(fs::is_symlink(RootPath("linked")));
+  EXPECT_FALSE(fs::is_symlink(RootPath("dirA/link")));
+  EXPECT_TRUE(DataFileExists("dirA/inner"));
+  EXPECT_THAT(DataFileRows(), ElementsAre("comp|k|dirA|inner"));
+}
+
+TEST_F(DataFileCleanupTest, MissingRootEmptiesTheTable) {
+  Populate();
+  Remove(kDataFileRoot);
+  log_.Clear();
+
+  CleanupDataFiles();
+
+  EXPECT_THAT(DataFileRows(), IsEmpty());
+  EXPECT_THAT(EventIds(), IsEmpty());
+  EXPECT_FALSE(log_.Contains("CleanupDataFiles completed"));
+
+  // A regular file in place of the root is no directory either.
+  AddDataFileRow("comp", "k", "dirA", "a1");
+  WriteFile(kDataFileRoot, "not a directory");
+  CleanupDataFiles();
+  EXPECT_THAT(DataFileRows(), IsEmpty());
+  EXPECT_EQ(ReadFile(kDataFileRoot), "not a directory");
+}
+
+TEST_F(DataFileCleanupTest, EmptyTableAndEmptyRootLogOnlyTheFrame) {
+  fs::create_directories(RootPath(""));
+  log_.Clear();
+
+  CleanupDataFiles();
+
+  std::vector<std::string> lines;
+  for (const auto& l : log_.Lines()) lines.push_back(l.text);
+  EXPECT_THAT(lines, ElementsAre("DataFileMap:", "CleanupDataFiles completed"));
+}
+
+TEST_F(DataFileCleanupTest, StoreFailuresAreLoggedAndRaised) {
+  struct Case {
+    const char* name;
+    bool removeRoot;
+    bool removeStore;
+    Kind kind;
+    int nth;  // 0: nothing armed
+    const char* errorLine;
+    bool diskCleaned;
+  };
+  const Case cases[] = {
+      {"no store", false, true, Kind::Prepare, 0, "Datafile store cleanup failed: could not connect", false},
+      {"read cannot be prepared", false, false, Kind::Prepare, 1, "CleanupDataFiles read sql command failed", false},
+      {"read fails midway", false, false, Kind::Step, 2, "CleanupDataFiles read sql command failed", false},
+      {"clear fails", true, false, Kind::Prepare, 2, "CleanupDataFiles clear sql command failed", false},
+      // The disk was already put right; the rows stay for the next run.
+      {"metadata delete fails", false, false, Kind::Prepare, 2, "CleanupDataFiles failed to clearup metadata", true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Remove("/etc");
+    Remove("/var");
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+    Populate();
+    if (c.removeRoot) Remove(kDataFileRoot);
+    if (c.removeStore) Remove("/etc/talvex/configstore/datafile-store");
+    const std::vector<std::string> rowsBefore = c.removeStore ? std::vector<std::string>() : DataFileRows();
+    log_.Clear();
+    if (c.nth > 0) DBStore::faults::Arm(c.kind, c.nth, false);
+
+    EXPECT_NO_THROW(CleanupDataFiles());
+    DBStore::faults::Disarm();
+
+    EXPECT_TRUE(log_.Contains(c.errorLine, CSLogger::PRIO_ERROR));
+    EXPECT_FALSE(log_.Contains("CleanupDataFiles completed"));
+    auto events = RecordedEvents();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].id, kEvent);
+    EXPECT_THAT(events[0].args, IsEmpty());
+    if (!c.removeStore) {
+      EXPECT_EQ(DataFileRows(), rowsBefore);
+    }
+    if (!c.removeRoot) {
+      EXPECT_EQ(DataFileExists("dirOrphan"), !c.diskCleaned);
+      EXPECT_EQ(DataFileExists("stray"), !c.diskCleaned);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace QorConfigStore

@@ -1,0 +1,171 @@
+// CleanupStore: configuration rows and data-file records without a schema, and, outside boot, the
+// orphaned data directories; each half stops at its own failure only.
+#include <gmock/gmock.h>
+
+#include "configstore/maintenance/Cleanup.h"
+#include "tests/configstore/maintenance/MaintenanceFixture.h"
+
+namespace QorConfigStore {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using Kind = DBStore::faults::Kind;
+
+class StoreCleanupTest : public MaintenanceTest {
+ protected:
+  // Schemas for comp/net/{nics,routes} and the data-file key comp/kept; rows that match them and
+  // rows that miss them by one column each; orphaned data-file rows in dirB (twice) and dirC.
+  void Populate() {
+    AddConfigSchema("comp", "net", "nics");
+    AddConfigSchema("comp", "net", "routes");
+    AddConfigRow("comp", "net", "nics", "eth0", {std::nullopt, "u"});
+    AddConfigRow("comp", "net", "nics", "eth1", {std::nullopt, "u"});
+    AddConfigRow("comp", "net", "routes", "", {std::nullopt, "u"});
+    AddConfigRow("comp", "net", "gone", "", {std::nullopt, "u"});     // key
+    AddConfigRow("comp", "other", "nics", "", {std::nullopt, "u"});   // group
+    AddConfigRow("other", "net", "nics", "", {std::nullopt, "u"});    // component
+
+    AddDataFileSchema("comp", "kept");
+    AddDataFileRow("comp", "kept", "dirA", "a1");
+    AddDataFileRow("comp", "old", "dirB", "b1");
+    AddDataFileRow("comp", "old", "dirB", "b2");
+    AddDataFileRow("other", "kept", "dirC", "c1");
+    AddDataFile("dirA/a1");
+    AddDataFile("dirB/b1");
+    AddDataFile("dirB/sub/b2");
+    // dirC is already gone from disk.
+  }
+
+  const std::vector<std::string> kAllConfigRows = {"comp|net|gone|",  "comp|net|nics|eth0", "comp|net|nics|eth1",
+                                                   "comp|net|routes|", "comp|other|nics|",  "other|net|nics|"};
+  const std::vector<std::string> kKeptConfigRows = {"comp|net|nics|eth0", "comp|net|nics|eth1", "comp|net|routes|"};
+  const std::vector<std::string> kAllDataFileRows = {"comp|kept|dirA|a1", "comp|old|dirB|b1", "comp|old|dirB|b2",
+                                                     "other|kept|dirC|c1"};
+  const std::vector<std::string> kKeptDataFileRows = {"comp|kept|dirA|a1"};
+};
+
+TEST_F(StoreCleanupTest, AtBootRowsWithoutSchemaGoAndNoDirectoryIsTouched) {
+  Populate();
+  log_.Clear();
+
+  CleanupStore(true);
+
+  EXPECT_EQ(ConfigRows(), kKeptConfigRows);
+  EXPECT_EQ(DataFileRows(), kKeptDataFileRows);
+  EXPECT_TRUE(DataFileExists("dirA/a1"));
+  EXPECT_TRUE(DataFileExists("dirB/b1"));
+  EXPECT_TRUE(DataFileExists("dirB/sub/b2"));
+  EXPECT_FALSE(log_.Contains("Cleanup datafile directory"));
+  for (const char* line : {"Cleanup config store", "Cleanup config store completed", "Cleanup data file store",
+                           "Cleanup data file store completed"}) {
+    EXPECT_TRUE(log_.Contains(line, CSLogger::PRIO_INFO)) << line;
+  }
+  EXPECT_FALSE(log_.Contains("failed"));
+}
+
+TEST_F(StoreCleanupTest, LiveCleanupAlsoRemovesOrphanedDirectoriesOncePerName) {
+  Populate();
+  log_.Clear();
+
+  CleanupStore(false);
+
+  EXPECT_EQ(ConfigRows(), kKeptConfigRows);
+  EXPECT_EQ(DataFileRows(), kKeptDataFileRows);
+  EXPECT_TRUE(DataFileExists("dirA/a1"));
+  EXPECT_FALSE(DataFileExists("dirB"));
+  EXPECT_EQ(log_.Count("Cleanup datafile directory: dirB"), 1u);
+  // A directory already gone is no failure.
+  EXPECT_TRUE(log_.Contains("Cleanup datafile directory: dirC", CSLogger::PRIO_INFO));
+  EXPECT_FALSE(log_.Contains("failed"));
+  EXPECT_TRUE(log_.Contains("Cleanup data file store completed", CSLogger::PRIO_INFO));
+}
+
+TEST_F(StoreCleanupTest, EveryRowCoveredDeletesNothingAndStillLogsBothLines) {
+  AddConfigSchema("comp", "net", "nics");
+  AddConfigRow("comp", "net", "nics", "eth0", {std::nullopt, "u"});
+  log_.Clear();
+
+  CleanupStore(true);
+
+  EXPECT_THAT(ConfigRows(), ElementsAre("comp|net|nics|eth0"));
+  EXPECT_TRUE(log_.Contains("Cleanup config store", CSLogger::PRIO_INFO));
+  EXPECT_TRUE(log_.Contains("Cleanup config store completed", CSLogger::PRIO_INFO));
+}
+
+TEST_F(StoreCleanupTest, DirectoryNamesThatLeaveTheDataFileRootAreNotRemoved) {
+  AddDataFile("dirA/a1");
+  WriteFile("/var/cache/sibling/keep", "x");
+  for (const char* dir : {"", ".", "..", "../sibling", "dirA/.."}) AddDataFileRow("comp", "old", dir, "f");
+
+  CleanupStore(false);
+
+  EXPECT_THAT(DataFileRows(), IsEmpty());
+  EXPECT_TRUE(DataFileExists("dirA/a1"));
+  EXPECT_TRUE(Exists("/var/cache/sibling/keep"));
+  EXPECT_EQ(log_.Count("not a plain name"), 5u);
+  EXPECT_TRUE(log_.Contains("Cleanup data file store completed", CSLogger::PRIO_INFO));
+}
+
+TEST_F(StoreCleanupTest, EachFailureEndsOnlyItsOwnHalf) {
+  struct Case {
+    const char* name;
+    std::string removeStore;  // a store file taken away first
+    Kind kind;
+    int nth;                  // 0: nothing armed
+    bool atBoot;
+    std::string errorLine;
+    bool configCleaned;
+    bool dataFilesCleaned;
+    bool dirBRemoved;
+  };
+  const Case cases[] = {
+      {"no config store", "/etc/talvex/configstore/current-store-1", Kind::Attach, 0, false,
+       "ConfigStore cleanup failed: could not connect", false, true, true},
+      {"config attach", "", Kind::Attach, 1, false, "ConfigStore cleanup failed: could not attach to SchemaStore",
+       false, true, true},
+      {"config delete", "", Kind::Prepare, 1, false, "ConfigStore cleanup failed: SQL command unsuccessful", false,
+       true, true},
+      {"no data-file store", "/etc/talvex/configstore/datafile-store", Kind::Attach, 0, false,
+       "Datafile store cleanup failed: could not connect", true, false, false},
+      {"data-file attach", "", Kind::Attach, 2, false,
+       "Datafile store cleanup failed: could not attach to data file schemas", true, false, false},
+      {"live directory read", "", Kind::Prepare, 2, false,
+       "Datafile live cleanup failed: read dir SQL command unsuccessful", true, false, false},
+      {"live data-file delete", "", Kind::Prepare, 3, false, "Datafile cleanup failed: SQL command unsuccessful",
+       true, false, false},
+      {"boot data-file delete", "", Kind::Prepare, 2, true, "Datafile cleanup failed: SQL command unsuccessful", true,
+       false, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Remove("/etc");
+    Remove("/var");
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+    Populate();
+    if (!c.removeStore.empty()) Remove(c.removeStore);
+    log_.Clear();
+    if (c.nth > 0) DBStore::faults::Arm(c.kind, c.nth, false);
+
+    CleanupStore(c.atBoot);
+    DBStore::faults::Disarm();
+
+    EXPECT_TRUE(log_.Contains(c.errorLine, CSLogger::PRIO_ERROR));
+    if (c.removeStore.find("current-store-1") == std::string::npos) {
+      EXPECT_EQ(ConfigRows(), c.configCleaned ? kKeptConfigRows : kAllConfigRows);
+    }
+    if (c.removeStore.find("datafile-store") == std::string::npos) {
+      EXPECT_EQ(DataFileRows(), c.dataFilesCleaned ? kKeptDataFileRows : kAllDataFileRows);
+    }
+    EXPECT_EQ(DataFileExists("dirB"), !c.dirBRemoved);
+    // A failed SQL step of the first half still ends with its completion line; the other
+    // failures of the first half end it without one.
+    EXPECT_EQ(log_.Contains("Cleanup config store completed"),
+              c.configCleaned || std::string(c.name) == "config delete");
+    EXPECT_TRUE(log_.Contains("Cleanup data file store", CSLogger::PRIO_INFO));
+    EXPECT_EQ(log_.Contains("Cleanup data file store completed"), c.dataFilesCleaned);
+  }
+}
+
+}  // namespace
+}  // namespace QorConfigStore

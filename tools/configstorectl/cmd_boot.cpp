@@ -1,0 +1,127 @@
+// Boot-time store operations the host's boot scripts and tools call on their own: setup-ramdisk,
+// refresh, apply-record and restore-failures.
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "configstore/boot/BootApplyRecord.h"
+#include "configstore/boot/RamDisk.h"
+#include "configstore/boot/StoreRestore.h"
+#include "tools/configstorectl/Cli.h"
+
+namespace {
+
+using namespace QorConfigStore;
+
+std::vector<std::string> Rest(const cli::Invocation& inv, bool* json) {
+  std::vector<std::string> args = inv.args;
+  *json = cli::TakeFlag(args, "--json") || inv.json;
+  return args;
+}
+
+rapidjson::Value Text(const std::string& s, rapidjson::Document::AllocatorType& a) {
+  return rapidjson::Value(s.c_str(), static_cast<rapidjson::SizeType>(s.size()), a);
+}
+
+int RunSetupRamdisk(const cli::Invocation& inv) {
+  bool json = false;
+  cli::ExpectNoMoreArgs(Rest(inv, &json));
+  SetupStoreRamDisk();
+  if (json) {
+    rapidjson::Document d(rapidjson::kObjectType);
+    d.AddMember("mounted", true, d.GetAllocator());
+    cli::PrintJson(d);
+  }
+  return 0;
+}
+
+// "--schema ID" and "--module NAME", each as often as needed, in any order.
+int RunRefresh(const cli::Invocation& inv) {
+  bool json = false;
+  std::vector<std::string> args = Rest(inv, &json);
+  std::vector<std::string> schemaIds, modules;
+  for (size_t i = 0; i < args.size(); i += 2) {
+    const std::string& flag = args[i];
+    if (flag != "--schema" && flag != "--module") throw cli::UsageError("unexpected argument '" + flag + "'");
+    if (i + 1 >= args.size() || args[i + 1].empty()) throw cli::UsageError(flag + " needs a value");
+    (flag == "--schema" ? schemaIds : modules).push_back(args[i + 1]);
+  }
+  bool refreshed = RefreshConfigStore(schemaIds, modules);
+  if (json) {
+    rapidjson::Document d(rapidjson::kObjectType);
+    d.AddMember("refreshed", refreshed, d.GetAllocator());
+    cli::PrintJson(d);
+  }
+  if (!refreshed) {
+    std::fprintf(stderr, "configstorectl refresh: the store was not refreshed (see the log, -v)\n");
+    return 1;
+  }
+  return 0;
+}
+
+int RunApplyRecord(const cli::Invocation& inv) {
+  bool json = false;
+  std::vector<std::string> args = Rest(inv, &json);
+  if (args.empty()) throw cli::UsageError("missing action (get, set or clear)");
+  const std::string action = args.front();
+  args.erase(args.begin());
+  std::string record;
+  if (action == "set") {
+    if (args.empty()) throw cli::UsageError("missing record text");
+    record = args.front();
+    args.erase(args.begin());
+  } else if (action != "get" && action != "clear") {
+    throw cli::UsageError("unknown action '" + action + "'");
+  }
+  cli::ExpectNoMoreArgs(args);
+  if (action == "set") setBootApplyRecord(record);
+  if (action == "clear") clearBootApplyRecord();
+  // The record is a JSON document either way; every action shows what is stored now.
+  cli::PrintJson(getBootApplyRecord());
+  return 0;
+}
+
+int RunRestoreFailures(const cli::Invocation& inv) {
+  bool json = false;
+  cli::ExpectNoMoreArgs(Rest(inv, &json));
+  std::vector<FailureRecord> failures = GetBootTimeRestoreFailures();
+  if (json) {
+    rapidjson::Document d(rapidjson::kArrayType);
+    auto& a = d.GetAllocator();
+    for (const FailureRecord& f : failures) {
+      rapidjson::Value row(rapidjson::kObjectType);
+      row.AddMember("component", Text(f.Component, a), a);
+      row.AddMember("group", Text(f.ConfigGroup, a), a);
+      row.AddMember("key", Text(f.Name, a), a);
+      d.PushBack(row, a);
+    }
+    cli::PrintJson(d);
+    return 0;
+  }
+  for (const FailureRecord& f : failures) {
+    std::printf("%s %s %s\n", f.Component.c_str(), f.ConfigGroup.c_str(), f.Name.c_str());
+  }
+  return 0;
+}
+
+const cli::Registrar kSetupRamdisk({"setup-ramdisk", "setup-ramdisk", "mount the store and backup ramdisks",
+                                    "Mounts the working store ramdisk, sets its usage limits (warning 80%, error 90%)\n"
+                                    "and mounts the backup ramdisk. In a sandbox root the mounts are recorded in\n"
+                                    "var/run/talvex/mounts.log instead of made.",
+                                    RunSetupRamdisk});
+const cli::Registrar kRefresh({"refresh", "refresh [--schema ID]... [--module NAME]...",
+                               "register new schemas and run live-install upgrade modules",
+                               "Re-registers the packages' schemas (with the expected schema ids given besides the\n"
+                               "image's own) and runs the named live-install upgrade modules. Exit 1 when either\n"
+                               "failed.",
+                               RunRefresh});
+const cli::Registrar kApplyRecord({"apply-record", "apply-record get|set TEXT|clear",
+                                   "read, set or clear the boot apply record",
+                                   "get prints the stored record; set TEXT marks the boot complete with TEXT as the\n"
+                                   "applying tool's record; clear marks it incomplete. Each prints the record after.",
+                                   RunApplyRecord});
+const cli::Registrar kRestoreFailures({"restore-failures", "restore-failures",
+                                       "entries whose user value could not be restored at boot",
+                                       "One line per entry: component, group and key.", RunRestoreFailures});
+
+}  // namespace

@@ -1,5 +1,7 @@
 #!/bin/bash
-# The main job on a fresh copy of the sample host root: what a boot does, step by step.
+# The main job on a fresh copy of the sample host root: the first boot of a newly installed host
+# (a new store filled from the boot configuration document), then an ordinary reboot (the store
+# restored from its backup), each with its boot report and the resulting metrics.
 set -euo pipefail
 ctl=$1
 root=$2
@@ -9,14 +11,30 @@ rm -rf "$root"
 mkdir -p "$root"
 cp -a "$src/." "$root/"
 root="$(cd "$root" && pwd)"
-
+cs() { "$ctl" --root "$root" "$@"; }
 step() { echo; echo "== $*"; }
+
+boot() {
+  step "$1: configstorectl setup-ramdisk"
+  cs setup-ramdisk
+  step "$1: configstorectl load"
+  cs load
+  step "$1: configstorectl boot-kind"
+  cs boot-kind
+  step "$1: configstorectl boot-state cleanup  (the host's boot scripts, once the load is done)"
+  cs boot-state cleanup
+  step "$1: configstorectl metrics"
+  cs metrics
+}
+
 step "host root: $root"
-step "configstorectl create-store"
-"$ctl" --root "$root" create-store
-step "configstorectl boot-kind"
-"$ctl" --root "$root" boot-kind || true
-step "configstorectl boot-mode get"
-"$ctl" --root "$root" boot-mode get || true
-step "configstorectl metrics"
-"$ctl" --root "$root" metrics
+boot "first boot"
+
+step "the host's backup process saves the store; the reboot empties the ramdisk and the installer's first-boot marker is gone"
+mkdir -p "$root/var/lib/talvex/configstore/backup"
+cp "$root/etc/talvex/configstore/current-store-1" "$root/etc/talvex/configstore/datafile-store" \
+   "$root/var/lib/talvex/configstore/backup/"
+rm -f "$root/etc/talvex/configstore/current-store-1" "$root/etc/talvex/configstore/datafile-store"
+rm -f "$root/var/lib/talvex/firstboot/current-store-1"
+
+boot "ordinary boot"

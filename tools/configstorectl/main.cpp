@@ -29,7 +29,13 @@ const char* kGlobalUsage =
 void PrintCommandList(FILE* out) {
   std::fputs(kGlobalUsage, out);
   std::fputs("\nsubcommands:\n", out);
-  for (const auto& c : Commands()) std::fprintf(out, "  %-34s %s\n", c.usage.c_str(), c.summary.c_str());
+  for (const auto& c : Commands()) {
+    if (c.usage.size() > 34) {
+      std::fprintf(out, "  %s\n  %-34s %s\n", c.usage.c_str(), "", c.summary.c_str());
+    } else {
+      std::fprintf(out, "  %-34s %s\n", c.usage.c_str(), c.summary.c_str());
+    }
+  }
 }
 
 }  // namespace

@@ -1,0 +1,81 @@
+// Removal of one configuration key at the next boot, on behalf of the host management interface.
+#include "configstore/desired/DesiredConfig.h"
+#include "configstore/desired/Staging.h"
+#include "configstore/frame/CallFrame.h"
+
+namespace QorConfigStore {
+namespace {
+
+constexpr const char* kWriteDelete =
+    "INSERT INTO DesiredUserConfig (Component, ConfigGroup, Name, BootAction) VALUES (?, ?, ?, ?);";
+
+// Writes the "DELETE" row; a statement that cannot be prepared, bound or run throws 1005.
+void WriteDeleteRow(const DBStore::Connection& conn, const char* component, const char* group, const char* key) {
+  DBStore::Statement stmt = DBStore::internal::Prepare(conn, kWriteDelete, DBStore::kTimeoutMs);
+  int index = 1;
+  bool bound = stmt != nullptr;
+  for (const char* value : {component, group, key, "DELETE"}) {
+    bound = bound && DBStore::internal::Bind(conn, stmt, index, value) == 0;
+  }
+  if (!bound || DBStore::ExecuteStmt(conn, stmt, nullptr, nullptr, DBStore::kTimeoutMs) != 0) {
+    throw ConfigStoreException(
+        CS_ERR_DESIRED_CONFIG_NOT_FOUND,
+        Format("desired configuration for component %s group %s key %s", component, group, key));
+  }
+}
+
+int NoteRow(void* context, int /*argc*/, char** /*argv*/, char** /*columnNames*/) {
+  *static_cast<bool*>(context) = true;
+  return 0;
+}
+
+}  // namespace
+
+void DeleteHostAPIConfiguration(const char* component, const char* group, const char* key) {
+  if (component == nullptr || group == nullptr || key == nullptr) {
+    throw InvalidArgumentException(CS_ERR_GENERIC, "DeleteHostAPIConfiguration needs a component, group and key");
+  }
+  // Only a key that some schema describes can be removed.
+  auto store = QorSchemaStore::SchemaStore::GetStore(false);
+  if (!QorSchemaStore::GetSchema(component, group, key, store)) {
+    throw ConfigStoreException(
+        CS_ERR_DESIRED_CONFIG_NOT_FOUND,
+        Format("desired configuration for component %s group %s key %s", component, group, key));
+  }
+
+  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
+  if (DBStore::BeginTransaction(conn) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to start Delete HostAPI transaction");
+  }
+  try {
+    WriteDeleteRow(conn, component, group, key);
+    // The boot mode commits with the row: a row the next boot would not apply is never left behind.
+    staging::SetBootModeInTransaction(conn, BOOT_MODE_HOSTAPI_CONFIG);
+    if (DBStore::CommitTransaction(conn) != 0) {
+      throw ConfigStoreException(CS_ERR_HOSTAPI_DELETE_NOT_ALLOWED,
+                                 Format("for component %s group %s key %s in Delete HostAPI", component, group, key));
+    }
+  } catch (const std::exception& e) {
+    DBStore::CancelTransaction(conn);
+    CSLogger::Log(CSLogger::PRIO_ERROR, "%s", e.what());
+    throw;
+  }
+}
+
+bool CheckDesiredObjectExists(const ConfigStoreObjectId& id, const std::shared_ptr<DBStore::StoreConnection>& conn) {
+  DBStore::Statement stmt = DBStore::internal::Prepare(
+      conn, "SELECT 1 FROM DesiredUserConfig WHERE Name = ? AND ConfigGroup = ? AND Component = ? LIMIT 1",
+      DBStore::kTimeoutMs);
+  int index = 1;
+  bool bound = stmt != nullptr;
+  for (const std::string* value : {&id.key, &id.group, &id.component}) {
+    bound = bound && DBStore::internal::Bind(conn, stmt, index, *value) == 0;
+  }
+  bool found = false;
+  if (!bound || DBStore::ExecuteStmt(conn, stmt, NoteRow, &found, DBStore::kTimeoutMs) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "Check Instance failed for: " + id.toString());
+  }
+  return found;
+}
+
+}  // namespace QorConfigStore

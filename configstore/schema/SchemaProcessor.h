@@ -1,0 +1,15 @@
+// Registration of the schemas that installed packages ship.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace QorConfigStore {
+
+// Re-registers every element of the newest schema file of each package in the schema store, for
+// the kind of host that is booting, then loads the packages' default configuration. `schemaIds`
+// are expected identifiers besides the installed image's own (empty: the image's only).
+// True when every schema file and the default configuration were processed without failure.
+bool ProcessSchemas(const std::vector<std::string>& schemaIds);
+
+}  // namespace QorConfigStore

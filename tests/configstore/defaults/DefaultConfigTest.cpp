@@ -1,0 +1,263 @@
+// Default configuration processing on real files, a real schema store and a real DefaultConfig table.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "configstore/defaults/DefaultConfig.h"
+#include "configstore/schema/SchemaRegistration.h"
+#include "platform/dbstore/DBStore.h"
+#include "tests/configstore/schema/SchemaHostFixture.h"
+
+namespace {
+
+using namespace QorConfigStore;
+using cstest::Strings;
+
+constexpr const char* kNics =
+    R"({"type": "object", "required": ["name"], "properties": {"name": {"type": "string", "instanceId": true},
+        "mtu": {"type": "integer", "minimum": 1280, "maximum": 9000}, "mac": {"type": "string", "vital": true},
+        "speed": {"type": "integer", "cached": true}}})";
+constexpr const char* kDns =
+    R"({"type": "object", "properties": {"domain": {"type": "string"}, "servers": {"type": "array", "items": {"type": "string"}}}})";
+constexpr const char* kRules =
+    R"({"type": "object", "required": ["port"], "properties": {
+        "cs_generated_id": {"type": "string", "instanceId": true, "generatedId": true},
+        "port": {"type": "integer", "minimum": 1, "maximum": 65535}}})";
+
+class DefaultConfigTest : public cstest::SchemaHostTest {
+ protected:
+  void SetUp() override {
+    SchemaHostTest::SetUp();
+    WriteSchemaFile("qor-base.json", cstest::kBaseKit, cstest::kBaseVersion,
+                    Element("qor/network/nics", kNics, "", "2.0") + "," + Element("qor/network/dns", kDns) + "," +
+                        Element("qor/firewall/rules", kRules));
+    ASSERT_TRUE(ProcessSchemaFiles({}, false));
+    log_.Clear();
+  }
+
+  // A default-configuration element.
+  static std::string Defaults(const std::string& key, const std::string& config, const std::string& group = "network") {
+    return R"({"component": "qor", "group": ")" + group + R"(", "key": ")" + key + R"(", "config": )" + config + "}";
+  }
+  void WriteBase(const std::string& data, const std::string& file = "base.json") const {
+    WriteDefaultFile(file, cstest::kBaseKit, cstest::kBaseVersion, data);
+  }
+  std::string ErrorFile(const std::string& name) const { return ReadFile("/var/run/talvex/files/errors-" + name); }
+};
+
+TEST_F(DefaultConfigTest, ValidInstancesAreSplitAndWritten) {
+  WriteBase(Defaults("nics", R"([{"name": "nuk0", "mtu": 1500, "mac": "aa", "speed": 10}, {"name": "nuk1"}])") + "," +
+            Defaults("dns", R"({"domain": "lab", "servers": ["a"]})"));
+  EXPECT_TRUE(ProcessDefaultConfiguration(false));
+  EXPECT_EQ(DefaultRows(), (Strings{
+                               R"(qor/network/dns||{"domain":"lab","servers":["a"]}|||1.0)",
+                               R"(qor/network/nics|nuk0|{"name":"nuk0","mtu":1500}|{"name":"nuk0","mac":"aa"}|{"name":"nuk0","speed":10}|2.0)",
+                               R"(qor/network/nics|nuk1|{"name":"nuk1"}|||2.0)",
+                           }));
+  EXPECT_TRUE(Logged("Processing default configuration.", 2));
+  EXPECT_TRUE(Logged("Processing default config from 'base.json'", 2));
+  EXPECT_TRUE(Logged("Completed processing default configuration: success.", 2));
+  EXPECT_FALSE(Exists("/var/run/talvex/files/errors-base.json"));
+}
+
+TEST_F(DefaultConfigTest, InvalidInstancesAndUnknownKeysGoToTheErrorFile) {
+  WriteBase(Defaults("nics", R"([{"name": "nuk0"}, {"name": "nuk1", "mtu": 100}, {"name": "nuk2"}])") + "," +
+            Defaults("nokey", R"({"a": 1})") + "," + Defaults("dns", R"({"domain": "lab"})"));
+  EXPECT_FALSE(ProcessDefaultConfiguration(false));
+  EXPECT_EQ(DefaultRows(), (Strings{R"(qor/network/dns||{"domain":"lab"}|||1.0)",
+                                    R"(qor/network/nics|nuk0|{"name":"nuk0"}|||2.0)",
+                                    R"(qor/network/nics|nuk2|{"name":"nuk2"}|||2.0)"}));
+  EXPECT_EQ(ErrorFile("base.json"),
+            R"([{"key":"nics","errors":[{"field":"/mtu","error":"must be at least 1280, got 100"}]},)"
+            R"({"key":"nokey","errors":[{"error":"Schema not found"}]}])");
+  const std::string errorPath = Path("/var/run/talvex/files/errors-base.json");
+  EXPECT_TRUE(Logged("Validation failed for key: nics", 0));
+  EXPECT_TRUE(Logged("Validation failed for key: nokey", 0));
+  EXPECT_TRUE(Logged("Creating default config error file " + errorPath, 0));
+  EXPECT_TRUE(Logged("Default configuration failed 'base.json'", 0));
+  EXPECT_TRUE(Logged("Completed processing default configuration: failure.", 2));
+}
+
+TEST_F(DefaultConfigTest, ErrorFilesAreRewrittenByFailuresAndKeptBySuccesses) {
+  WriteBase(Defaults("nokey", "{}") + "," + Defaults("other", "{}"));
+  EXPECT_FALSE(ProcessDefaultConfiguration(false));
+  WriteBase(Defaults("nokey", "{}"));
+  EXPECT_FALSE(ProcessDefaultConfiguration(false));
+  const std::string shortList = R"([{"key":"nokey","errors":[{"error":"Schema not found"}]}])";
+  EXPECT_EQ(ErrorFile("base.json"), shortList);  // truncated, not appended to
+  WriteBase(Defaults("dns", "{}"));
+  EXPECT_TRUE(ProcessDefaultConfiguration(false));
+  EXPECT_EQ(ErrorFile("base.json"), shortList);
+}
+
+TEST_F(DefaultConfigTest, DpuTakesQorioConfigWhereThereIsOne) {
+  WriteBase(R"({"component": "qor", "group": "network", "key": "nics", "config": [{"name": "nuk0"}],
+                "qorio_config": [{"name": "nuk5"}, {"name": "nuk6"}]},)" +
+            Defaults("dns", R"({"domain": "both"})"));
+  struct Case {
+    bool qorio;
+    Strings nics;
+  };
+  for (const Case& c : {Case{false, {"nuk0"}}, Case{true, {"nuk5", "nuk6"}}}) {
+    SCOPED_TRACE(c.qorio ? "dpu" : "host");
+    EXPECT_TRUE(ProcessDefaultConfiguration(c.qorio));
+    EXPECT_EQ(Query("SELECT Identifier FROM DefaultConfig WHERE Name = 'nics' ORDER BY Identifier"), c.nics);
+    EXPECT_EQ(Query("SELECT Value FROM DefaultConfig WHERE Name = 'dns'"), Strings{R"({"domain":"both"})"});
+  }
+}
+
+TEST_F(DefaultConfigTest, OnlyTheNewestFileOfAPackageIsReadWithVersioning) {
+  WriteDefaultFile("base-old.json", cstest::kBaseKit, "8.0.1_0.0", Defaults("nics", R"({"name": "nuk-old"})"));
+  WriteDefaultFile("base-new.json", cstest::kBaseKit, cstest::kBaseVersion, Defaults("nics", R"({"name": "nuk-new"})"));
+  EXPECT_TRUE(ProcessDefaultConfiguration(false));
+  EXPECT_EQ(Query("SELECT Identifier FROM DefaultConfig"), Strings{"nuk-new"});
+  EXPECT_TRUE(Logged("Skipping schema file 'base-old.json' since latest version already processed.", 2));
+  EXPECT_TRUE(Logged("Processing schema file 'base-new.json'.", 2));
+  EXPECT_FALSE(Logged("Processing default config from 'base-old.json'", 2));
+
+  SetSwitches(false, true);
+  log_.Clear();
+  EXPECT_TRUE(ProcessDefaultConfiguration(false));
+  EXPECT_EQ(Query("SELECT Identifier FROM DefaultConfig ORDER BY Identifier"), (Strings{"nuk-new", "nuk-old"}));
+  EXPECT_TRUE(Logged("Processing default config from 'base-old.json'", 2));
+  EXPECT_EQ(log_.Count("Skipping schema file"), 0u);
+}
+
+TEST_F(DefaultConfigTest, GeneratedIdentifiersAreFilledAndKept) {
+  WriteBase(Defaults("rules", R"([{"port": 22}, {"port": 80}, {"port": 443, "cs_generated_id": "fixed-id"}])", "firewall"));
+  EXPECT_TRUE(ProcessDefaultConfiguration(false));
+  Strings rows = Query("SELECT Identifier || ' ' || Value FROM DefaultConfig ORDER BY json_extract(Value, '$.port')");
+  ASSERT_EQ(rows.size(), 3u);
+  EXPECT_EQ(rows[2], R"(fixed-id {"port":443,"cs_generated_id":"fixed-id"})");
+  std::string first = rows[0].substr(0, rows[0].find(' ')), second = rows[1].substr(0, rows[1].find(' '));
+  EXPECT_EQ(first.size(), 36u);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(rows[0], first + R"( {"port":22,"cs_generated_id":")" + first + R"("})");
+  EXPECT_EQ(rows[1], second + R"( {"port":80,"cs_generated_id":")" + second + R"("})");
+}
+
+TEST_F(DefaultConfigTest, EachRunReplacesTheWholeTable) {
+  WriteBase(Defaults("nics", R"({"name": "nuk0"})") + "," + Defaults("dns", "{}"));
+  ASSERT_TRUE(ProcessDefaultConfiguration(false));
+  WriteBase(Defaults("dns", R"({"domain": "new"})"));
+  EXPECT_TRUE(ProcessDefaultConfiguration(false));
+  EXPECT_EQ(DefaultRows(), Strings{R"(qor/network/dns||{"domain":"new"}|||1.0)"});
+}
+
+TEST_F(DefaultConfigTest, NoDefaultFilesChangesNothing) {
+  WriteBase(Defaults("dns", "{}"));
+  ASSERT_TRUE(ProcessDefaultConfiguration(false));
+  const Strings before = DefaultRows();
+  const std::string dir = Path("/etc/talvex/default-config");
+  Remove("/etc/talvex/default-config/base.json");
+  WriteRawDefaultFile("README.txt", "not a default file");
+  for (int round = 0; round < 2; ++round) {
+    SCOPED_TRACE(round == 0 ? "directory without json files" : "no directory");
+    log_.Clear();
+    EXPECT_FALSE(ProcessDefaultConfiguration(false));
+    EXPECT_TRUE(Logged("Failed to open " + dir, 0));
+    EXPECT_EQ(DefaultRows(), before);
+    Remove("/etc/talvex/default-config");
+  }
+}
+
+TEST_F(DefaultConfigTest, BadDocumentsCancelTheWholeRun) {
+  WriteBase(Defaults("dns", R"({"domain": "kept"})"));
+  ASSERT_TRUE(ProcessDefaultConfiguration(false));
+  const Strings before = DefaultRows();
+
+  struct Case {
+    const char* what;
+    std::string content;
+    const char* message;  // start of the logged text after "DefaultConfiguration Failed "
+  };
+  const std::string meta = R"("metadata": {"kitname": "zz-kit", "kitversion": "1.0.0_0.0"})";
+  const Case cases[] = {
+      {"not JSON", "{\"data\": [", ""},
+      {"config missing", "{" + meta + R"(, "data": [{"component": "qor", "group": "network", "key": "dns"}]})", "JSON error:"},
+      {"key not a string", "{" + meta + R"(, "data": [{"component": "qor", "group": "network", "key": 7, "config": {}}]})",
+       "JSON error:"},
+      {"data not an array", "{" + meta + R"(, "data": {}})", "JSON error:"},
+      {"element not an object", "{" + meta + R"(, "data": [7]})", "JSON error:"},
+      // Valid by the default rules, which accept unknown members, but the split needs every member described.
+      {"undescribed member",
+       "{" + meta + R"(, "data": [{"component": "qor", "group": "network", "key": "dns", "config": {"extra": 1}}]})",
+       "JSON error:"},
+  };
+  for (bool versioning : {true, false}) {
+    SetSwitches(versioning, true);
+    for (const Case& c : cases) {
+      SCOPED_TRACE(std::string(c.what) + (versioning ? ", versioning on" : ", versioning off"));
+      // Listed beside a good file that is processed first or after: either way nothing stays.
+      WriteBase(Defaults("dns", R"({"domain": "changed"})") + "," + Defaults("nics", R"({"name": "n"})"));
+      WriteRawDefaultFile("zz.json", c.content);
+      log_.Clear();
+      EXPECT_FALSE(ProcessDefaultConfiguration(false));
+      EXPECT_EQ(DefaultRows(), before);
+      EXPECT_EQ(log_.Count(std::string("DefaultConfiguration Failed ") + c.message), 1u);
+    }
+  }
+}
+
+TEST_F(DefaultConfigTest, StoreFaultsLeaveTheTableWhole) {
+  WriteBase(Defaults("nics", R"([{"name": "nuk0"}, {"name": "nuk1"}])") + "," + Defaults("dns", R"({"domain": "a"})"));
+  ASSERT_TRUE(ProcessDefaultConfiguration(false));
+  WriteBase(Defaults("nics", R"([{"name": "nuk2"}, {"name": "nuk3"}, {"name": "nuk4"}])") + "," +
+            Defaults("dns", R"({"domain": "b"})"));
+  const Strings complete = {R"(qor/network/dns||{"domain":"b"}|||1.0)", R"(qor/network/nics|nuk2|{"name":"nuk2"}|||2.0)",
+                            R"(qor/network/nics|nuk3|{"name":"nuk3"}|||2.0)", R"(qor/network/nics|nuk4|{"name":"nuk4"}|||2.0)"};
+
+  // Fail each statement step of a run in turn: a run either fails and leaves the table as it was,
+  // or succeeds with every row but the one whose write failed.
+  bool sawCleanupFailure = false, sawWriteFailure = false;
+  for (int nth = 1;; ++nth) {
+    SCOPED_TRACE("failing step " + std::to_string(nth));
+    const Strings before = DefaultRows();
+    log_.Clear();
+    DBStore::faults::Arm(DBStore::faults::Kind::Step, nth, false);
+    const bool ok = ProcessDefaultConfiguration(false);
+    const int steps = DBStore::faults::Calls(DBStore::faults::Kind::Step);
+    DBStore::faults::Disarm();
+    const Strings after = DefaultRows();
+    if (steps < nth) {
+      EXPECT_TRUE(ok);
+      EXPECT_EQ(after, complete);
+      break;
+    }
+    if (!ok) {
+      EXPECT_EQ(after, before);
+      EXPECT_EQ(log_.Count("DefaultConfiguration Failed "), 1u);
+      sawCleanupFailure |= Logged("DefaultConfiguration Failed Failed to cleanup default config", 0);
+    } else {
+      ASSERT_EQ(log_.Count("Failed to write default config for qor/network/"), 1u);
+      EXPECT_EQ(after.size(), complete.size() - 1);
+      EXPECT_TRUE(std::includes(complete.begin(), complete.end(), after.begin(), after.end()));
+      sawWriteFailure = true;
+    }
+    ASSERT_LT(nth, 200);
+  }
+  EXPECT_TRUE(sawCleanupFailure);
+  EXPECT_TRUE(sawWriteFailure);
+
+  WriteBase(Defaults("dns", R"({"domain": "c"})"));
+  DBStore::faults::Arm(DBStore::faults::Kind::Commit, 1, false);
+  const Strings before = DefaultRows();
+  EXPECT_FALSE(ProcessDefaultConfiguration(false));
+  EXPECT_EQ(DefaultRows(), before);
+  EXPECT_TRUE(Logged("DefaultConfiguration Failed Failed to commit default config", 0));
+}
+
+TEST_F(DefaultConfigTest, MissingStoresFailTheRunCleanly) {
+  WriteBase(Defaults("dns", "{}"));
+  Remove("/var/lib/talvex/schemastore/schema-store");
+  EXPECT_FALSE(ProcessDefaultConfiguration(false));
+  EXPECT_EQ(log_.Count("DefaultConfiguration Failed "), 1u);
+  Remove("/etc/talvex/configstore/current-store-1");
+  log_.Clear();
+  EXPECT_FALSE(ProcessDefaultConfiguration(false));
+  EXPECT_TRUE(Logged("DefaultConfiguration Failed Failed to connect to database", 0));
+}
+
+}  // namespace

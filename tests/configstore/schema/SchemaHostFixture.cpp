@@ -1,0 +1,119 @@
+#include "tests/configstore/schema/SchemaHostFixture.h"
+
+#include "platform/dbstore/DBStore.h"
+
+namespace cstest {
+namespace {
+
+std::string PackageFile(const std::string& kit, const std::string& version, const std::string& data) {
+  return R"({"metadata": {"kitname": ")" + kit + R"(", "kitversion": ")" + version + R"("}, "data": [)" + data + "]}";
+}
+
+}  // namespace
+
+void SchemaHostTest::SetUp() {
+  SandboxTest::SetUp();
+  CopyExampleHost();
+  Remove("/usr/lib/talvex/configmanager/schemas");
+  Remove("/etc/talvex/default-config");
+  ASSERT_EQ(DBStore::CreateDatabases(), 0);
+  SetSwitches(true, true);
+}
+
+void SchemaHostTest::TearDown() {
+  DBStore::faults::Disarm();
+  SandboxTest::TearDown();
+}
+
+void SchemaHostTest::SetSwitches(bool versioning, bool smartnicFiltering) const {
+  WriteFile("/etc/talvex/features", std::string("62=") + (versioning ? "on" : "off") + "\n70=" +
+                                        (smartnicFiltering ? "on" : "off") + "\n");
+}
+
+void SchemaHostTest::SetQorio(bool qorio) const {
+  if (qorio) {
+    WriteFile("/etc/.qorio", "");
+  } else {
+    Remove("/etc/.qorio");
+  }
+}
+
+void SchemaHostTest::WriteSchemaFile(const std::string& file, const std::string& kit, const std::string& version,
+                                     const std::string& data) const {
+  WriteRawSchemaFile(file, PackageFile(kit, version, data));
+}
+
+void SchemaHostTest::WriteDefaultFile(const std::string& file, const std::string& kit, const std::string& version,
+                                      const std::string& data) const {
+  WriteRawDefaultFile(file, PackageFile(kit, version, data));
+}
+
+void SchemaHostTest::WriteRawSchemaFile(const std::string& file, const std::string& content) const {
+  WriteFile("/usr/lib/talvex/configmanager/schemas/" + file, content);
+}
+
+void SchemaHostTest::WriteRawDefaultFile(const std::string& file, const std::string& content) const {
+  WriteFile("/etc/talvex/default-config/" + file, content);
+}
+
+std::string SchemaHostTest::Element(const std::string& cgk, const std::string& schema, const std::string& extra,
+                                    const std::string& version) {
+  size_t first = cgk.find('/'), second = cgk.find('/', first + 1);
+  return R"({"component": ")" + cgk.substr(0, first) + R"(", "group": ")" + cgk.substr(first + 1, second - first - 1) +
+         R"(", "key": ")" + cgk.substr(second + 1) + R"(", "version": ")" + version + "\", " +
+         (extra.empty() ? "" : extra + ", ") + R"("schema": )" + schema + "}";
+}
+
+Strings SchemaHostTest::Query(const std::string& sql) {
+  Strings rows;
+  DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, false);
+  EXPECT_TRUE(conn);
+  EXPECT_EQ(DBStore::AttachSchemaStore(conn), 0);
+  DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
+  EXPECT_TRUE(stmt) << sql;
+  auto collect = [](void* context, int argc, char** argv, char**) {
+    std::string row;
+    for (int i = 0; i < argc; ++i) row += (i ? "|" : "") + std::string(argv[i] ? argv[i] : "NULL");
+    static_cast<Strings*>(context)->push_back(row);
+    return 0;
+  };
+  EXPECT_EQ(DBStore::ExecuteStmt(conn, stmt, collect, &rows, DBStore::kTimeoutMs), 0) << sql;
+  return rows;
+}
+
+Strings SchemaHostTest::Registered() {
+  return Query(
+      "SELECT Component || '/' || ConfigGroup || '/' || Name || ' ' || SchemaId || ' ' || Version "
+      "FROM ss.ConfigSchema ORDER BY Component, ConfigGroup, Name");
+}
+
+Strings SchemaHostTest::DefaultRows() {
+  return Query(
+      "SELECT Component || '/' || ConfigGroup || '/' || Name, Identifier, Value, VitalValue, CachedValue, Version "
+      "FROM DefaultConfig ORDER BY Component, ConfigGroup, Name, Identifier");
+}
+
+Strings SchemaHostTest::EventList() const {
+  Strings list;
+  for (const auto& e : RecordedEvents()) {
+    std::string text = e.id + ":";
+    for (size_t i = 0; i < e.args.size(); ++i) text += (i ? "," : "") + e.args[i];
+    list.push_back(text);
+  }
+  return list;
+}
+
+bool SchemaHostTest::Logged(const std::string& text, int priority) const {
+  for (const auto& line : log_.Lines()) {
+    if (line.priority == priority && line.text == text) return true;
+  }
+  return false;
+}
+
+size_t SchemaHostTest::LoggedCount(const std::string& text) const {
+  size_t n = 0;
+  for (const auto& line : log_.Lines()) n += line.text == text ? 1 : 0;
+  return n;
+}
+
+}  // namespace cstest

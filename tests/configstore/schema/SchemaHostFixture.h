@@ -1,0 +1,57 @@
+// A sandbox host with the sample image database, fresh stores and empty schema and
+// default-configuration directories, with words to write package files and read back what the
+// schema store, DefaultConfig, the event log and the log capture hold.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tests/support/Sandbox.h"
+
+namespace cstest {
+
+using Strings = std::vector<std::string>;
+
+// Schema ids the sample image database expects.
+inline constexpr const char* kBaseKit = "qor-base";
+inline constexpr const char* kBaseVersion = "8.0.2_1.0";
+inline constexpr const char* kNetKit = "net-core";
+inline constexpr const char* kNetVersion = "1.2.3_4.5";
+
+class SchemaHostTest : public SandboxTest {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // Writes the feature-state file: schema versioning (62) and SmartNIC filtering (70).
+  void SetSwitches(bool versioning, bool smartnicFiltering) const;
+  void SetQorio(bool qorio) const;
+
+  // {"metadata": {"kitname", "kitversion"}, "data": [<data>]} as "<dir>/<file>".
+  void WriteSchemaFile(const std::string& file, const std::string& kit, const std::string& version,
+                       const std::string& data) const;
+  void WriteDefaultFile(const std::string& file, const std::string& kit, const std::string& version,
+                        const std::string& data) const;
+  void WriteRawSchemaFile(const std::string& file, const std::string& content) const;
+  void WriteRawDefaultFile(const std::string& file, const std::string& content) const;
+
+  // A configuration-key element: {"component","group","key","version", <extra>, "schema": <schema>}.
+  static std::string Element(const std::string& cgk, const std::string& schema, const std::string& extra = "",
+                             const std::string& version = "1.0");
+
+  // "component/group/key schemaId version", ordered by key.
+  static Strings Registered();
+  // "component/group/key|identifier|user|vital|cached|version", ordered by key then identifier.
+  static Strings DefaultRows();
+  // Rows of any query on the configuration store (schema store attached as "ss"), columns "|"-joined,
+  // NULL as "NULL".
+  static Strings Query(const std::string& sql);
+
+  // "id:arg1,arg2" of each recorded event, oldest first.
+  Strings EventList() const;
+  // True when a line of that priority equals `text` exactly.
+  bool Logged(const std::string& text, int priority) const;
+  size_t LoggedCount(const std::string& text) const;
+};
+
+}  // namespace cstest

@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 enum NUK_ReturnStatus : int {
   NUK_OK = 0,
@@ -92,6 +93,9 @@ NUK_ReturnStatus PLONSHPath_GetLeafElement(const PLONSHPath* path, PLON_NodeId* 
 // The caller owns the returned list (PLON_ParamListDestroy).
 NUK_ReturnStatus PLONSHPath_GetInstArgs(const PLONSHPath* path, PLON_ParamList** args);
 void PLONSHPath_Delete(PLONSHPath* path);
+// Path patterns of every known node, "%" standing for an instance element
+// ("/system/lumafs/inodes/%/stats"), in the node table's order.
+std::vector<std::string> PLONSHPath_KnownPatterns();
 
 // Test and demo support: write a node's content under the current root (creating directories).
 // False when the path has an element the tree refuses ("..", an empty one) or the write fails.

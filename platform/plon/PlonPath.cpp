@@ -77,3 +77,9 @@ NUK_ReturnStatus PLONSHPath_GetInstArgs(const PLONSHPath* path, PLON_ParamList**
 }
 
 void PLONSHPath_Delete(PLONSHPath* path) { delete path; }
+
+std::vector<std::string> PLONSHPath_KnownPatterns() {
+  std::vector<std::string> patterns;
+  for (const Plon::NodeDef& node : Plon::Nodes()) patterns.emplace_back(node.pattern);
+  return patterns;
+}

@@ -119,11 +119,6 @@ class Checker {
 
     bool ok = true;
     // Records a failure; true when the caller may stop (only the verdict is wanted).
-    auto fail = [&](const std::string& message) {
-      ok = false;
-      Report(message);
-      return sink_ == nullptr;
-    };
     auto sub = [&](const Node& schema, const Value& v) {
       if (Check(schema, v)) return false;
       ok = false;
@@ -131,12 +126,12 @@ class Checker {
     };
 
     if (checks_.types && node.types != 0 && !TypeMatches(node.types, value)) {
-      if (fail("must be of type " + TypeList(node.types) + ", got " + TypeName(value))) return false;
+      if (Fail(ok, "must be of type " + TypeList(node.types) + ", got " + TypeName(value))) return false;
     }
     if (checks_.values && node.enumValues != nullptr) {
       bool found = std::any_of(node.enumValues->Begin(), node.enumValues->End(),
                                [&](const Value& e) { return JsonEqual(e, value); });
-      if (!found && fail("must be one of " + Describe(*node.enumValues, 120) + ", got " + Got(value))) return false;
+      if (!found && Fail(ok, "must be one of " + Describe(*node.enumValues, 120) + ", got " + Got(value))) return false;
     }
     bool valid = true;
     if (value.IsObject()) valid = CheckObject(node, value);
@@ -154,18 +149,18 @@ class Checker {
     if (checks_.types) {
       if (!node.anyOf.empty() &&
           std::none_of(node.anyOf.begin(), node.anyOf.end(), [&](const Node* n) { return Matches(*n, value); })) {
-        if (fail("matches none of the " + std::to_string(node.anyOf.size()) + " allowed alternatives (anyOf)")) return false;
+        if (Fail(ok, "matches none of the " + std::to_string(node.anyOf.size()) + " allowed alternatives (anyOf)")) return false;
       }
       if (!node.oneOf.empty()) {
         size_t matched = std::count_if(node.oneOf.begin(), node.oneOf.end(), [&](const Node* n) { return Matches(*n, value); });
         std::string how = matched == 0 ? "none" : std::to_string(matched);
-        if (matched != 1 && fail("matches " + how + " of the " + std::to_string(node.oneOf.size()) +
+        if (matched != 1 && Fail(ok, "matches " + how + " of the " + std::to_string(node.oneOf.size()) +
                                  " alternatives, must match exactly one (oneOf)")) {
           return false;
         }
       }
       if (node.notSchema != nullptr && Matches(*node.notSchema, value)) {
-        if (fail("must not match the schema under \"not\"")) return false;
+        if (Fail(ok, "must not match the schema under \"not\"")) return false;
       }
     }
     return ok;
@@ -200,6 +195,14 @@ class Checker {
     size_t keep_;
   };
 
+  // Records a failed check in `ok` and the sink; true when only the verdict is wanted (no sink),
+  // so the caller may stop at the first failure.
+  bool Fail(bool& ok, const std::string& message) {
+    ok = false;
+    Report(message);
+    return sink_ == nullptr;
+  }
+
   void Report(const std::string& message) {
     if (sink_ == nullptr) return;
     if (sink_->size() < kMaxErrors) sink_->push_back({path_, message});
@@ -222,24 +225,19 @@ class Checker {
 
   bool CheckObject(const Node& node, const Value& object) {
     bool ok = true;
-    auto fail = [&](const std::string& message) {
-      ok = false;
-      Report(message);
-      return sink_ == nullptr;
-    };
     auto has = [&](const std::string& name) {
       return object.FindMember(Value(rapidjson::StringRef(name.data(), name.size()))) != object.MemberEnd();
     };
     if (checks_.required) {
       for (const std::string& name : node.required) {
-        if (!has(name) && fail("missing required member \"" + name + "\"")) return false;
+        if (!has(name) && Fail(ok, "missing required member \"" + name + "\"")) return false;
       }
     }
     for (const Dependency& d : node.dependencies) {
       if (!has(d.member)) continue;
       if (checks_.required) {
         for (const std::string& name : d.requiredMembers) {
-          if (!has(name) && fail("member \"" + d.member + "\" requires member \"" + name + "\"")) return false;
+          if (!has(name) && Fail(ok, "member \"" + d.member + "\" requires member \"" + name + "\"")) return false;
         }
       }
       if (d.schema != nullptr && !Check(*d.schema, object)) {
@@ -250,11 +248,11 @@ class Checker {
     if (checks_.values) {
       uint64_t n = object.MemberCount();
       if (node.minProperties && n < *node.minProperties &&
-          fail("must have at least " + Plural(*node.minProperties, "member") + ", got " + std::to_string(n))) {
+          Fail(ok, "must have at least " + Plural(*node.minProperties, "member") + ", got " + std::to_string(n))) {
         return false;
       }
       if (node.maxProperties && n > *node.maxProperties &&
-          fail("must have at most " + Plural(*node.maxProperties, "member") + ", got " + std::to_string(n))) {
+          Fail(ok, "must have at most " + Plural(*node.maxProperties, "member") + ", got " + std::to_string(n))) {
         return false;
       }
     }
@@ -289,7 +287,7 @@ class Checker {
           ok = false;
           if (sink_ == nullptr) return false;
         }
-      } else if (refuseUndescribed && fail("unknown member \"" + std::string(name, length) + "\"")) {
+      } else if (refuseUndescribed && Fail(ok, "unknown member \"" + std::string(name, length) + "\"")) {
         return false;
       }
     }
@@ -299,10 +297,10 @@ class Checker {
       if (member == object.MemberEnd()) {
         // Already reported when "required" lists it.
         bool reported = checks_.required && std::find(node.required.begin(), node.required.end(), id) != node.required.end();
-        if (!reported && fail("missing instance identifier \"" + id + "\"")) return false;
+        if (!reported && Fail(ok, "missing instance identifier \"" + id + "\"")) return false;
       } else if (!member->value.IsString() || member->value.GetStringLength() == 0) {
         Step step(*this, id.data(), id.size());
-        if (fail("instance identifier \"" + id + "\" must be a non-empty string, got " + Got(member->value))) return false;
+        if (Fail(ok, "instance identifier \"" + id + "\" must be a non-empty string, got " + Got(member->value))) return false;
       }
     }
     return ok;
@@ -310,24 +308,19 @@ class Checker {
 
   bool CheckArray(const Node& node, const Value& array) {
     bool ok = true;
-    auto fail = [&](const std::string& message) {
-      ok = false;
-      Report(message);
-      return sink_ == nullptr;
-    };
     uint64_t n = array.Size();
     if (checks_.values) {
       if (node.minItems && n < *node.minItems &&
-          fail("must have at least " + Plural(*node.minItems, "element") + ", got " + std::to_string(n))) {
+          Fail(ok, "must have at least " + Plural(*node.minItems, "element") + ", got " + std::to_string(n))) {
         return false;
       }
       if (node.maxItems && n > *node.maxItems &&
-          fail("must have at most " + Plural(*node.maxItems, "element") + ", got " + std::to_string(n))) {
+          Fail(ok, "must have at most " + Plural(*node.maxItems, "element") + ", got " + std::to_string(n))) {
         return false;
       }
       if (node.uniqueItems) {
         std::string duplicate = FindDuplicate(array);
-        if (!duplicate.empty() && fail("must not repeat elements: " + duplicate)) return false;
+        if (!duplicate.empty() && Fail(ok, "must not repeat elements: " + duplicate)) return false;
       }
     }
     for (rapidjson::SizeType i = 0; i < array.Size(); ++i) {
@@ -340,7 +333,7 @@ class Checker {
         schema = node.additionalItemsSchema;
       } else if (node.additionalItems == Extra::kRefused && (checks_.draft || checks_.unknownRefused)) {
         Step step(*this, i);
-        if (fail("unexpected element: at most " + Plural(node.tupleItems.size(), "element") + " allowed")) return false;
+        if (Fail(ok, "unexpected element: at most " + Plural(node.tupleItems.size(), "element") + " allowed")) return false;
         continue;
       }
       if (schema == nullptr) {
@@ -378,24 +371,19 @@ class Checker {
   bool CheckString(const Node& node, const Value& s) {
     if (!checks_.values) return true;
     bool ok = true;
-    auto fail = [&](const std::string& message) {
-      ok = false;
-      Report(message);
-      return sink_ == nullptr;
-    };
     if (node.minLength || node.maxLength) {
       size_t n = CodePoints(s);
       if (node.minLength && n < *node.minLength &&
-          fail("must be at least " + Plural(*node.minLength, "character") + " long, got " + std::to_string(n))) {
+          Fail(ok, "must be at least " + Plural(*node.minLength, "character") + " long, got " + std::to_string(n))) {
         return false;
       }
       if (node.maxLength && n > *node.maxLength &&
-          fail("must be at most " + Plural(*node.maxLength, "character") + " long, got " + std::to_string(n))) {
+          Fail(ok, "must be at most " + Plural(*node.maxLength, "character") + " long, got " + std::to_string(n))) {
         return false;
       }
     }
     if (node.pattern && !PatternFinds(*node.pattern, s.GetString(), s.GetStringLength()) &&
-        fail("does not match pattern " + node.patternSource)) {
+        Fail(ok, "does not match pattern " + node.patternSource)) {
       return false;
     }
     return ok;
@@ -404,15 +392,10 @@ class Checker {
   bool CheckNumber(const Node& node, const Value& v) {
     if (!checks_.values) return true;
     bool ok = true;
-    auto fail = [&](const std::string& message) {
-      ok = false;
-      Report(message);
-      return sink_ == nullptr;
-    };
     if (node.minimum != nullptr) {
       int c = CompareNumbers(v, *node.minimum);
       if (node.exclusiveMinimum ? c <= 0 : c < 0) {
-        if (fail(std::string(node.exclusiveMinimum ? "must be greater than " : "must be at least ") +
+        if (Fail(ok, std::string(node.exclusiveMinimum ? "must be greater than " : "must be at least ") +
                  Describe(*node.minimum) + ", got " + Describe(v))) {
           return false;
         }
@@ -421,14 +404,14 @@ class Checker {
     if (node.maximum != nullptr) {
       int c = CompareNumbers(v, *node.maximum);
       if (node.exclusiveMaximum ? c >= 0 : c > 0) {
-        if (fail(std::string(node.exclusiveMaximum ? "must be less than " : "must be at most ") +
+        if (Fail(ok, std::string(node.exclusiveMaximum ? "must be less than " : "must be at most ") +
                  Describe(*node.maximum) + ", got " + Describe(v))) {
           return false;
         }
       }
     }
     if (node.multipleOf != nullptr && !IsMultipleOf(v, *node.multipleOf) &&
-        fail("must be a multiple of " + Describe(*node.multipleOf) + ", got " + Describe(v))) {
+        Fail(ok, "must be a multiple of " + Describe(*node.multipleOf) + ", got " + Describe(v))) {
       return false;
     }
     return ok;

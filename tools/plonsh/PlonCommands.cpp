@@ -19,18 +19,6 @@
 namespace plonsh {
 namespace {
 
-// Node paths the shell lists before their files exist; "%" is an instance element.
-// PLONSHPath_Form stays the authority on what a path names.
-constexpr const char* kKnownNodes[] = {
-    "/system/bootCmdLine",
-    "/system/bootOption",
-    "/system/bootMAC",
-    "/system/bootFsUUID",
-    "/system/sysAlert",
-    "/system/lumafs/ramdisks/%/memUsageLimit",
-    "/system/lumafs/inodes/%/stats",
-};
-
 constexpr const char* kHelp =
     "ls [PATH]               list a directory of the node tree\n"
     "cd PATH                 change the current directory\n"
@@ -147,32 +135,33 @@ Where Locate(const std::string& nodePath) {
   return Where::Missing;
 }
 
-// Next elements of the known node paths below `nodePath`, directories with a trailing '/'.
-std::set<std::string> KnownChildren(const std::string& nodePath) {
-  std::set<std::string> names;
+// Known node patterns ("%" is an instance element) that lie below `nodePath`, split into elements.
+// The path library is the authority on what a path names; this only lists before files exist.
+std::vector<std::vector<std::string>> PatternsBelow(const std::string& nodePath) {
+  std::vector<std::vector<std::string>> below;
   std::vector<std::string> path = Elements(nodePath);
-  for (const char* known : kKnownNodes) {
+  for (const std::string& known : PLONSHPath_KnownPatterns()) {
     std::vector<std::string> pattern = Elements(known);
     if (pattern.size() <= path.size()) continue;
     bool match = true;
     for (size_t i = 0; i < path.size() && match; ++i) match = pattern[i] == "%" || pattern[i] == path[i];
-    const std::string& next = pattern[path.size()];
-    if (match && next != "%") names.insert(next + (path.size() + 1 < pattern.size() ? "/" : ""));
+    if (match) below.push_back(std::move(pattern));
+  }
+  return below;
+}
+
+// Next elements of the known node paths below `nodePath`, directories with a trailing '/'.
+std::set<std::string> KnownChildren(const std::string& nodePath) {
+  std::set<std::string> names;
+  size_t depth = Elements(nodePath).size();
+  for (const auto& pattern : PatternsBelow(nodePath)) {
+    const std::string& next = pattern[depth];
+    if (next != "%") names.insert(next + (depth + 1 < pattern.size() ? "/" : ""));
   }
   return names;
 }
 
-bool IsKnownDirectory(const std::string& nodePath) {
-  std::vector<std::string> path = Elements(nodePath);
-  for (const char* known : kKnownNodes) {
-    std::vector<std::string> pattern = Elements(known);
-    if (pattern.size() <= path.size()) continue;
-    bool match = true;
-    for (size_t i = 0; i < path.size() && match; ++i) match = pattern[i] == "%" || pattern[i] == path[i];
-    if (match) return true;
-  }
-  return false;
-}
+bool IsKnownDirectory(const std::string& nodePath) { return !PatternsBelow(nodePath).empty(); }
 
 bool NamesNode(const std::string& nodePath) {
   PLONSHPath* raw = nullptr;
@@ -240,7 +229,7 @@ bool ParseInt(const std::string& text, int64_t* value) {
 // node has that many instance elements around those names.
 std::string FillInstances(const std::string& nodePath, const std::vector<std::string>& instances) {
   std::vector<std::string> path = Elements(nodePath);
-  for (const char* known : kKnownNodes) {
+  for (const std::string& known : PLONSHPath_KnownPatterns()) {
     std::vector<std::string> pattern = Elements(known);
     if (pattern.size() != path.size() + instances.size()) continue;
     std::vector<std::string> filled;
@@ -359,6 +348,15 @@ class Runner {
     return true;
   }
 
+  // The node a formed path names, its record size and its instance arguments.
+  static bool Leaf(const PathPtr& path, PLON_NodeId* id, size_t* size, ListPtr* instArgs) {
+    PLON_ParamList* raw = nullptr;
+    bool ok = PLONSHPath_GetLeafElement(path.get(), id, size) == NUK_OK &&
+              PLONSHPath_GetInstArgs(path.get(), &raw) == NUK_OK;
+    instArgs->reset(raw);
+    return ok;
+  }
+
   Reply Get(const std::vector<std::string>& args) {
     if (args.empty()) return Error("bad arguments: get takes a path and its instance arguments");
     std::string nodePath, error;
@@ -366,12 +364,8 @@ class Runner {
     if (!Resolve(args[0], {args.begin() + 1, args.end()}, &nodePath, &path, &error)) return Error(error);
     PLON_NodeId id;
     size_t size = 0;
-    PLON_ParamList* rawArgs = nullptr;
-    if (PLONSHPath_GetLeafElement(path.get(), &id, &size) != NUK_OK ||
-        PLONSHPath_GetInstArgs(path.get(), &rawArgs) != NUK_OK) {
-      return Error("unknown node: " + nodePath);
-    }
-    ListPtr instArgs(rawArgs);
+    ListPtr instArgs;
+    if (!Leaf(path, &id, &size, &instArgs)) return Error("unknown node: " + nodePath);
     if (size == 0) return Error("node cannot be read: " + nodePath + " (it can only be set)");
     std::vector<unsigned char> record(size, 0);
     NUK_ReturnStatus status = PLON_Get(id, instArgs.get(), record.data(), record.size());
@@ -387,12 +381,8 @@ class Runner {
     if (!Resolve(args[0], {}, &nodePath, &path, &error)) return Error(error);
     PLON_NodeId id;
     size_t size = 0;
-    PLON_ParamList* rawArgs = nullptr;
-    if (PLONSHPath_GetLeafElement(path.get(), &id, &size) != NUK_OK ||
-        PLONSHPath_GetInstArgs(path.get(), &rawArgs) != NUK_OK) {
-      return Error("unknown node: " + nodePath);
-    }
-    ListPtr instArgs(rawArgs);
+    ListPtr instArgs;
+    if (!Leaf(path, &id, &size, &instArgs)) return Error("unknown node: " + nodePath);
     ListPtr input(PLON_ParamListCreate(2));
     if (!input) return Error("out of memory");
     if (id == PLON_NODE_system_sysAlert) {

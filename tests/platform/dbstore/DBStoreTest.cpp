@@ -3,6 +3,7 @@
 #include <functional>
 
 #include "tests/platform/dbstore/DBStoreTestSupport.h"
+#include "tests/support/StoreDump.h"
 
 namespace cstest {
 namespace {
@@ -33,6 +34,27 @@ TEST_F(DBStoreTest, KeyValueEntries) {
   EXPECT_EQ(value, "untouched");
   EXPECT_NE(DBStore::WriteKeyValue("BOOT_MODE", "4", nullptr), 0);
   EXPECT_NE(DBStore::ReadKeyValue("BOOT_MODE", &value, std::make_shared<DBStore::StoreConnection>()), 0);
+}
+
+// The store dump is what the "changed nothing" checks of other tests rest on: it must see a
+// changed value, a changed type, a NULL and a new row.
+TEST_F(DBStoreTest, StoreDumpSeesEveryKindOfChange) {
+  CreateStores();
+  auto conn = Open();
+  ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", conn), 0);
+  StoreDump before = DumpStores();
+  EXPECT_EQ(DiffStores(before, DumpStores()), "");
+  EXPECT_TRUE(before.count("config.KeyValue") && before.count("datafile.DataFileMetadata") &&
+              before.count("schema.ConfigSchema"));
+  for (const char* change : {"UPDATE KeyValue SET Value = '2'", "UPDATE KeyValue SET Value = X'32'",
+                             "UPDATE KeyValue SET Value = NULL",
+                             "INSERT INTO KeyValue (Key, Value) VALUES ('IS_BOOT', '1')"}) {
+    SCOPED_TRACE(change);
+    ASSERT_EQ(Execute(conn, change, {}, {}, kTimeoutMs), 0);
+    StoreDump after = DumpStores();
+    EXPECT_NE(DiffStores(before, after), "");
+    before = std::move(after);
+  }
 }
 
 TEST_F(DBStoreTest, BeginWaitsForTheTimeOutOnALockedStoreThenFails) {

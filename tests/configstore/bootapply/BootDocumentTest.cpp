@@ -65,16 +65,37 @@ TEST_F(BootDocumentTest, WritesObjectsAndArraysAndSkipsBadParts) {
   }
 }
 
-TEST_F(BootDocumentTest, EmptyValuesAreSkippedWithOrWithoutProfile) {
-  for (const char* document : {R"({"profile":{"c":{"g":{"k":{}}}}})", R"({"c":{"g":{"k":{}}}})",
-                               R"({"c":{"g":{"k":[]}}})", R"({"c":{"g":{"k":null}}})"}) {
-    SCOPED_TRACE(document);
+TEST_F(BootDocumentTest, EmptyInvalidAndMisshapenValuesWriteNothing) {
+  const char* cases[][2] = {
+      // Empty values, with or without profile, are skipped before any schema is looked up.
+      {R"({"profile":{"c":{"g":{"k":{}}}}})", "c/g/k is empty, skipping"},
+      {R"({"c":{"g":{"k":{}}}})", "c/g/k is empty, skipping"},
+      {R"({"c":{"g":{"k":[]}}})", "c/g/k is empty, skipping"},
+      {R"({"c":{"g":{"k":null}}})", "c/g/k is empty, skipping"},
+      // An invalid value skips its whole key.
+      {R"({"qor": {"network": {"nuknics": {"name": "vmk0", "mtu": 100}}}})",
+       "Validation failed for qor/network/nuknics, skipping"},
+      {R"({"qor": {"network": {"nuknics": [{"name": "vmk0"}, {"mtu": 1500}]}}})",
+       "Validation failed for qor/network/nuknics, skipping"},
+      {R"({"qor": {"network": {"nuknics": [{"name": "vmk0"}, "DELETE_DEFAULT"]}}})",
+       "Validation failed for qor/network/nuknics, skipping"},
+      {R"({"qor": {"network": {"nuknics": "DELETE"}}})", "Validation failed for qor/network/nuknics, skipping"},
+      {R"({"qor": {"network": {"nuknics": 7}}})", "Validation failed for qor/network/nuknics, skipping"},
+      {R"({"qor": {"system": {"hostname": [{"name": "a"}]}}})", "Validation failed for qor/system/hostname, skipping"},
+      // A document that is no object ends the run early.
+      {"[1, 2]", "Failed to process, document should be an object"},
+      {"null", "Failed to process, document should be an object"},
+      {R"({"profile": ["qor"]})", "Failed to process, \"profile\" should be an object"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c[0]);
     log_.Clear();
-    WriteDocument(document);
+    WriteDocument(c[0]);
     Apply(ProcessBootConfigurationDocument);
     EXPECT_TRUE(ConfigRows().empty());
-    EXPECT_TRUE(Logged("c/g/k is empty, skipping", CSLogger::PRIO_ERROR));
+    EXPECT_TRUE(Logged(c[1], CSLogger::PRIO_ERROR));
     EXPECT_FALSE(Logged("Schema not found"));
+    EXPECT_EQ(Logged("Boot document processed."), std::string(c[1]).rfind("Failed to process", 0) != 0);
   }
 }
 
@@ -108,26 +129,6 @@ TEST_F(BootDocumentTest, DeleteDefaultRemovesEveryInstanceOfTheKey) {
   EXPECT_TRUE(Logged("Default configuration for qor/network/dns will be deleted.", CSLogger::PRIO_INFO));
 }
 
-TEST_F(BootDocumentTest, InvalidValuesSkipTheirWholeKey) {
-  const char* cases[][2] = {
-      {R"({"qor": {"network": {"nuknics": {"name": "vmk0", "mtu": 100}}}})", "qor/network/nuknics"},
-      {R"({"qor": {"network": {"nuknics": [{"name": "vmk0"}, {"mtu": 1500}]}}})", "qor/network/nuknics"},
-      {R"({"qor": {"network": {"nuknics": [{"name": "vmk0"}, "DELETE_DEFAULT"]}}})", "qor/network/nuknics"},
-      {R"({"qor": {"network": {"nuknics": "DELETE"}}})", "qor/network/nuknics"},
-      {R"({"qor": {"network": {"nuknics": 7}}})", "qor/network/nuknics"},
-      {R"({"qor": {"system": {"hostname": [{"name": "a"}]}}})", "qor/system/hostname"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c[0]);
-    log_.Clear();
-    WriteDocument(c[0]);
-    Apply(ProcessBootConfigurationDocument);
-    EXPECT_TRUE(ConfigRows().empty());
-    EXPECT_TRUE(Logged(std::string("Validation failed for ") + c[1] + ", skipping", CSLogger::PRIO_ERROR));
-    EXPECT_TRUE(Logged("Boot document processed."));
-  }
-}
-
 TEST_F(BootDocumentTest, GeneratedInstanceIdsAreFilledIn) {
   WriteDocument(R"({"qor": {"firewall": {"rules": [{"port": 22}, {"port": 80}]}}})");
   Apply(ProcessBootConfigurationDocument);
@@ -138,21 +139,6 @@ TEST_F(BootDocumentTest, GeneratedInstanceIdsAreFilledIn) {
     EXPECT_THAT(id, MatchesRegex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"));
     EXPECT_EQ(rows[i].substr(id.size() + 1),
               std::string(R"({"port":)") + (i == 0 ? "22" : "80") + R"(,"cs_generated_id":")" + id + "\"}");
-  }
-}
-
-TEST_F(BootDocumentTest, DocumentThatIsNotAnObjectWritesNothing) {
-  const char* cases[][2] = {{"[1, 2]", "Failed to process, document should be an object"},
-                            {"null", "Failed to process, document should be an object"},
-                            {R"({"profile": ["qor"]})", "Failed to process, \"profile\" should be an object"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c[0]);
-    log_.Clear();
-    WriteDocument(c[0]);
-    Apply(ProcessBootConfigurationDocument);
-    EXPECT_TRUE(ConfigRows().empty());
-    EXPECT_TRUE(Logged(c[1], CSLogger::PRIO_ERROR));
-    EXPECT_FALSE(Logged("Boot document processed."));
   }
 }
 

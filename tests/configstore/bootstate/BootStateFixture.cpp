@@ -1,6 +1,7 @@
 #include "tests/configstore/bootstate/BootStateFixture.h"
 
 #include "configstore/bootstate/UpgradeDetection.h"
+#include "configstore/frame/ConfigStoreException.h"
 #include "platform/plon/Plon.h"
 
 namespace cstest {
@@ -58,6 +59,15 @@ bool BootStateTest::Logged(const std::string& text, int priority) const {
     if (line.priority == priority && line.text == text) return true;
   }
   return false;
+}
+
+std::string BootStateTest::Thrown(const std::function<void()>& op) {
+  try {
+    op();
+  } catch (const QorConfigStore::ConfigStoreException& e) {
+    return std::to_string(e.code()) + " " + e.what();
+  }
+  return "no exception";
 }
 
 }  // namespace cstest

@@ -2,6 +2,7 @@
 // disk boot, with words to change the boot's facts and read back what the store holds.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "platform/dbstore/DBStore.h"
@@ -31,6 +32,8 @@ class BootStateTest : public SandboxTest {
 
   // True when some line of that priority holds exactly `text`.
   bool Logged(const std::string& text, int priority) const;
+  // "<code> <message>" of the ConfigStoreException `op` throws; "no exception" when it throws none.
+  static std::string Thrown(const std::function<void()>& op);
 };
 
 }  // namespace cstest

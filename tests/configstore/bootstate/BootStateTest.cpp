@@ -17,17 +17,6 @@ using namespace QorConfigStore;
 using cstest::BootStateTest;
 using DBStore::faults::Kind;
 
-// Runs `op` and returns the ConfigStoreException it threw; fails the test when it throws nothing.
-ConfigStoreException ThrownBy(const std::function<void()>& op) {
-  try {
-    op();
-  } catch (const ConfigStoreException& e) {
-    return e;
-  }
-  ADD_FAILURE() << "no ConfigStoreException thrown";
-  return ConfigStoreException(0, "");
-}
-
 TEST_F(BootStateTest, BootModeIsStoredAsPlainDecimalAndReadBack) {
   EXPECT_EQ(GetBootMode(), BOOT_MODE_DEFAULT) << "a store that never had a mode";
   for (BOOTMODE mode : {BOOT_MODE_HOSTAPI_CONFIG, BOOT_MODE_NEW_STORE, BOOT_MODE_SMARTNIC_CONFIG,
@@ -47,15 +36,9 @@ TEST_F(BootStateTest, GetBootModeConvertsStoredTextLikeStoi) {
     Outcome outcome;
     int mode;
   } rows[] = {
-      {"", kNumber, 0},
-      {"3abc", kNumber, 3},
-      {"4", kNumber, 4},
-      {" 2", kNumber, 2},
-      {"-1", kNumber, -1},
-      {"2147483647", kNumber, 2147483647},
-      {"abc", kInvalid, 0},
-      {"x3", kInvalid, 0},
-      {"99999999999", kOutOfRange, 0},
+      {"", kNumber, 0},        {"3abc", kNumber, 3},          {"4", kNumber, 4},
+      {" 2", kNumber, 2},      {"-1", kNumber, -1},           {"2147483647", kNumber, 2147483647},
+      {"abc", kInvalid, 0},    {"x3", kInvalid, 0},           {"99999999999", kOutOfRange, 0},
       {"-2147483649", kOutOfRange, 0},
   };
   for (const Row& row : rows) {
@@ -69,28 +52,31 @@ TEST_F(BootStateTest, GetBootModeConvertsStoredTextLikeStoi) {
   }
 }
 
-TEST_F(BootStateTest, EndAutoConfStoresEmptyTextNotFalse) {
-  StartAutoConf();
-  EXPECT_EQ(Stored("IS_BOOT"), "true");
-  EXPECT_TRUE(IsAutoConf());
-  EXPECT_TRUE(Logged("ConfigStore autoconf start", 2));
-
-  EndAutoConf();
-  EXPECT_EQ(Stored("IS_BOOT"), "");
-  EXPECT_FALSE(IsAutoConf());
-  EXPECT_TRUE(Logged("ConfigStore endconf end", 2));
-
+TEST_F(BootStateTest, FlagWritersStoreTheirExactTexts) {
+  struct Row {
+    const char* name;
+    std::function<void()> op;
+    const char* key;
+    const char* stored;  // the end of autoconf stores empty text, not "false"
+    const char* logged;
+    bool autoConf;
+  } rows[] = {
+      {"autoconf start", StartAutoConf, "IS_BOOT", "true", "ConfigStore autoconf start", true},
+      {"autoconf end", EndAutoConf, "IS_BOOT", "", "ConfigStore endconf end", false},
+      {"nexd on", [] { EnableNexdNotification(true); }, "NOTIFY_NEXD", "true",
+       "ConfigStore nexd notification enabled = 1", false},
+      {"nexd off", [] { EnableNexdNotification(false); }, "NOTIFY_NEXD", "false",
+       "ConfigStore nexd notification enabled = 0", false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    row.op();
+    EXPECT_EQ(Stored(row.key), row.stored);
+    EXPECT_TRUE(Logged(row.logged, 2));
+    EXPECT_EQ(IsAutoConf(), row.autoConf);
+  }
   Store("IS_BOOT", "TRUE");
   EXPECT_FALSE(IsAutoConf()) << "only the exact text counts";
-}
-
-TEST_F(BootStateTest, NexdNotificationStoresTrueOrFalse) {
-  EnableNexdNotification(true);
-  EXPECT_EQ(Stored("NOTIFY_NEXD"), "true");
-  EXPECT_TRUE(Logged("ConfigStore nexd notification enabled = 1", 2));
-  EnableNexdNotification(false);
-  EXPECT_EQ(Stored("NOTIFY_NEXD"), "false");
-  EXPECT_TRUE(Logged("ConfigStore nexd notification enabled = 0", 2));
 }
 
 TEST_F(BootStateTest, SetLiveInstallBootStoresFalseForAnythingButExactTrue) {
@@ -116,32 +102,20 @@ TEST_F(BootStateTest, SetLiveInstallBootStoresFalseForAnythingButExactTrue) {
   }
 }
 
-TEST_F(BootStateTest, SetLiveInstallBootWithoutStatusTouchesNothing) {
+TEST_F(BootStateTest, SetLiveInstallBootReportsAFailedWriteAndIgnoresNoStatus) {
+  DBStore::faults::Arm(Kind::KvWrite, 1, false);
+  int rc = SetLiveInstallBoot("true");
+  DBStore::faults::Disarm();
+  EXPECT_NE(rc, 0);
+  EXPECT_TRUE(Logged("POST_LIVE_INSTALL_BOOT=true completed with rc = " + std::to_string(rc), 2));
+  EXPECT_EQ(Stored(POST_LIVE_INSTALL_BOOT), "");
+
   Store(POST_LIVE_INSTALL_BOOT, "true");
   EXPECT_EQ(SetLiveInstallBoot(nullptr), 1);
   EXPECT_EQ(Stored(POST_LIVE_INSTALL_BOOT), "true");
   EXPECT_TRUE(Logged("Live install marker not set, since input status was not provided.", 0));
-
   RemoveStore();
   EXPECT_EQ(SetLiveInstallBoot(nullptr), 1) << "no connection is even asked for";
-}
-
-TEST_F(BootStateTest, SetLiveInstallBootReturnsTheFailedWrite) {
-  DBStore::faults::Arm(Kind::KvWrite, 1, false);
-  int rc = SetLiveInstallBoot("true");
-  EXPECT_NE(rc, 0);
-  EXPECT_TRUE(Logged("POST_LIVE_INSTALL_BOOT=true completed with rc = " + std::to_string(rc), 2));
-  EXPECT_EQ(Stored(POST_LIVE_INSTALL_BOOT), "");
-}
-
-TEST_F(BootStateTest, CleanupBootStateWithNothingChangedWritesAndLogsNothing) {
-  Store(BOOT_FS_UUID, "5f1e2d3c-aaaa-bbbb-cccc-000000000001");
-  Store(POST_LIVE_INSTALL_BOOT, "false");
-  log_.Clear();
-  DBStore::faults::ResetCounts();
-  CleanupBootState();
-  EXPECT_EQ(DBStore::faults::Calls(Kind::KvWrite), 0);
-  EXPECT_TRUE(log_.Lines().empty()) << log_.Lines().front().text;
 }
 
 TEST_F(BootStateTest, CleanupBootStateRecordsTheBootedUuidAndResetsTheMarker) {
@@ -153,6 +127,7 @@ TEST_F(BootStateTest, CleanupBootStateRecordsTheBootedUuidAndResetsTheMarker) {
     bool uuidWritten;
     const char* markerAfter;
   } rows[] = {
+      {"nothing changed", "uuid-a", "uuid-a", "false", false, "false"},
       {"first recording", "", "uuid-a", "", true, ""},
       {"bootbank switched", "uuid-a", "uuid-b", "false", true, "false"},
       {"uuid one byte longer", "uuid-a", "uuid-aa", "false", true, "false"},
@@ -165,38 +140,38 @@ TEST_F(BootStateTest, CleanupBootStateRecordsTheBootedUuidAndResetsTheMarker) {
     Store(BOOT_FS_UUID, row.recorded);
     Store(POST_LIVE_INSTALL_BOOT, row.marker);
     SetBootUuid(row.current);
+    const bool markerReset = std::string(row.marker) == "true";
     log_.Clear();
+    DBStore::faults::ResetCounts();
     CleanupBootState();
+    EXPECT_EQ(DBStore::faults::Calls(Kind::KvWrite), int(row.uuidWritten) + int(markerReset));
     EXPECT_EQ(Stored(BOOT_FS_UUID), row.current);
     EXPECT_EQ(Logged(std::string("Setting BOOT_FS_UUID to ") + row.current + ".", 2), row.uuidWritten);
     EXPECT_EQ(Stored(POST_LIVE_INSTALL_BOOT), row.markerAfter);
-    EXPECT_EQ(Logged("Setting POST_LIVE_INSTALL_BOOT back to false.", 2), std::string(row.marker) == "true");
+    EXPECT_EQ(Logged("Setting POST_LIVE_INSTALL_BOOT back to false.", 2), markerReset);
+    if (!row.uuidWritten && !markerReset) {
+      EXPECT_TRUE(log_.Lines().empty());
+    }
   }
 }
 
-TEST_F(BootStateTest, CleanupBootStateWritesNothingWhenTheNodesCannotBeTrusted) {
+TEST_F(BootStateTest, CleanupBootStateFailures) {
+  // Untrusted nodes fail before anything is written.
   Store(BOOT_FS_UUID, "uuid-old");
   Store(POST_LIVE_INSTALL_BOOT, "true");
   SetBootUuid("uuid-new");
   BreakSignature();
-  ConfigStoreException e = ThrownBy(CleanupBootState);
-  EXPECT_EQ(e.code(), 2000);
-  EXPECT_STREQ(e.what(), "Failed to invoke PLON_CheckSig");
-
+  EXPECT_EQ(Thrown(CleanupBootState), "2000 Failed to invoke PLON_CheckSig");
   ASSERT_TRUE(PLON_WriteSignature());
   RemoveNode("/system/bootFsUUID");
-  e = ThrownBy(CleanupBootState);
-  EXPECT_STREQ(e.what(), "Failed to get boot fs uuid.");
+  EXPECT_EQ(Thrown(CleanupBootState), "2000 Failed to get boot fs uuid.");
   EXPECT_EQ(Stored(BOOT_FS_UUID), "uuid-old");
   EXPECT_EQ(Stored(POST_LIVE_INSTALL_BOOT), "true");
-}
 
-TEST_F(BootStateTest, CleanupBootStateKeepsTheUuidWrittenBeforeAFailedMarkerRead) {
-  Store(BOOT_FS_UUID, "uuid-old");
+  // A failed marker read comes after the UUID is written, which stays.
   SetBootUuid("uuid-new");
   DBStore::faults::Arm(Kind::KvRead, 2, false);
-  ConfigStoreException e = ThrownBy(CleanupBootState);
-  EXPECT_STREQ(e.what(), "Failed to read value for key POST_LIVE_INSTALL_BOOT");
+  EXPECT_EQ(Thrown(CleanupBootState), "2000 Failed to read value for key POST_LIVE_INSTALL_BOOT");
   EXPECT_EQ(Stored(BOOT_FS_UUID), "uuid-new");
 }
 
@@ -216,53 +191,42 @@ TEST_F(BootStateTest, InstallInfoIsStoredExactlyAsGiven) {
   }
 }
 
-TEST_F(BootStateTest, MissingStoreFailsTheCheckedOperationsOnly) {
-  RemoveStore();
+TEST_F(BootStateTest, FailedReadsAndAMissingStoreNameWhatFailed) {
+  Store(BOOT_FS_UUID, "5f1e2d3c-aaaa-bbbb-cccc-000000000001");
   struct Row {
     const char* name;
+    bool noStore;  // else the first key read fails
     std::function<void()> op;
-    const char* message;
+    const char* thrown;
   } rows[] = {
-      {"SetBootMode", [] { SetBootMode(BOOT_MODE_NEW_STORE); }, "Failed to connect to database"},
-      {"GetBootMode", [] { GetBootMode(); }, "Failed to connect to database"},
-      {"SetLiveInstallBoot", [] { SetLiveInstallBoot("true"); }, "Failed to connect to database"},
-      {"CleanupBootState", [] { CleanupBootState(); }, "Failed to connect to database"},
-      {"SetInstallInfo", [] { SetInstallInfo("x"); }, "Failed to connect to database."},
-      {"GetInstallInfo", [] { GetInstallInfo(); }, "Failed to connect to database."},
-      {"IsAutoConf", [] { IsAutoConf(); }, "Failed to read value for key IS_BOOT"},
+      {"GetBootMode", false, [] { GetBootMode(); }, "2000 Failed to read value for key BOOT_MODE"},
+      {"IsAutoConf", false, [] { IsAutoConf(); }, "2000 Failed to read value for key IS_BOOT"},
+      {"GetInstallInfo", false, [] { GetInstallInfo(); }, "2000 Failed to read value for key CS_INST_INFO_KEY"},
+      {"CleanupBootState", false, CleanupBootState, "2000 Failed to read value for key BOOT_FS_UUID"},
+      {"HasBootbankChanged", false, [] { HasBootbankChanged(); }, "2000 Failed to read value for key BOOT_FS_UUID"},
+      {"SetBootMode", true, [] { SetBootMode(BOOT_MODE_NEW_STORE); }, "2000 Failed to connect to database"},
+      {"GetBootMode", true, [] { GetBootMode(); }, "2000 Failed to connect to database"},
+      {"SetLiveInstallBoot", true, [] { SetLiveInstallBoot("true"); }, "2000 Failed to connect to database"},
+      {"CleanupBootState", true, CleanupBootState, "2000 Failed to connect to database"},
+      {"SetInstallInfo", true, [] { SetInstallInfo("x"); }, "2000 Failed to connect to database."},
+      {"GetInstallInfo", true, [] { GetInstallInfo(); }, "2000 Failed to connect to database."},
+      {"IsAutoConf", true, [] { IsAutoConf(); }, "2000 Failed to read value for key IS_BOOT"},
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    ConfigStoreException e = ThrownBy(row.op);
-    EXPECT_EQ(e.code(), 2000);
-    EXPECT_STREQ(e.what(), row.message);
+    SCOPED_TRACE(std::string(row.name) + (row.noStore ? ", no store" : ", failed read"));
+    if (row.noStore) {
+      RemoveStore();
+    } else {
+      DBStore::faults::Arm(Kind::KvRead, 1, false);
+    }
+    EXPECT_EQ(Thrown(row.op), row.thrown);
+    DBStore::faults::Disarm();
   }
   // The flag writers ignore the missing store.
   EXPECT_NO_THROW(StartAutoConf());
   EXPECT_NO_THROW(EndAutoConf());
   EXPECT_NO_THROW(EnableNexdNotification(true));
   EXPECT_FALSE(Exists("/etc/talvex/configstore/current-store-1")) << "no store is created on the way";
-}
-
-TEST_F(BootStateTest, FailedKeyReadNamesTheKey) {
-  Store(BOOT_FS_UUID, "5f1e2d3c-aaaa-bbbb-cccc-000000000001");
-  struct Row {
-    const char* key;
-    std::function<void()> op;
-  } rows[] = {
-      {"BOOT_MODE", [] { GetBootMode(); }},
-      {"IS_BOOT", [] { IsAutoConf(); }},
-      {"CS_INST_INFO_KEY", [] { GetInstallInfo(); }},
-      {"BOOT_FS_UUID", [] { CleanupBootState(); }},
-      {"BOOT_FS_UUID", [] { HasBootbankChanged(); }},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.key);
-    DBStore::faults::Arm(Kind::KvRead, 1, false);
-    ConfigStoreException e = ThrownBy(row.op);
-    EXPECT_EQ(e.code(), 2000);
-    EXPECT_EQ(std::string(e.what()), std::string("Failed to read value for key ") + row.key);
-  }
 }
 
 }  // namespace

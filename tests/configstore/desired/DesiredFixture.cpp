@@ -97,41 +97,32 @@ void DesiredTest::RegisterStandardExcept(const std::set<std::string>& left_out) 
   Register(elements);
 }
 
+void DesiredTest::Sql(const std::string& sql, const std::vector<const char*>& values) const {
+  DBStore::Statement stmt = DBStore::internal::Prepare(conn_, sql, DBStore::kTimeoutMs);
+  int i = 1;
+  for (const char* v : values) ASSERT_EQ(DBStore::internal::Bind(conn_, stmt, i, v), 0) << sql;
+  ASSERT_EQ(DBStore::ExecuteStmt(conn_, stmt, nullptr, nullptr, DBStore::kTimeoutMs), 0) << sql;
+}
+
 void DesiredTest::InsertConfig(const std::string& group, const std::string& key, const std::string& id,
                                const char* user, const char* vital) const {
-  DBStore::Statement stmt = DBStore::internal::Prepare(
-      conn_, "INSERT INTO Config (Identifier, Name, ConfigGroup, Component, Version, UserValue, VitalValue) "
-             "VALUES (?, ?, ?, 'qor', '0.9', ?, ?)", DBStore::kTimeoutMs);
-  int i = 1;
-  for (const char* v : {id.c_str(), key.c_str(), group.c_str(), user, vital}) {
-    ASSERT_EQ(DBStore::internal::Bind(conn_, stmt, i, v), 0);
-  }
-  ASSERT_EQ(DBStore::ExecuteStmt(conn_, stmt, nullptr, nullptr, DBStore::kTimeoutMs), 0);
+  Sql("INSERT INTO Config (Identifier, Name, ConfigGroup, Component, Version, UserValue, VitalValue) "
+      "VALUES (?, ?, ?, 'qor', '0.9', ?, ?)",
+      {id.c_str(), key.c_str(), group.c_str(), user, vital});
 }
 
 void DesiredTest::InsertDefault(const std::string& group, const std::string& key, const std::string& id,
                                 const char* value, const char* vital) const {
-  DBStore::Statement stmt = DBStore::internal::Prepare(
-      conn_, "INSERT INTO DefaultConfig (Component, ConfigGroup, Name, Identifier, Value, VitalValue, Version) "
-             "VALUES ('qor', ?, ?, ?, ?, ?, 'd1')", DBStore::kTimeoutMs);
-  int i = 1;
-  for (const char* v : {group.c_str(), key.c_str(), id.c_str(), value, vital}) {
-    ASSERT_EQ(DBStore::internal::Bind(conn_, stmt, i, v), 0);
-  }
-  ASSERT_EQ(DBStore::ExecuteStmt(conn_, stmt, nullptr, nullptr, DBStore::kTimeoutMs), 0);
+  Sql("INSERT INTO DefaultConfig (Component, ConfigGroup, Name, Identifier, Value, VitalValue, Version) "
+      "VALUES ('qor', ?, ?, ?, ?, ?, 'd1')",
+      {group.c_str(), key.c_str(), id.c_str(), value, vital});
 }
 
 void DesiredTest::InsertStaged(const std::string& group, const std::string& key, const std::string& id,
                                const char* bootAction) const {
-  ASSERT_EQ(DBStore::Execute(conn_,
-                             "INSERT INTO DesiredUserConfig (Component, ConfigGroup, Name, Identifier, Value, BootAction) "
-                             "VALUES ('qor', ?, ?, ?, '{}', ?)",
-                             {group, key, id, bootAction}, {}, DBStore::kTimeoutMs),
-            0);
-}
-
-void DesiredTest::Exec(const std::string& sql) const {
-  ASSERT_EQ(DBStore::Execute(conn_, sql, {}, {}, DBStore::kTimeoutMs), 0) << sql;
+  Sql("INSERT INTO DesiredUserConfig (Component, ConfigGroup, Name, Identifier, Value, BootAction) "
+      "VALUES ('qor', ?, ?, ?, '{}', ?)",
+      {group.c_str(), key.c_str(), id.c_str(), bootAction});
 }
 
 std::multiset<std::string> DesiredTest::Staged() const {
@@ -168,6 +159,15 @@ std::shared_ptr<QorConfigStore::JsonDoc> DesiredTest::Doc(const std::string& tex
 void DesiredTest::Stage(const std::string& text) {
   auto doc = Doc(text);
   QorConfigStore::SetDesiredUserConfig(*doc->document);
+}
+
+std::string DesiredTest::Thrown(const std::function<void()>& op) {
+  try {
+    op();
+  } catch (const QorConfigStore::ConfigStoreException& e) {
+    return std::to_string(e.code()) + " " + e.what();
+  }
+  return "no exception";
 }
 
 std::string Row(const char* action, const std::string& group, const std::string& key, const std::string& id,

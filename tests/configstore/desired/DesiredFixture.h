@@ -2,6 +2,7 @@
 // them, with words to fill Config and DefaultConfig and to read back what was staged.
 #pragma once
 
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -40,6 +41,8 @@ class DesiredTest : public cstest::SandboxTest {
   // Registers the standard schemas except those whose "group/key" is listed.
   static void RegisterStandardExcept(const std::set<std::string>& left_out);
 
+  // One statement with its values bound in order (NULL where a value is nullptr).
+  void Sql(const std::string& sql, const std::vector<const char*>& values = {}) const;
   // Rows straight into the store (NULL where a text is nullptr).
   void InsertConfig(const std::string& group, const std::string& key, const std::string& id, const char* user,
                     const char* vital = nullptr) const;
@@ -47,7 +50,6 @@ class DesiredTest : public cstest::SandboxTest {
                      const char* vital = nullptr) const;
   void InsertStaged(const std::string& group, const std::string& key, const std::string& id,
                     const char* bootAction) const;
-  void Exec(const std::string& sql) const;
 
   // Every DesiredUserConfig row as "Action|Component|Group|Key|Id|Version|Value|Vital|Cached"
   // (NULL as "-"), sorted.
@@ -61,6 +63,8 @@ class DesiredTest : public cstest::SandboxTest {
   static std::shared_ptr<QorConfigStore::JsonDoc> Doc(const std::string& text);
   // Stages `text` as a desired document.
   static void Stage(const std::string& text);
+  // "<code> <message>" of the ConfigStoreException `op` throws; "no exception" when it throws none.
+  static std::string Thrown(const std::function<void()>& op);
 
   void WriteHostConfigFile() const { WriteFile("/etc/talvex/host_configuration.json", "{}"); }
 

@@ -3,11 +3,10 @@
 
 #include "configstore/desired/DesiredConfig.h"
 #include "tests/configstore/desired/DesiredFixture.h"
+#include "tests/support/StoreDump.h"
 
 namespace desiredtest {
 namespace {
-
-using QorConfigStore::ConfigStoreException;
 
 // ---- Networking: the host configuration file decides between carry-over and the switch rule.
 
@@ -60,13 +59,17 @@ TEST_F(NetworkingTest, HostConfigurationFileCarriesCurrentNetworkingOverWhole) {
                             }));
       EXPECT_FALSE(log_.Contains("Successfully preserved network configuration."));
     }
+    // Without the file the switch rule runs, and the document drops no switch.
+    EXPECT_EQ(log_.Contains("ZSW objects are not getting deleted, skip ZSW special-handling logic"), !c.carriedOver);
+    EXPECT_FALSE(log_.Contains("zsw objects in ConfigStore will be deleted."));
     EXPECT_EQ(StagedOf("system", "hostname").size(), 1u);
     EXPECT_EQ(BootMode(), "1");
   }
 }
 
-TEST_F(NetworkingTest, SwitchesTheDocumentDropsAreStagedAgain) {
+TEST_F(NetworkingTest, SwitchesTheDocumentDropsAreStagedAgainWithTheirVitalData) {
   InsertConfig("network_zsw", "switches", "sw2", R"({ "uuid": "sw2",  "name": "edge" })");
+  InsertConfig("network_zsw", "switches", "sw3", R"({"uuid":"sw3"})", R"({"v":3})");
 
   Stage(kDoc);
 
@@ -75,49 +78,33 @@ TEST_F(NetworkingTest, SwitchesTheDocumentDropsAreStagedAgain) {
                 Row("SET", "network_zsw", "switches", "sw1", "3.2", R"({"uuid":"sw1","name":"renamed"})"),
                 // Re-serialized compactly, with the schema's version.
                 Row("SET", "network_zsw", "switches", "sw2", "3.2", R"({"uuid":"sw2","name":"edge"})"),
+                Row("SET", "network_zsw", "switches", "sw3", "3.2", R"({"uuid":"sw3"})", R"({"v":3})"),
             }));
-  EXPECT_TRUE(log_.Contains("1 zsw objects in ConfigStore will be deleted.", CSLogger::PRIO_INFO));
+  EXPECT_TRUE(log_.Contains("2 zsw objects in ConfigStore will be deleted.", CSLogger::PRIO_INFO));
   EXPECT_TRUE(log_.Contains(R"(Preserve Zsw[sw2] user-config={ "uuid": "sw2",  "name": "edge" }, vital-data=null)"));
   EXPECT_TRUE(log_.Contains("Successfully preserved Zsw[edge] configuration"));
-}
-
-TEST_F(NetworkingTest, DroppedSwitchKeepsItsVitalData) {
-  Stage(R"({"profile": {}})");
-  EXPECT_EQ(StagedOf("network_zsw", "switches"),
-            (std::multiset<std::string>{
-                Row("SET", "network_zsw", "switches", "sw1", "3.2", R"({"uuid":"sw1","name":"core"})", R"({"v":1})")}));
-  EXPECT_TRUE(StagedOf("network", "nuknics").empty()) << "nuknics are not carried over without the file";
-}
-
-TEST_F(NetworkingTest, NoDroppedSwitchSkipsTheRule) {
-  Stage(kDoc);
-  EXPECT_TRUE(log_.Contains("ZSW objects are not getting deleted, skip ZSW special-handling logic"));
-  EXPECT_FALSE(log_.Contains("zsw objects in ConfigStore will be deleted."));
+  EXPECT_TRUE(log_.Contains("Successfully preserved Zsw[sw3] configuration")) << "named by its id without a name";
 }
 
 TEST_F(NetworkingTest, UnreadableSwitchAbortsTheStaging) {
   InsertConfig("network_zsw", "switches", "sw2", "{not json");
   InsertStaged("ntp", "servers", "earlier", "SET");
   SetStoredBootMode("0");
-  std::multiset<std::string> before = Staged();
-  try {
-    Stage(kDoc);
-    ADD_FAILURE() << "staged";
-  } catch (const ConfigStoreException& e) {
-    EXPECT_STREQ(e.what(), "SetDesiredUserConfig failed: Failed to preserve ZSW configruation.");
-  }
-  EXPECT_EQ(Staged(), before);
-  EXPECT_EQ(BootMode(), "0");
+  const cstest::StoreDump before = cstest::DumpStores();
+  EXPECT_EQ(Thrown([&] { Stage(kDoc); }), "2000 SetDesiredUserConfig failed: Failed to preserve ZSW configruation.");
+  EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
 }
 
 // ---- Mutable default configuration.
 
-TEST_F(DesiredTest, MutableDefaultsAreCopiedExceptInstancesTheDocumentStages) {
-  InsertDefault("ntp", "servers", "a", R"({"server":"a"})");
+TEST_F(DesiredTest, MutableDefaultsAreCopiedWholeExceptInstancesTheDocumentStages) {
+  InsertDefault("ntp", "servers", "a", R"({"server":"a"})", R"({"key":"v"})");
   InsertDefault("ntp", "servers", "b", R"({"server":"b"})", R"({"key":"v"})");
   InsertDefault("ntp", "servers", "c", R"({"server":"c"})");
+  Sql("UPDATE DefaultConfig SET CachedValue = '{\"c\":1}' WHERE Identifier = 'a'");
   InsertDefault("firewall", "rules", "gen-1", R"({"cs_generated_id":"gen-1","port":1})");
   InsertDefault("system", "hostname", "", R"({"name":"default"})");
+  InsertDefault("dpu", "mode", "", R"({"mode":"offload"})");  // a key the document leaves out
   InsertDefault("network_zsw", "switches", "sw0", R"({"uuid":"sw0"})");
 
   Stage(R"({"profile": {"qor": {"ntp": {"servers": [{"server": "b", "prefer": true}, {"server": "d"}]},
@@ -126,7 +113,7 @@ TEST_F(DesiredTest, MutableDefaultsAreCopiedExceptInstancesTheDocumentStages) {
 
   EXPECT_EQ(StagedOf("ntp", "servers"),
             (std::multiset<std::string>{
-                Row(nullptr, "ntp", "servers", "a", "d1", R"({"server":"a"})"),
+                Row(nullptr, "ntp", "servers", "a", "d1", R"({"server":"a"})", R"({"key":"v"})", R"({"c":1})"),
                 Row(nullptr, "ntp", "servers", "c", "d1", R"({"server":"c"})"),
                 Row("SET", "ntp", "servers", "b", "1.4", R"({"server":"b","prefer":true})"),
                 Row("SET", "ntp", "servers", "d", "1.4", R"({"server":"d"})"),
@@ -138,21 +125,10 @@ TEST_F(DesiredTest, MutableDefaultsAreCopiedExceptInstancesTheDocumentStages) {
   // A singleton named by the document replaces its default object.
   EXPECT_EQ(StagedOf("system", "hostname"),
             (std::multiset<std::string>{Row("SET", "system", "hostname", "", "2.0", R"({"name":"mine"})")}));
+  EXPECT_EQ(StagedOf("dpu", "mode"),
+            (std::multiset<std::string>{Row(nullptr, "dpu", "mode", "", "d1", R"({"mode":"offload"})")}));
   EXPECT_TRUE(StagedOf("network_zsw", "switches").empty()) << "switches have no mutable default configuration";
   EXPECT_TRUE(log_.Contains("Processing mutableDefaultConfig schemas id = qor/ntp/servers"));
-}
-
-TEST_F(DesiredTest, MutableDefaultsOfKeysTheDocumentLeavesOutAreCopiedWhole) {
-  InsertDefault("ntp", "servers", "a", R"({"server":"a"})", R"({"key":"v"})");
-  InsertDefault("system", "hostname", "", R"({"name":"default"})");
-  Exec("UPDATE DefaultConfig SET CachedValue = '{\"c\":1}' WHERE Identifier = 'a'");
-
-  Stage(R"({"profile": {}})");
-
-  EXPECT_EQ(Staged(), (std::multiset<std::string>{
-                          Row(nullptr, "ntp", "servers", "a", "d1", R"({"server":"a"})", R"({"key":"v"})", R"({"c":1})"),
-                          Row(nullptr, "system", "hostname", "", "d1", R"({"name":"default"})"),
-                      }));
 }
 
 // ---- Advanced options of the network virtualization agent.
@@ -253,20 +229,14 @@ TEST_F(PermissionsTest, MalformedPermissionAbortsTheStaging) {
   };
   InsertStaged("ntp", "servers", "earlier", "SET");
   SetStoredBootMode("0");
-  const std::multiset<std::string> before = Staged();
   for (const Case& c : cases) {
     SCOPED_TRACE(c.reason);
-    Exec("DELETE FROM Config WHERE Identifier = 'bad'");
+    Sql("DELETE FROM Config WHERE Identifier = 'bad'");
     InsertConfig("authorization", "permissions", "bad", c.user);
+    const cstest::StoreDump before = cstest::DumpStores();
     log_.Clear();
-    try {
-      Stage(kDoc);
-      ADD_FAILURE() << "staged";
-    } catch (const ConfigStoreException& e) {
-      EXPECT_EQ(std::string(e.what()), std::string("SetDesiredUserConfig failed: ") + c.reason);
-    }
-    EXPECT_EQ(Staged(), before);
-    EXPECT_EQ(BootMode(), "0");
+    EXPECT_EQ(Thrown([&] { Stage(kDoc); }), std::string("2000 SetDesiredUserConfig failed: ") + c.reason);
+    EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
     EXPECT_TRUE(log_.Contains(c.logged));
   }
 }
@@ -285,6 +255,8 @@ class NuknicBindingTest : public DesiredTest {
     InsertConfig("network", "nuknics", "nuk3",
                  R"({"name":"nuk3","port_connection_type":"VSS","zsw_port":{"port_key":"K-3"}})");
     InsertConfig("network", "nuknics", "nuk4", R"({"name":"nuk4","port_connection_type":"ZSW"})");
+    InsertConfig("network", "nuknics", "nuk5",
+                 R"({"name":"nuk5","port_connection_type":"ZSW","zsw_port":{"port_key":"K-5"}})");
   }
   std::string StagedValue(const std::string& id) const {
     for (const std::string& row : StagedOf("network", "nuknics")) {
@@ -301,7 +273,8 @@ TEST_F(NuknicBindingTest, CurrentPortIdentityOverridesTheDesiredOne) {
       {"name": "nuk1", "port_connection_type": "VSS"},
       {"name": "nuk2", "port_connection_type": "ZSW", "zsw_port": {"port_key": "new"}},
       {"name": "nuk3", "port_connection_type": "ZSW"},
-      {"name": "nuk4", "port_connection_type": "ZSW"}]}}}})");
+      {"name": "nuk4", "port_connection_type": "ZSW"},
+      {"name": "nuk5", "port_connection_type": "ZSW"}]}}}})");
 
   EXPECT_EQ(StagedValue("nuk0"),
             R"({"name":"nuk0","port_connection_type":"ZSW","zsw_port":{"port_key":"K-7","switch_uuid":"U-1","connection_cookie":42}})");
@@ -309,6 +282,8 @@ TEST_F(NuknicBindingTest, CurrentPortIdentityOverridesTheDesiredOne) {
   EXPECT_EQ(StagedValue("nuk2"), R"({"name":"nuk2","port_connection_type":"ZSW","zsw_port":{"port_key":"new"}})");
   EXPECT_EQ(StagedValue("nuk3"), R"({"name":"nuk3","port_connection_type":"ZSW"})") << "current one not on a switch";
   EXPECT_EQ(StagedValue("nuk4"), R"({"name":"nuk4","port_connection_type":"ZSW"})") << "current one has no port";
+  EXPECT_EQ(StagedValue("nuk5"), R"({"name":"nuk5","port_connection_type":"ZSW","zsw_port":{"port_key":"K-5"}})")
+      << "a port is created where the desired object has none";
   for (const char* member : {"switch_uuid", "port_key", "connection_cookie"}) {
     EXPECT_TRUE(log_.Contains(std::string("Nuknic {nuk0} ZSW ") + member + " perserved.", CSLogger::PRIO_INFO));
   }
@@ -317,22 +292,14 @@ TEST_F(NuknicBindingTest, CurrentPortIdentityOverridesTheDesiredOne) {
   EXPECT_FALSE(log_.Contains("Desired Nuknic {nuk1} is connected to ZSW"));
 }
 
-TEST_F(NuknicBindingTest, PortIsCreatedWhereTheDesiredObjectHasNone) {
-  Stage(R"({"profile": {"qor": {"network": {"nuknics": [{"name": "nuk1", "port_connection_type": "ZSW"}]}}}})");
-  EXPECT_EQ(StagedValue("nuk1"), R"({"name":"nuk1","port_connection_type":"ZSW","zsw_port":{"port_key":"K-1"}})");
-}
-
 TEST_F(NuknicBindingTest, UnreadableCurrentNuknicAbortsTheStaging) {
   InsertConfig("network", "nuknics", "nuk9", "not json");
   SetStoredBootMode("0");
-  try {
-    Stage(R"({"profile": {"qor": {"network": {"nuknics": [{"name": "nuk9", "port_connection_type": "ZSW"}]}}}})");
-    ADD_FAILURE() << "staged";
-  } catch (const ConfigStoreException& e) {
-    EXPECT_STREQ(e.what(), "SetDesiredUserConfig failed: Nuknic configuration is invalid.");
-  }
-  EXPECT_TRUE(Staged().empty());
-  EXPECT_EQ(BootMode(), "0");
+  const cstest::StoreDump before = cstest::DumpStores();
+  const char* doc = R"({"profile": {"qor": {"network": {"nuknics": [{"name": "nuk9", "port_connection_type": "ZSW"}]}}}})";
+  EXPECT_EQ(Thrown([&] { Stage(doc); }),
+            "2000 SetDesiredUserConfig failed: Nuknic configuration is invalid.");
+  EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
 }
 
 }  // namespace

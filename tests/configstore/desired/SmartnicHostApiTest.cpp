@@ -3,11 +3,10 @@
 
 #include "configstore/desired/DesiredConfig.h"
 #include "tests/configstore/desired/DesiredFixture.h"
+#include "tests/support/StoreDump.h"
 
 namespace desiredtest {
 namespace {
-
-using QorConfigStore::ConfigStoreException;
 
 void StageSmartnic(const std::string& text) {
   auto doc = QorConfigStore::CreateDocumentFromString(text);
@@ -39,42 +38,38 @@ TEST_F(DesiredTest, SmartnicDocumentKeysAreNeverOverwrittenByTheDefaults) {
   EXPECT_EQ(BootMode(), "3");
 }
 
-TEST_F(DesiredTest, SmartnicDocumentWithInvalidObjectsIsRefusedWhole) {
-  InsertStaged("ntp", "servers", "earlier", "SET");
-  SetStoredBootMode("1");
-  const std::multiset<std::string> before = Staged();
+TEST_F(DesiredTest, InvalidSmartnicDocumentIsRefusedWhole) {
+  const std::string invalid =
+      "2000 SetDesiredSmartnicConfiguration failed: Failed to validate smartnic configuration, Check logs for "
+      "specific validation errors.";
   struct Case {
     const char* document;
+    std::string thrown;
     size_t invalid;
   } cases[] = {
       {R"({"qor": {"network": {"nuknics": [{"name": "n0", "mtu": 100}, {"name": "n1"}, {"name": "n2", "bogus": 1}]},
-                   "dpu": {"flags": {"flag": true}}}})", 2},
-      {R"({"qor": {"dpu": {"mode": {"mode": "sideways"}}}})", 1},
-      {R"({"qor": {"dpu": {"unknown": {"flag": true}}}})", 0},
+                   "dpu": {"flags": {"flag": true}}}})", invalid, 2},
+      {R"({"qor": {"dpu": {"mode": {"mode": "sideways"}}}})", invalid, 1},
+      {R"({"qor": {"dpu": {"unknown": {"flag": true}}}})", invalid, 0},
+      {"[]", "2000 SetDesiredSmartnicConfiguration failed: SmartNIC configuration is not an object", 0},
+      {R"({"qor": []})",
+       "2000 SetDesiredSmartnicConfiguration failed: Desired configuration of component qor is not an object", 0},
+      {R"({"qor": {"dpu": 1}})",
+       "2000 SetDesiredSmartnicConfiguration failed: Desired configuration of component qor group dpu is not an object",
+       0},
   };
+  InsertStaged("ntp", "servers", "earlier", "SET");
+  SetStoredBootMode("1");
+  const cstest::StoreDump before = cstest::DumpStores();
   for (const Case& c : cases) {
     SCOPED_TRACE(c.document);
     log_.Clear();
-    try {
-      StageSmartnic(c.document);
-      ADD_FAILURE() << "staged an invalid document";
-    } catch (const ConfigStoreException& e) {
-      EXPECT_STREQ(e.what(),
-                   "SetDesiredSmartnicConfiguration failed: Failed to validate smartnic configuration, Check logs for "
-                   "specific validation errors.");
-    }
+    EXPECT_EQ(Thrown([&] { StageSmartnic(c.document); }), c.thrown);
     EXPECT_EQ(log_.Count("Validation failed for configuration {"), c.invalid);
-    EXPECT_EQ(Staged(), before);
-    EXPECT_EQ(BootMode(), "1");
-  }
-  EXPECT_TRUE(log_.Contains("Schema not found for id='qor/dpu/unknown'"));
-}
-
-TEST_F(DesiredTest, SmartnicDocumentThatIsNoObjectIsRefused) {
-  for (const char* text : {"[]", R"({"qor": []})", R"({"qor": {"dpu": 1}})"}) {
-    SCOPED_TRACE(text);
-    EXPECT_THROW(StageSmartnic(text), ConfigStoreException);
-    EXPECT_TRUE(Staged().empty());
+    EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
+    if (c.invalid == 0 && c.thrown == invalid) {
+      EXPECT_TRUE(log_.Contains("Schema not found for id='qor/dpu/unknown'"));
+    }
   }
 }
 
@@ -96,16 +91,10 @@ TEST_F(DesiredTest, HostApiDeletionStagesADeleteRowBesideEarlierRows) {
 TEST_F(DesiredTest, HostApiDeletionOfAKeyWithoutSchemaStagesNothing) {
   InsertStaged("ntp", "servers", "earlier", "SET");
   SetStoredBootMode("1");
-  const std::multiset<std::string> before = Staged();
-  try {
-    QorConfigStore::DeleteHostAPIConfiguration("qor", "ntp", "nothing");
-    ADD_FAILURE() << "deleted a key without schema";
-  } catch (const ConfigStoreException& e) {
-    EXPECT_EQ(e.code(), 1005);
-    EXPECT_STREQ(e.what(), "desired configuration for component qor group ntp key nothing");
-  }
-  EXPECT_EQ(Staged(), before);
-  EXPECT_EQ(BootMode(), "1");
+  const cstest::StoreDump before = cstest::DumpStores();
+  EXPECT_EQ(Thrown([] { QorConfigStore::DeleteHostAPIConfiguration("qor", "ntp", "nothing"); }),
+            "1005 desired configuration for component qor group ntp key nothing");
+  EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
   EXPECT_THROW(QorConfigStore::DeleteHostAPIConfiguration(nullptr, "ntp", "servers"),
                QorConfigStore::InvalidArgumentException);
 }
@@ -132,20 +121,15 @@ TEST_F(DesiredTest, HostApiWriteAndCommitFailuresCarryTheirCodes) {
     QorConfigStore::DeleteHostAPIConfiguration("qor", "ntp", "servers");
     int target = DBStore::faults::Calls(c.kind) - c.fromLast;
     DBStore::faults::Disarm();
-    Exec("DELETE FROM DesiredUserConfig");
+    Sql("DELETE FROM DesiredUserConfig");
     SetStoredBootMode("0");
+    const cstest::StoreDump before = cstest::DumpStores();
 
     DBStore::faults::Arm(c.kind, target, false);
-    try {
-      QorConfigStore::DeleteHostAPIConfiguration("qor", "ntp", "servers");
-      ADD_FAILURE() << "no failure";
-    } catch (const ConfigStoreException& e) {
-      EXPECT_EQ(e.code(), c.code);
-      EXPECT_STREQ(e.what(), c.message);
-    }
+    EXPECT_EQ(Thrown([] { QorConfigStore::DeleteHostAPIConfiguration("qor", "ntp", "servers"); }),
+              std::to_string(c.code) + " " + c.message);
     DBStore::faults::Disarm();
-    EXPECT_TRUE(Staged().empty());
-    EXPECT_EQ(BootMode(), "0");
+    EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
   }
 }
 
@@ -161,12 +145,8 @@ TEST_F(DesiredTest, CheckDesiredObjectExistsAnswersForTheWholeKey) {
   EXPECT_FALSE(check("network", "nuknics"));
 
   DBStore::faults::Arm(DBStore::faults::Kind::Step, 1, false);
-  try {
-    check("ntp", "servers");
-    ADD_FAILURE() << "no failure";
-  } catch (const ConfigStoreException& e) {
-    EXPECT_STREQ(e.what(), "Check Instance failed for: comp qor grp ntp key servers id any-instance");
-  }
+  EXPECT_EQ(Thrown([&] { check("ntp", "servers"); }),
+            "2000 Check Instance failed for: comp qor grp ntp key servers id any-instance");
 }
 
 }  // namespace

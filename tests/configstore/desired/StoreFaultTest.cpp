@@ -6,6 +6,7 @@
 
 #include "configstore/desired/DesiredConfig.h"
 #include "tests/configstore/desired/DesiredFixture.h"
+#include "tests/support/StoreDump.h"
 
 namespace desiredtest {
 namespace {
@@ -28,7 +29,7 @@ class StoreFaultTest : public DesiredTest {
 
   // The state every faulty run starts from.
   void Baseline() {
-    Exec("DELETE FROM DesiredUserConfig");
+    Sql("DELETE FROM DesiredUserConfig");
     InsertStaged("system", "hostname", "", "SET");
     SetStoredBootMode("2");
   }
@@ -46,12 +47,11 @@ class StoreFaultTest : public DesiredTest {
     for (int n = 1; n <= calls; ++n) {
       SCOPED_TRACE("failing call " + std::to_string(n) + " of " + std::to_string(calls));
       Baseline();
-      const std::multiset<std::string> before = Staged();
+      const cstest::StoreDump before = cstest::DumpStores();
       DBStore::faults::Arm(kind, n, false);
       EXPECT_THROW(operation(), QorConfigStore::ConfigStoreException);
       DBStore::faults::Disarm();
-      EXPECT_EQ(Staged(), before);
-      EXPECT_EQ(BootMode(), "2");
+      EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
     }
     // And the operation still works afterwards (generated ids differ from run to run).
     Baseline();
@@ -76,31 +76,28 @@ class StoreFaultTest : public DesiredTest {
   static void DeleteKey() { QorConfigStore::DeleteHostAPIConfiguration("qor", "ntp", "servers"); }
 };
 
-TEST_F(StoreFaultTest, DesiredDocument) {
-  // Statements: delete, five objects, switches query and re-insert, nuknic read, defaults (three
-  // keys), permissions query and insert, options, boot mode.
-  ExpectEveryFaultLeavesStagingAlone(Kind::Step, StageDocument, 15);
-  ExpectEveryFaultLeavesStagingAlone(Kind::Prepare, StageDocument, 15);
-  ExpectEveryFaultLeavesStagingAlone(Kind::Begin, StageDocument, 1);
-  ExpectEveryFaultLeavesStagingAlone(Kind::Commit, StageDocument, 1);
-  ExpectEveryFaultLeavesStagingAlone(Kind::KvWrite, StageDocument, 1);
-}
-
-TEST_F(StoreFaultTest, SmartnicDocument) {
-  ExpectEveryFaultLeavesStagingAlone(Kind::Step, StageSmartnic, 4);
-  ExpectEveryFaultLeavesStagingAlone(Kind::Prepare, StageSmartnic, 4);
-  ExpectEveryFaultLeavesStagingAlone(Kind::Attach, StageSmartnic, 1);
-  ExpectEveryFaultLeavesStagingAlone(Kind::Begin, StageSmartnic, 1);
-  ExpectEveryFaultLeavesStagingAlone(Kind::Commit, StageSmartnic, 1);
-  ExpectEveryFaultLeavesStagingAlone(Kind::KvWrite, StageSmartnic, 1);
-}
-
-TEST_F(StoreFaultTest, HostApiDeletion) {
-  ExpectEveryFaultLeavesStagingAlone(Kind::Step, DeleteKey, 2);
-  ExpectEveryFaultLeavesStagingAlone(Kind::Prepare, DeleteKey, 2);
-  ExpectEveryFaultLeavesStagingAlone(Kind::Begin, DeleteKey, 1);
-  ExpectEveryFaultLeavesStagingAlone(Kind::Commit, DeleteKey, 1);
-  ExpectEveryFaultLeavesStagingAlone(Kind::KvWrite, DeleteKey, 1);
+TEST_F(StoreFaultTest, EveryFailingCallLeavesStagingAlone) {
+  // Document statements: delete, five objects, switches query and re-insert, nuknic read, defaults
+  // (three keys), permissions query and insert, options, boot mode.
+  const struct {
+    const char* name;
+    void (*operation)();
+    Kind kind;
+    int atLeast;
+  } cases[] = {
+      {"document", StageDocument, Kind::Step, 15},    {"document", StageDocument, Kind::Prepare, 15},
+      {"document", StageDocument, Kind::Begin, 1},    {"document", StageDocument, Kind::Commit, 1},
+      {"document", StageDocument, Kind::KvWrite, 1},  {"smartnic", StageSmartnic, Kind::Step, 4},
+      {"smartnic", StageSmartnic, Kind::Prepare, 4},  {"smartnic", StageSmartnic, Kind::Attach, 1},
+      {"smartnic", StageSmartnic, Kind::Begin, 1},    {"smartnic", StageSmartnic, Kind::Commit, 1},
+      {"smartnic", StageSmartnic, Kind::KvWrite, 1},  {"host API", DeleteKey, Kind::Step, 2},
+      {"host API", DeleteKey, Kind::Prepare, 2},      {"host API", DeleteKey, Kind::Begin, 1},
+      {"host API", DeleteKey, Kind::Commit, 1},       {"host API", DeleteKey, Kind::KvWrite, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.name << ", kind " << static_cast<int>(c.kind));
+    ExpectEveryFaultLeavesStagingAlone(c.kind, c.operation, c.atLeast);
+  }
 }
 
 }  // namespace

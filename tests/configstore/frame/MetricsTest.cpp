@@ -1,6 +1,8 @@
 // Size metrics of the Config table.
 #include <gmock/gmock.h>
 
+#include <functional>
+
 #include "configstore/frame/CallFrame.h"
 #include "configstore/frame/Metrics.h"
 #include "tests/support/Sandbox.h"
@@ -32,15 +34,8 @@ class MetricsTest : public cstest::SandboxTest {
   DBStore::Connection conn_;
 };
 
-TEST_F(MetricsTest, EmptyStoreCountsZero) {
-  EXPECT_EQ(GetConfigRowCount(), 0);
-  EXPECT_EQ(GetUserConfigSize(), 0);
-  EXPECT_EQ(GetVitalConfigSize(), 0);
-  EXPECT_EQ(GetCachedConfigSize(), 0);
+TEST_F(MetricsTest, SumsCountNullValuesAsZero) {
   EXPECT_TRUE(GetConfigMetrics().empty());
-}
-
-TEST_F(MetricsTest, SumsAndRowsWithNullValues) {
   AddRow("k1", "{\"a\":1}", nullptr, "[]");
   AddRow("k2", nullptr, "{\"v\":true}", nullptr);
   EXPECT_EQ(GetConfigRowCount(), 2);
@@ -48,11 +43,11 @@ TEST_F(MetricsTest, SumsAndRowsWithNullValues) {
   EXPECT_EQ(GetVitalConfigSize(), 10);
   EXPECT_EQ(GetCachedConfigSize(), 2);
   EXPECT_THAT(GetConfigMetrics(), testing::UnorderedElementsAre("comp,grp,k1,0,7,2", "comp,grp,k2,10,0,0"));
-}
-
-TEST_F(MetricsTest, OnlyNullValuesSumToZero) {
-  AddRow("k1", "{}", nullptr, nullptr);
-  EXPECT_EQ(GetVitalConfigSize(), 0);
+  ASSERT_EQ(DBStore::Execute(conn_, "DELETE FROM Config WHERE Name = 'k2'", {}, {}, DBStore::kTimeoutMs), 0);
+  EXPECT_EQ(GetVitalConfigSize(), 0) << "only NULL values sum to zero";
+  ASSERT_EQ(DBStore::Execute(conn_, "DELETE FROM Config", {}, {}, DBStore::kTimeoutMs), 0);
+  EXPECT_EQ(GetConfigRowCount(), 0);
+  EXPECT_EQ(GetUserConfigSize(), 0);
   EXPECT_EQ(GetCachedConfigSize(), 0);
 }
 
@@ -74,39 +69,28 @@ TEST_F(MetricsTest, TotalPastInt32Throws) {
 
 TEST_F(MetricsTest, FailedQueryNamesTheOperation) {
   ASSERT_EQ(DBStore::Execute(conn_, "DROP TABLE Config", {}, {}, DBStore::kTimeoutMs), 0);
-  struct Case {
-    int (*op)();
-    const char* message;
-  } cases[] = {{GetVitalConfigSize, "Failed to get data from GetVitalConfigSize"},
-               {GetUserConfigSize, "Failed to get data from GetUserConfigSize"},
-               {GetCachedConfigSize, "Failed to get data from GetCachedConfigSize"},
-               {GetConfigRowCount, "Failed to get data from GetConfigRowCount"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.message);
+  const std::pair<std::function<void()>, const char*> cases[] = {
+      {GetVitalConfigSize, "Failed to get data from GetVitalConfigSize"},
+      {GetUserConfigSize, "Failed to get data from GetUserConfigSize"},
+      {GetCachedConfigSize, "Failed to get data from GetCachedConfigSize"},
+      {GetConfigRowCount, "Failed to get data from GetConfigRowCount"},
+      {GetConfigMetrics, "Failed to get data from GetConfigMetrics"},
+      {[this] {
+         conn_.reset();
+         Remove("/etc/talvex/configstore/current-store-1");
+         GetConfigRowCount();
+       },
+       "Failed to connect to database."},
+  };
+  for (const auto& [call, message] : cases) {
+    SCOPED_TRACE(message);
     try {
-      c.op();
+      call();
       ADD_FAILURE() << "no throw";
     } catch (const ConfigStoreException& e) {
       EXPECT_EQ(e.code(), 2000);
-      EXPECT_STREQ(e.what(), c.message);
+      EXPECT_STREQ(e.what(), message);
     }
-  }
-  try {
-    GetConfigMetrics();
-    ADD_FAILURE() << "no throw";
-  } catch (const ConfigStoreException& e) {
-    EXPECT_STREQ(e.what(), "Failed to get data from GetConfigMetrics");
-  }
-}
-
-TEST_F(MetricsTest, MissingStoreFailsToConnect) {
-  conn_.reset();
-  Remove("/etc/talvex/configstore/current-store-1");
-  try {
-    GetConfigRowCount();
-    FAIL() << "no throw";
-  } catch (const ConfigStoreException& e) {
-    EXPECT_STREQ(e.what(), "Failed to connect to database.");
   }
 }
 

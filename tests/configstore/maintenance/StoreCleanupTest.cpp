@@ -8,7 +8,6 @@
 namespace QorConfigStore {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using Kind = DBStore::faults::Kind;
 
@@ -45,52 +44,31 @@ class StoreCleanupTest : public MaintenanceTest {
   const std::vector<std::string> kKeptDataFileRows = {"comp|kept|dirA|a1"};
 };
 
-TEST_F(StoreCleanupTest, AtBootRowsWithoutSchemaGoAndNoDirectoryIsTouched) {
-  Populate();
-  log_.Clear();
+TEST_F(StoreCleanupTest, RowsWithoutSchemaGoAndOutsideBootTheirDirectoriesOncePerName) {
+  for (bool atBoot : {true, false}) {
+    SCOPED_TRACE(atBoot ? "at boot" : "live");
+    Remove("/etc");
+    Remove("/var");
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+    Populate();
+    log_.Clear();
 
-  CleanupStore(true);
+    CleanupStore(atBoot);
 
-  EXPECT_EQ(ConfigRows(), kKeptConfigRows);
-  EXPECT_EQ(DataFileRows(), kKeptDataFileRows);
-  EXPECT_TRUE(DataFileExists("dirA/a1"));
-  EXPECT_TRUE(DataFileExists("dirB/b1"));
-  EXPECT_TRUE(DataFileExists("dirB/sub/b2"));
-  EXPECT_FALSE(log_.Contains("Cleanup datafile directory"));
-  for (const char* line : {"Cleanup config store", "Cleanup config store completed", "Cleanup data file store",
-                           "Cleanup data file store completed"}) {
-    EXPECT_TRUE(log_.Contains(line, CSLogger::PRIO_INFO)) << line;
+    EXPECT_EQ(ConfigRows(), kKeptConfigRows);
+    EXPECT_EQ(DataFileRows(), kKeptDataFileRows);
+    EXPECT_TRUE(DataFileExists("dirA/a1"));
+    EXPECT_EQ(DataFileExists("dirB/b1") && DataFileExists("dirB/sub/b2"), atBoot);
+    EXPECT_EQ(DataFileExists("dirB"), atBoot);
+    EXPECT_EQ(log_.Count("Cleanup datafile directory: dirB"), atBoot ? 0u : 1u);
+    // A directory already gone is no failure.
+    EXPECT_EQ(log_.Contains("Cleanup datafile directory: dirC", CSLogger::PRIO_INFO), !atBoot);
+    for (const char* line : {"Cleanup config store", "Cleanup config store completed", "Cleanup data file store",
+                             "Cleanup data file store completed"}) {
+      EXPECT_TRUE(log_.Contains(line, CSLogger::PRIO_INFO)) << line;
+    }
+    EXPECT_FALSE(log_.Contains("failed"));
   }
-  EXPECT_FALSE(log_.Contains("failed"));
-}
-
-TEST_F(StoreCleanupTest, LiveCleanupAlsoRemovesOrphanedDirectoriesOncePerName) {
-  Populate();
-  log_.Clear();
-
-  CleanupStore(false);
-
-  EXPECT_EQ(ConfigRows(), kKeptConfigRows);
-  EXPECT_EQ(DataFileRows(), kKeptDataFileRows);
-  EXPECT_TRUE(DataFileExists("dirA/a1"));
-  EXPECT_FALSE(DataFileExists("dirB"));
-  EXPECT_EQ(log_.Count("Cleanup datafile directory: dirB"), 1u);
-  // A directory already gone is no failure.
-  EXPECT_TRUE(log_.Contains("Cleanup datafile directory: dirC", CSLogger::PRIO_INFO));
-  EXPECT_FALSE(log_.Contains("failed"));
-  EXPECT_TRUE(log_.Contains("Cleanup data file store completed", CSLogger::PRIO_INFO));
-}
-
-TEST_F(StoreCleanupTest, EveryRowCoveredDeletesNothingAndStillLogsBothLines) {
-  AddConfigSchema("comp", "net", "nics");
-  AddConfigRow("comp", "net", "nics", "eth0", {std::nullopt, "u"});
-  log_.Clear();
-
-  CleanupStore(true);
-
-  EXPECT_THAT(ConfigRows(), ElementsAre("comp|net|nics|eth0"));
-  EXPECT_TRUE(log_.Contains("Cleanup config store", CSLogger::PRIO_INFO));
-  EXPECT_TRUE(log_.Contains("Cleanup config store completed", CSLogger::PRIO_INFO));
 }
 
 TEST_F(StoreCleanupTest, DirectoryNamesThatLeaveTheDataFileRootAreNotRemoved) {

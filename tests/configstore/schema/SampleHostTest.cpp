@@ -43,7 +43,7 @@ TEST_F(SampleHostTest, OrdinaryHostRegistersNewestSchemasAndLoadsDefaults) {
             Strings{"qor/certificates certs"});
   EXPECT_EQ(Query("SELECT COUNT(*) FROM ss.SchemaFile"), Strings{"3"});
   // The older net-core files are passed over by both the registration and the defaults.
-  EXPECT_EQ(LoggedCount("Skipping schema file 'net-core-1.1.0_2.0.json' since latest version already processed."), 2u);
+  EXPECT_EQ(log_.Count("Skipping schema file 'net-core-1.1.0_2.0.json' since latest version already processed."), 2u);
   EXPECT_TRUE(EventList().empty());
 
   EXPECT_EQ(DefaultRows().size(), 12u);
@@ -91,6 +91,7 @@ TEST_F(SampleHostTest, DpuRegistersSharedAndDpuKeysAndTakesItsOwnDefaults) {
   SetQorio(true);
   // Host-only keys have no schema on the DPU, so their defaults are reported as failures.
   EXPECT_FALSE(ProcessSchemas({}));
+  EXPECT_TRUE(Logged("[SchemaProcessor]: This is qorio booting up.", 2));
   EXPECT_EQ(Registered(), (Strings{
                               "qor/network/dns qor-base-8.0.2_1.0 1.0",
                               "qor/network/dpu_uplinks net-core-1.2.3_4.5 1.0",

@@ -110,10 +110,4 @@ bool SchemaHostTest::Logged(const std::string& text, int priority) const {
   return false;
 }
 
-size_t SchemaHostTest::LoggedCount(const std::string& text) const {
-  size_t n = 0;
-  for (const auto& line : log_.Lines()) n += line.text == text ? 1 : 0;
-  return n;
-}
-
 }  // namespace cstest

@@ -51,7 +51,6 @@ class SchemaHostTest : public SandboxTest {
   Strings EventList() const;
   // True when a line of that priority equals `text` exactly.
   bool Logged(const std::string& text, int priority) const;
-  size_t LoggedCount(const std::string& text) const;
 };
 
 }  // namespace cstest

@@ -34,6 +34,12 @@ TEST_F(DBStoreTest, KeyValueEntries) {
   EXPECT_EQ(value, "untouched");
   EXPECT_NE(DBStore::WriteKeyValue("BOOT_MODE", "4", nullptr), 0);
   EXPECT_NE(DBStore::ReadKeyValue("BOOT_MODE", &value, std::make_shared<DBStore::StoreConnection>()), 0);
+
+  auto readOnly = DBStore::GetConnection(DBStore::CONFIG_STORE, false);
+  ASSERT_TRUE(readOnly);
+  EXPECT_EQ(ReadKv(readOnly, "BOOT_MODE"), "3");
+  EXPECT_NE(DBStore::WriteKeyValue("IS_BOOT", "true", readOnly), 0);
+  EXPECT_TRUE(log_.Contains("readonly", CSLogger::PRIO_ERROR));
 }
 
 // The store dump is what the "changed nothing" checks of other tests rest on: it must see a
@@ -100,19 +106,6 @@ TEST_F(DBStoreTest, FailedCommitLeavesTheTransactionOpenAndCancelRestoresTheData
   EXPECT_EQ(ReadKv(Open(), "BOOT_MODE"), "0");
 }
 
-TEST_F(DBStoreTest, InjectedCommitFailureLeavesTheTransactionOpenUntilCancelled) {
-  CreateStores();
-  auto conn = Open();
-  ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "0", conn), 0);
-  DBStore::faults::Arm(Kind::Commit, 1, false);
-  ASSERT_EQ(DBStore::BeginTransaction(conn), 0);
-  ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", conn), 0);
-  EXPECT_NE(DBStore::CommitTransaction(conn), 0);
-  EXPECT_TRUE(InTransaction(conn));
-  EXPECT_EQ(DBStore::CancelTransaction(conn), 0);
-  EXPECT_EQ(ReadKv(Open(), "BOOT_MODE"), "0");
-}
-
 TEST_F(DBStoreTest, ClosingAConnectionRollsBackItsOpenTransaction) {
   CreateStores();
   auto conn = Open();
@@ -166,14 +159,12 @@ TEST_F(DBStoreTest, SchemaStoreAttachQueryAndDetach) {
   ASSERT_EQ(DBStore::AttachSchemaStore(other), 0);
   EXPECT_EQ(Query(other, "SELECT Name, Singleton, NoRestore FROM ss.ConfigSchema WHERE Component = ?", {"qor"}),
             (std::vector<Row>{{"nuknics", "1", "0"}}));
-}
 
-TEST_F(DBStoreTest, AttachingAMissingSchemaStoreFailsWithoutCreatingIt) {
-  CreateStores();
+  // A missing schema store is not created by attaching.
   Remove("/var/lib/talvex/schemastore/schema-store");
-  auto conn = Open();
-  EXPECT_NE(DBStore::AttachSchemaStore(conn), 0);
-  EXPECT_FALSE(conn->schemaStoreAttached);
+  auto late = Open();
+  EXPECT_NE(DBStore::AttachSchemaStore(late), 0);
+  EXPECT_FALSE(late->schemaStoreAttached);
   EXPECT_FALSE(Exists("/var/lib/talvex/schemastore/schema-store"));
 }
 
@@ -323,7 +314,9 @@ std::vector<bool> Outcomes(const FaultCase& fault, const DBStore::Connection& co
   return outcomes;
 }
 
-TEST_F(DBStoreTest, InjectedFaultFailsOnlyTheNthCallOfItsKind) {
+// Armed once, a fault fails the nth call of its kind only; persistent, every call from the nth on
+// until disarmed.
+TEST_F(DBStoreTest, InjectedFaultsFailTheNthCallOfTheirKind) {
   CreateStores();
   auto conn = Open();
   for (const FaultCase& fault : FaultCases()) {
@@ -333,14 +326,7 @@ TEST_F(DBStoreTest, InjectedFaultFailsOnlyTheNthCallOfItsKind) {
     EXPECT_EQ(Outcomes(fault, conn, 4), (std::vector<bool>{true, false, true, true}));
     EXPECT_EQ(DBStore::faults::Calls(fault.kind), 4);
     EXPECT_EQ(log_.Count("injected fault"), 1u);
-  }
-}
 
-TEST_F(DBStoreTest, PersistentFaultFailsEveryLaterCallUntilDisarmed) {
-  CreateStores();
-  auto conn = Open();
-  for (const FaultCase& fault : FaultCases()) {
-    SCOPED_TRACE(fault.name);
     DBStore::faults::Arm(fault.kind, 2, true);
     EXPECT_EQ(Outcomes(fault, conn, 4), (std::vector<bool>{true, false, false, false}));
     DBStore::faults::Disarm();

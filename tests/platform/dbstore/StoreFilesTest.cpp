@@ -29,14 +29,9 @@ class StoreFilesTest : public DBStoreTest {
   }
 };
 
-TEST_F(StoreFilesTest, PathsAreResolvedUnderTheRoot) {
-  EXPECT_EQ(DBStore::StorePath(DBStore::CONFIG_STORE), Path(kConfigStore));
-  EXPECT_EQ(DBStore::StorePath(DBStore::DATAFILE_STORE), Path(kDataFileStore));
-  EXPECT_EQ(DBStore::SchemaStorePath(), Path(kSchemaStore));
+// Opening never creates a store, and creating never overwrites a file that is not a database.
+TEST_F(StoreFilesTest, MissingStoresAndFilesThatAreNotDatabasesGiveEmptyHandles) {
   EXPECT_EQ(DBStore::StorePath(static_cast<DBStore::Type>(1)), "");
-}
-
-TEST_F(StoreFilesTest, MissingStoreGivesAnEmptyHandleAndIsNotCreated) {
   for (DBStore::Type type : {DBStore::CONFIG_STORE, DBStore::DATAFILE_STORE}) {
     for (bool readWrite : {true, false}) {
       SCOPED_TRACE(std::to_string(type) + (readWrite ? " read-write" : " read-only"));
@@ -45,14 +40,15 @@ TEST_F(StoreFilesTest, MissingStoreGivesAnEmptyHandleAndIsNotCreated) {
   }
   EXPECT_FALSE(Exists(kConfigStore));
   EXPECT_FALSE(Exists(kDataFileStore));
-}
 
-TEST_F(StoreFilesTest, FileThatIsNotADatabaseGivesAnEmptyHandle) {
-  WriteFile(kConfigStore, "this is a text file, not a database\n");
+  WriteFile(kConfigStore, "not sqlite");
   EXPECT_FALSE(DBStore::GetConnection(DBStore::CONFIG_STORE, true));
   EXPECT_FALSE(DBStore::GetConnection(DBStore::CONFIG_STORE, false));
   EXPECT_TRUE(log_.Contains("file is not a database", CSLogger::PRIO_ERROR));
-  EXPECT_EQ(ReadFile(kConfigStore), "this is a text file, not a database\n");
+  EXPECT_NE(DBStore::CreateDatabases(), 0);
+  EXPECT_EQ(ReadFile(kConfigStore), "not sqlite");
+  EXPECT_EQ(DBStore::Check(Path(kDataFileStore)), 0);
+  EXPECT_EQ(DBStore::Check(Path(kSchemaStore)), 0);
 }
 
 TEST_F(StoreFilesTest, CreatedStoresPassTheCheckAndUseTheRollbackJournal) {
@@ -79,14 +75,6 @@ TEST_F(StoreFilesTest, CreateDatabasesIsIdempotentKeepsRowsAndRestoresMissingTab
   auto conn = Open();
   EXPECT_EQ(ReadKv(conn, "BOOT_MODE"), "2");
   EXPECT_EQ(Query(conn, "SELECT count(*) FROM DefaultConfig"), std::vector<Row>{{"0"}});
-}
-
-TEST_F(StoreFilesTest, CreateDatabasesLeavesAFileThatIsNotADatabaseAlone) {
-  WriteFile(kConfigStore, "not sqlite");
-  EXPECT_NE(DBStore::CreateDatabases(), 0);
-  EXPECT_EQ(ReadFile(kConfigStore), "not sqlite");
-  EXPECT_EQ(DBStore::Check(Path(kDataFileStore)), 0);
-  EXPECT_EQ(DBStore::Check(Path(kSchemaStore)), 0);
 }
 
 TEST_F(StoreFilesTest, CheckRefusesUnsoundStores) {
@@ -122,15 +110,6 @@ TEST_F(StoreFilesTest, CheckRefusesUnsoundStores) {
 
   WriteFile("/tmp/copy/current-store-1", store);
   EXPECT_EQ(DBStore::Check(Path("/tmp/copy/current-store-1")), 0);
-}
-
-TEST_F(StoreFilesTest, ReadOnlyConnectionRefusesWrites) {
-  CreateStores();
-  auto conn = DBStore::GetConnection(DBStore::CONFIG_STORE, false);
-  ASSERT_TRUE(conn);
-  EXPECT_EQ(ReadKv(conn, "IS_BOOT"), "");
-  EXPECT_NE(DBStore::WriteKeyValue("IS_BOOT", "true", conn), 0);
-  EXPECT_TRUE(log_.Contains("readonly", CSLogger::PRIO_ERROR));
 }
 
 // INSERT OR REPLACE / OR IGNORE in the library count on these keys.

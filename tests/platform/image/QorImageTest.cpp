@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -140,97 +141,61 @@ TEST_F(QorImageTest, SeveralSchemaTagsAndUnknownElementsAreRead) {
 TEST_F(QorImageTest, BadDatabaseNamesTheFileAndTheFault) {
   struct Case {
     std::string name;
-    std::function<void()> setup;
-    std::string file;  // host path the message must name
+    std::optional<std::string> profile, descriptorOfA;  // written when given
+    std::function<void()> special;                       // anything else the case needs
+    std::string file;                                    // host path the message must name
     Strings fragments;
   };
-  const std::string a = "/var/db/talvex/imgdb/packages/a.xml";
-  auto profileOfA = [this] { WriteFile(kProfile, Profile({"a"})); };
-  auto withA = [this, profileOfA](const std::string& xml) {
-    return [this, profileOfA, xml] {
-      profileOfA();
-      WriteFile(DescriptorPath("a"), xml);
-    };
-  };
+  const std::string a = DescriptorPath("a");
+  const std::string profileOfA = Profile({"a"});
+  auto aIs = [this, a](std::function<void(const std::string&)> make) { return [this, a, make] { make(Path(a)); }; };
+  namespace fs = std::filesystem;
   const std::vector<Case> cases = {
-      {"no profile", [] {}, kProfile, {"missing"}},
-      {"profile not XML",
-       [this] { WriteFile(kProfile, "<imageProfile><name>x</imageProfile>"); },
-       kProfile,
+      {"no profile", {}, {}, {}, kProfile, {"missing"}},
+      {"profile not XML", "<imageProfile><name>x</imageProfile>", {}, {}, kProfile,
        {"malformed XML", "Start-end tags mismatch", "at offset 23"}},
-      {"empty profile", [this] { WriteFile(kProfile, ""); }, kProfile, {"malformed XML", "No document element found"}},
-      {"profile wrong root",
-       [this] { WriteFile(kProfile, "<profile/>"); },
-       kProfile,
-       {"root element is \"profile\", expected <imageProfile>"}},
-      {"profile without version",
-       [this] { WriteFile(kProfile, "<imageProfile><name>x</name></imageProfile>"); },
-       kProfile,
+      {"empty profile", "", {}, {}, kProfile, {"malformed XML", "No document element found"}},
+      {"profile wrong root", "<profile/>", {}, {}, kProfile, {"root element is \"profile\", expected <imageProfile>"}},
+      {"profile without version", "<imageProfile><name>x</name></imageProfile>", {}, {}, kProfile,
        {"<imageProfile> has no <version>"}},
-      {"package name leading out",
-       [this] { WriteFile(kProfile, Profile({"../../../etc/passwd"})); },
-       kProfile,
+      {"package name leading out", Profile({"../../../etc/passwd"}), {}, {}, kProfile,
        {"\"../../../etc/passwd\" is not a plain name"}},
-      {"empty package entry",
-       [this] { WriteFile(kProfile, Profile({""})); },
-       kProfile,
-       {"an empty <package> in <packages>"}},
-      {"package listed twice",
-       [this] {
-         WriteFile(kProfile, Profile({"a", "a"}));
-         WriteFile(DescriptorPath("a"), Descriptor("a", "1.0.0_1.0"));
-       },
-       kProfile,
+      {"empty package entry", Profile({""}), {}, {}, kProfile, {"an empty <package> in <packages>"}},
+      {"package listed twice", Profile({"a", "a"}), Descriptor("a", "1.0.0_1.0"), {}, kProfile,
        {"\"a\" is listed twice"}},
-      {"descriptor missing", profileOfA, a, {"missing, but profile.xml lists the package \"a\""}},
-      {"descriptor malformed",
-       withA("<package><name>a</name><version>1.0.0_1.0</version>"),
-       a,
+      {"descriptor missing", profileOfA, {}, {}, a, {"missing, but profile.xml lists the package \"a\""}},
+      {"descriptor malformed", profileOfA, "<package><name>a</name><version>1.0.0_1.0</version>", {}, a,
        {"malformed XML", "Start-end tags mismatch", "offset"}},
-      {"descriptor of another package",
-       withA(Descriptor("b", "1.0.0_1.0")),
-       a,
+      {"descriptor of another package", profileOfA, Descriptor("b", "1.0.0_1.0"), {}, a,
        {"describes the package \"b\", expected \"a\""}},
-      {"descriptor without version", withA("<package><name>a</name></package>"), a, {"<package> has no <version>"}},
-      {"empty version", withA("<package><name>a</name><version>  </version></package>"), a, {"<version> is empty"}},
-      {"empty tag", withA(Descriptor("a", "1.0.0_1.0", {""})), a, {"an empty <tag> in <tags>"}},
-      {"schema tag without id",
-       withA(Descriptor("a", "1.0.0_1.0", {"ConfigSchema:"})),
-       a,
+      {"descriptor without version", profileOfA, "<package><name>a</name></package>", {}, a,
+       {"<package> has no <version>"}},
+      {"empty version", profileOfA, "<package><name>a</name><version>  </version></package>", {}, a,
+       {"<version> is empty"}},
+      {"empty tag", profileOfA, Descriptor("a", "1.0.0_1.0", {""}), {}, a, {"an empty <tag> in <tags>"}},
+      {"schema tag without id", profileOfA, Descriptor("a", "1.0.0_1.0", {"ConfigSchema:"}), {}, a,
        {"\"ConfigSchema:\" names no schema identifier"}},
-      {"empty archive", withA(Descriptor("a", "1.0.0_1.0", {}, {""})), a, {"an empty <archive> in <archives>"}},
-      {"descriptor is a directory",
-       [this, profileOfA] {
-         profileOfA();
-         std::filesystem::create_directories(Path(DescriptorPath("a")));
-       },
-       a,
+      {"empty archive", profileOfA, Descriptor("a", "1.0.0_1.0", {}, {""}), {}, a, {"an empty <archive> in <archives>"}},
+      {"descriptor is a directory", profileOfA, {}, aIs([](const std::string& p) { fs::create_directories(p); }), a,
        {"not a regular file"}},
-      {"descriptor is a FIFO",  // opening it must not wait for a writer
-       [this, profileOfA] {
-         profileOfA();
-         std::filesystem::create_directories(Path(kDb + "/packages"));
-         ASSERT_EQ(::mkfifo(Path(DescriptorPath("a")).c_str(), 0644), 0);
-       },
-       a,
-       {"not a regular file"}},
-      {"descriptor over the size cap",
-       [this, profileOfA] {
-         profileOfA();
-         WriteFile(DescriptorPath("a"), "");
-         std::filesystem::resize_file(Path(DescriptorPath("a")), 8 * 1024 * 1024 + 1);
-       },
-       a,
-       {"too large (8388609 bytes"}},
-      {"lock file cannot be opened",
-       [this] { std::filesystem::create_directories(Path(kLock)); },
-       kLock,
+      // Opening a FIFO must not wait for a writer.
+      {"descriptor is a FIFO", profileOfA, {},
+       aIs([](const std::string& p) {
+         fs::create_directories(fs::path(p).parent_path());
+         ASSERT_EQ(::mkfifo(p.c_str(), 0644), 0);
+       }),
+       a, {"not a regular file"}},
+      {"descriptor over the size cap", profileOfA, "",
+       aIs([](const std::string& p) { fs::resize_file(p, 8 * 1024 * 1024 + 1); }), a, {"too large (8388609 bytes"}},
+      {"lock file cannot be opened", {}, {}, [this] { fs::create_directories(Path(kLock)); }, kLock,
        {"Cannot open the image database lock file", "Is a directory"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     Remove("/var");
-    c.setup();
+    if (c.profile) WriteFile(kProfile, *c.profile);
+    if (c.descriptorOfA) WriteFile(a, *c.descriptorOfA);
+    if (c.special) c.special();
     std::string message = ReadError();
     EXPECT_NE(message.find(Path(c.file)), std::string::npos) << message;
     for (const auto& fragment : c.fragments) EXPECT_NE(message.find(fragment), std::string::npos) << message;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tests/platform/schemastore/SchemaStoreTestSupport.h"
+#include "tests/support/StoreDump.h"
 
 namespace {
 
@@ -64,7 +65,7 @@ const Element kDataFile{"qor", "datafiles", "certificates", R"({"component": "qo
                         false};
 
 TEST_F(SchemaStoreTest, CommittedRegistrationIsSeenByANewStoreAndThroughTheAttachedStore) {
-  Register({sstest::Nuknics(), sstest::Hostname()});
+  Register({sstest::Nuknics(), sstest::Hostname(), sstest::Rules()});
 
   auto store = SchemaStore::GetStore(false);
   EXPECT_FALSE(store->IsForUpdate());
@@ -85,6 +86,11 @@ TEST_F(SchemaStoreTest, CommittedRegistrationIsSeenByANewStoreAndThroughTheAttac
   EXPECT_TRUE(hostname->IsSingleton());
   EXPECT_EQ(hostname->GetInstanceIdName(), "");
   EXPECT_EQ(hostname->GetSmartnicValueType(), std::nullopt);
+  std::shared_ptr<SchemaObject> rules = GetSchema("qor", "firewall", "rules", store);
+  ASSERT_TRUE(rules);
+  EXPECT_EQ(rules->GetInstanceIdName(), QorSchemaStore::kGeneratedIdMember);
+  EXPECT_TRUE(rules->IsGeneratedInstanceId());
+  EXPECT_FALSE(rules->IsSingleton());
 
   EXPECT_EQ(GetSchema("qor", "network", "switches", store), nullptr);
   EXPECT_EQ(GetSchema("qor", "system", "nuknics", store), nullptr);
@@ -92,7 +98,7 @@ TEST_F(SchemaStoreTest, CommittedRegistrationIsSeenByANewStoreAndThroughTheAttac
   EXPECT_EQ(QueryAttached("SELECT Component, ConfigGroup, Name FROM ss.SmartnicSchema WHERE ValueType = 'qor-shared'"),
             Strings{"qor|network|nuknics"});
   EXPECT_EQ(QueryAttached("SELECT Name, Singleton, DSPIntegrated, InstanceIdName FROM ss.ConfigSchema ORDER BY Name"),
-            (Strings{"hostname|1|0|", "nuknics|0|1|name"}));
+            (Strings{"hostname|1|0|", "nuknics|0|1|name", "rules|0|0|cs_generated_id"}));
 }
 
 TEST_F(SchemaStoreTest, AnOpenUpdateIsInvisibleToOtherStoresUntilCommitted) {
@@ -109,8 +115,7 @@ TEST_F(SchemaStoreTest, AnOpenUpdateIsInvisibleToOtherStoresUntilCommitted) {
 
 TEST_F(SchemaStoreTest, ACancelledOrAbandonedUpdateLeavesTheEarlierSchemasExactlyInPlace) {
   Register({sstest::Nuknics(), kFiles, kDataFile});
-  const Strings before = Registered();
-  const Strings smartnicBefore = QueryAttached("SELECT * FROM ss.SmartnicSchema");
+  const cstest::StoreDump before = cstest::DumpStores();
 
   {
     auto store = SchemaStore::GetStore(true);
@@ -120,8 +125,7 @@ TEST_F(SchemaStoreTest, ACancelledOrAbandonedUpdateLeavesTheEarlierSchemasExactl
     store->CancelUpdate();
     store->CancelUpdate();  // nothing left to cancel: no effect
   }
-  EXPECT_EQ(Registered(), before);
-  EXPECT_EQ(QueryAttached("SELECT * FROM ss.SmartnicSchema"), smartnicBefore);
+  EXPECT_EQ(cstest::DiffStores(before, cstest::DumpStores()), "");
 
   {
     auto store = SchemaStore::GetStore(true);
@@ -129,7 +133,7 @@ TEST_F(SchemaStoreTest, ACancelledOrAbandonedUpdateLeavesTheEarlierSchemasExactl
     store->ResetSchemas();
     Set(store, sstest::Hostname());
   }  // dropped with the update open
-  EXPECT_EQ(Registered(), before);
+  EXPECT_EQ(cstest::DiffStores(before, cstest::DumpStores()), "");
   EXPECT_EQ(log_.Count("Schema store update cancelled"), 1u);
 }
 
@@ -200,15 +204,6 @@ TEST_F(SchemaStoreTest, EachFlagAndListIsStoredInItsOwnColumn) {
   EXPECT_EQ(hostname->GetSchemaType(), 0);
   EXPECT_TRUE(hostname->GetSolutionUserInstances().empty());
   EXPECT_TRUE(hostname->GetPreservedInstanceIds().empty());
-}
-
-TEST_F(SchemaStoreTest, GeneratedInstanceIdsAreRecognised) {
-  Register({sstest::Rules()});
-  auto rules = GetSchema("qor", "firewall", "rules", SchemaStore::GetStore(false));
-  ASSERT_TRUE(rules);
-  EXPECT_EQ(rules->GetInstanceIdName(), QorSchemaStore::kGeneratedIdMember);
-  EXPECT_TRUE(rules->IsGeneratedInstanceId());
-  EXPECT_FALSE(rules->IsSingleton());
 }
 
 TEST_F(SchemaStoreTest, DeclaredFilesAndDataFileKeysAreListedByKind) {
@@ -376,46 +371,48 @@ TEST_F(SchemaStoreTest, UpdateOperationsOutOfOrderAreRefused) {
             "No schema store to register qor/g/k in");
 }
 
-TEST_F(SchemaStoreTest, AnElementWhoseWriteFailsLeavesNoRowOfIt) {
-  auto store = SchemaStore::GetStore(true);
-  store->BeginUpdate();
-  store->ResetSchemas();
-  Set(store, sstest::Hostname());
-  // Steps: SAVEPOINT, first file row, second file row (fails), ROLLBACK TO, RELEASE.
-  DBStore::faults::Arm(DBStore::faults::Kind::Step, 3, false);
-  EXPECT_EQ(Message([&] { Set(store, kFiles); }),
-            "Failed to register schema element qor/files/kit-files of " + std::string(kSchemaId));
-  DBStore::faults::Disarm();
-  store->CommitUpdate();
-  EXPECT_EQ(Registered(), Strings{"qor/system/hostname"});
-}
-
-TEST_F(SchemaStoreTest, AnUpdateThatCouldNotUndoAnElementIsNeverCommitted) {
-  Register({sstest::Nuknics()});
-  auto store = SchemaStore::GetStore(true);
-  store->BeginUpdate();
-  store->ResetSchemas();
-  DBStore::faults::Arm(DBStore::faults::Kind::Step, 3, true);  // the rollback to the savepoint fails too
-  EXPECT_EQ(Message([&] { Set(store, kFiles); }),
-            "Failed to register schema element qor/files/kit-files of " + std::string(kSchemaId));
-  DBStore::faults::Disarm();
-  EXPECT_EQ(Message([&] { store->CommitUpdate(); }),
-            "The schema store update holds a partly written element and cannot be committed");
-  store->CancelUpdate();
-  EXPECT_EQ(Registered(), Strings{"qor/network/nuknics"});
-}
-
-TEST_F(SchemaStoreTest, AFailedCommitCanStillBeCancelled) {
-  Register({sstest::Nuknics()});
-  auto store = SchemaStore::GetStore(true);
-  store->BeginUpdate();
-  store->ResetSchemas();
-  Set(store, sstest::Hostname());
-  DBStore::faults::Arm(DBStore::faults::Kind::Commit, 1, false);
-  EXPECT_EQ(Message([&] { store->CommitUpdate(); }), "Failed to commit the schema store update");
-  DBStore::faults::Disarm();
-  store->CancelUpdate();
-  EXPECT_EQ(Registered(), Strings{"qor/network/nuknics"});
+// An element whose write fails leaves no row of it; an update that could not undo one, or whose
+// commit failed, can only be cancelled.
+TEST_F(SchemaStoreTest, StoreFaultsNeverCommitAPartlyWrittenElement) {
+  using DBStore::faults::Kind;
+  const std::string failed = "Failed to register schema element qor/files/kit-files of " + std::string(kSchemaId);
+  struct Case {
+    const char* name;
+    Kind kind;
+    bool persistent;
+    std::string setError, commitError;  // "" when that call succeeds
+    Strings registered;
+  };
+  const Case cases[] = {
+      {"second file row fails", Kind::Step, false, failed, "", {"qor/system/hostname"}},
+      {"the rollback to the savepoint fails too", Kind::Step, true, failed,
+       "The schema store update holds a partly written element and cannot be committed", {"qor/network/nuknics"}},
+      {"commit fails", Kind::Commit, false, "", "Failed to commit the schema store update", {"qor/network/nuknics"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Register({sstest::Nuknics()});
+    auto store = SchemaStore::GetStore(true);
+    store->BeginUpdate();
+    store->ResetSchemas();
+    Set(store, sstest::Hostname());
+    // Steps of the files element: SAVEPOINT, first file row, second file row, ROLLBACK TO, RELEASE.
+    DBStore::faults::Arm(c.kind, c.kind == Kind::Step ? 3 : 1, c.persistent);
+    if (c.setError.empty()) {
+      Set(store, kFiles);
+    } else {
+      EXPECT_EQ(Message([&] { Set(store, kFiles); }), c.setError);
+      DBStore::faults::Disarm();
+    }
+    if (c.commitError.empty()) {
+      store->CommitUpdate();
+    } else {
+      EXPECT_EQ(Message([&] { store->CommitUpdate(); }), c.commitError);
+      DBStore::faults::Disarm();
+      store->CancelUpdate();
+    }
+    EXPECT_EQ(Registered(), c.registered);
+  }
 }
 
 TEST_F(SchemaStoreTest, TheCacheAnswersWithoutTheDatabaseOnceLoaded) {

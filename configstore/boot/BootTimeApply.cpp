@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 
+#include "configstore/boot/BootDocument.h"
 #include "configstore/frame/CallFrame.h"
 #include "platform/schemastore/SchemaObject.h"
 
@@ -106,7 +107,28 @@ void MarkUnpreservedUserConfig(const DBStore::Connection& conn) {
   }
 }
 
+constexpr const char* kFoldDesiredValuesSql =
+    "UPDATE Config AS c SET UserValue = CASE WHEN DesiredValue IS NULL THEN UserValue ELSE DesiredValue END, "
+    "DesiredValue = NULL, Success = (SELECT NoRestore FROM ss.ConfigSchema AS s WHERE s.Name = c.Name AND "
+    "s.ConfigGroup = c.ConfigGroup AND s.Component = c.Component)";
+
 }  // namespace
+
+int ApplyBootModeStep(const DBStore::Connection& conn, BOOTMODE mode) {
+  switch (mode) {
+    case BOOT_MODE_DESIRED_USER_CONFIG: GenerateDesiredUserConfiguration(conn); return 1;
+    case BOOT_MODE_NEW_STORE: ProcessBootConfigurationDocument(conn); return 0;
+    case BOOT_MODE_SMARTNIC_CONFIG: ApplySmartnicBootConfiguration(conn); return 0;
+    case BOOT_MODE_HOSTAPI_CONFIG: ApplyHostApiBootConfiguration(conn); return 0;
+    default: return 0;
+  }
+}
+
+void FoldDesiredValues(const DBStore::Connection& conn) {
+  if (DBStore::Execute(conn, kFoldDesiredValuesSql, {}, {}, DBStore::kTimeoutMs) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to reset success flag for configuration");
+  }
+}
 
 void ApplyHostApiBootConfiguration(const DBStore::Connection& conn) {
   CSLogger::Log(CSLogger::PRIO_INFO, "Setting up hostapi configuration.");

@@ -10,10 +10,24 @@
 
 #include <vector>
 
+#include "configstore/bootstate/BootState.h"
 #include "configstore/frame/Documents.h"
 #include "platform/dbstore/DBStore.h"
 
 namespace QorConfigStore {
+
+// The step of the next boot that `mode` selects: boot mode 1 GenerateDesiredUserConfiguration,
+// 2 ProcessBootConfigurationDocument (BootDocument.h), 3 ApplySmartnicBootConfiguration,
+// 4 ApplyHostApiBootConfiguration; any other mode runs nothing. The boot load and the dry run of
+// the command line both dispatch through here. Returns the boot type the load records in
+// "BOOT_INFO": 1 once a desired configuration was generated, else 0. Throws what the step throws.
+int ApplyBootModeStep(const DBStore::Connection& conn, BOOTMODE mode);
+
+// Every object's desired value becomes its user value (objects without one keep theirs), desired
+// values are cleared and each object's success flag is reset to its schema's NoRestore (NULL for
+// an object without schema). Runs after the boot-mode step. Throws ConfigStoreException 2000
+// "Failed to reset success flag for configuration".
+void FoldDesiredValues(const DBStore::Connection& conn);
 
 // Boot mode 4: applies the staged host-API actions. DELETE_INSTANCE removes the named instance;
 // DELETE removes every instance of the key; SET writes the named instances and removes the

@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <exception>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "configstore/boot/BootApplyRecord.h"
 #include "configstore/boot/BootDocument.h"
@@ -35,32 +37,38 @@ const char* kBackupList = "/var/run/talvex/files/backup-list";
 const char* kLoadStoreErrors = "/var/run/talvex/files/loadStoreErrors.json";
 const char* kDesiredConfigError = "zeb.user.cs.desired.config.error";
 
-const char* kFoldDesiredValues =
-    "UPDATE Config AS c SET UserValue = CASE WHEN DesiredValue IS NULL THEN UserValue ELSE DesiredValue END, "
-    "DesiredValue = NULL, Success = (SELECT NoRestore FROM ss.ConfigSchema AS s WHERE s.Name = c.Name AND "
-    "s.ConfigGroup = c.ConfigGroup AND s.Component = c.Component)";
+using Clock = std::chrono::steady_clock;
 
-// Times one stage for the boot report; costs nothing when no report is asked for.
+double MillisecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+// Times one stage for the boot report. A stage left by an exception is recorded too, marked failed.
 class Stage {
  public:
-  Stage(BootReport* report, const char* name) : report_(report), name_(name), start_(Clock::now()) {}
+  Stage(BootReport& report, const char* name)
+      : report_(report), name_(name), start_(Clock::now()), exceptions_(std::uncaught_exceptions()) {}
   ~Stage() {
-    if (report_ == nullptr) return;
-    std::chrono::duration<double, std::milli> elapsed = Clock::now() - start_;
-    report_->stages.push_back({name_, elapsed.count(), detail_});
+    if (std::uncaught_exceptions() > exceptions_) Note("failed");
+    report_.stages.push_back({name_, MillisecondsSince(start_), detail_});
   }
-  void Note(const std::string& detail) {
-    if (report_ != nullptr) detail_ += (detail_.empty() ? "" : "; ") + detail;
-  }
-  bool Reporting() const { return report_ != nullptr; }
+  Stage(const Stage&) = delete;
+  Stage& operator=(const Stage&) = delete;
+  void Note(const std::string& detail) { detail_ += (detail_.empty() ? "" : "; ") + detail; }
 
  private:
-  using Clock = std::chrono::steady_clock;
-  BootReport* report_;
+  BootReport& report_;
   std::string name_;
   Clock::time_point start_;
+  int exceptions_;
   std::string detail_;
 };
+
+// Every alert of the load goes through here, so that the boot report lists it.
+void RaiseAlert(BootReport& report, const std::string& message) {
+  SetLSSysAlert(message);
+  report.alerts.push_back(message);
+}
 
 // A count for the boot report; -1 when it cannot be had (the report must never fail a boot).
 long CountRows(const char* sql, bool attachSchemaStore = false) {
@@ -109,38 +117,34 @@ void RunUpgrade(Stage& stage) {
     CSLogger::Log(CSLogger::PRIO_INFO, "Configuration upgrade completed successfully.");
     stage.Note(std::to_string(modules.size()) + " upgrade modules ran");
   }
-  long before = stage.Reporting() ? ConfigRows() : 0;
+  long before = ConfigRows();
   CleanupStore(true);
-  if (stage.Reporting()) stage.Note(std::to_string(before - ConfigRows()) + " objects without schema pruned");
+  stage.Note(std::to_string(before - ConfigRows()) + " objects without schema pruned");
 }
 
 // Applies what the boot mode selects and folds desired values, in one transaction. Returns the boot
 // type to record, or -1 when the schema store could not be attached (nothing is recorded then).
-int ApplyDesiredConfiguration(BOOTMODE mode) {
+int ApplyDesiredConfiguration(BOOTMODE mode, Stage& stage) {
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
   if (DBStore::AttachSchemaStore(conn) != 0) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to attach schema store");
     DumpZeb(kDesiredConfigError, 0);
+    stage.Note("schema store not attached: nothing applied");
     return -1;
   }
   int bootType = 0;
   if (DBStore::BeginTransaction(conn) != 0) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to begin desired configuration transaction");
     DumpZeb(kDesiredConfigError, 0);
+    stage.Note("transaction not begun: nothing applied");
   } else {
     try {
-      switch (mode) {
-        case BOOT_MODE_DESIRED_USER_CONFIG:
-          GenerateDesiredUserConfiguration(conn);
-          bootType = 1;
-          break;
-        case BOOT_MODE_NEW_STORE: ProcessBootConfigurationDocument(conn); break;
-        case BOOT_MODE_SMARTNIC_CONFIG: ApplySmartnicBootConfiguration(conn); break;
-        case BOOT_MODE_HOSTAPI_CONFIG: ApplyHostApiBootConfiguration(conn); break;
-        default: break;
-      }
-      if (DBStore::Execute(conn, kFoldDesiredValues, {}, {}, DBStore::kTimeoutMs) != 0) {
-        throw ConfigStoreException(CS_ERR_GENERIC, "Failed to reset success flag for configuration");
+      bootType = ApplyBootModeStep(conn, mode);
+      FoldDesiredValues(conn);
+      // The mode ends in the transaction that applied it: a boot killed after the commit must not
+      // apply it again (mode 1 over the emptied staging table removes what was just applied).
+      if (DBStore::WriteKeyValue("BOOT_MODE", std::to_string(BOOT_MODE_DEFAULT), conn) != 0) {
+        throw ConfigStoreException(CS_ERR_GENERIC, "Failed to reset the boot mode");
       }
       if (DBStore::CommitTransaction(conn) != 0) {
         throw ConfigStoreException(CS_ERR_GENERIC, "Failed to commit desired configuration transaction");
@@ -149,6 +153,7 @@ int ApplyDesiredConfiguration(BOOTMODE mode) {
       DBStore::CancelTransaction(conn);
       CSLogger::Log(CSLogger::PRIO_ERROR, "GenerateDesiredConfiguration failed: %s", e.what());
       DumpZeb(kDesiredConfigError, 0);
+      stage.Note(std::string("rolled back: ") + e.what());
     }
   }
   if (DBStore::DetachSchemaStore(conn) != 0) {
@@ -202,7 +207,7 @@ void RemoveFilesWithoutSchema(Stage& stage) {
 }
 
 // One system alert per failure recorded by earlier boot steps; "%s" placeholders are filled in order.
-void RaiseRecordedFailures(Stage& stage) {
+void RaiseRecordedFailures(BootReport& report, Stage& stage) {
   std::string path = Host::Resolve(kLoadStoreErrors);
   if (!FileExists(path.c_str())) return;
   auto doc = CreateDocumentFromFile(path);
@@ -215,13 +220,14 @@ void RaiseRecordedFailures(Stage& stage) {
       // More arguments than placeholders: replace() at npos throws, which fails the boot.
       message.replace(message.find("%s"), 2, arg.GetString());
     }
-    SetLSSysAlert(message);
+    report.recordedFailures.push_back(message);
+    RaiseAlert(report, message);
     ++raised;
   }
   stage.Note(std::to_string(raised) + " alerts raised");
 }
 
-int RunLoadStore(bool restoreStore, BootReport* report) {
+int RunLoadStore(bool restoreStore, BootReport& report) {
   CSLogger::FileLoggerHandle logger = CSLogger::AddFileLogger("configstore-boot");
   CSLogger::Log(CSLogger::PRIO_INFO, "LoadStore Start.");
   {
@@ -234,11 +240,9 @@ int RunLoadStore(bool restoreStore, BootReport* report) {
     Stage stage(report, "schemas");
     if (HasBootbankChanged() || IsFerrinInstalled()) {
       bool ok = ProcessSchemas({});
-      if (stage.Reporting()) {
-        stage.Note(std::to_string(CountRows("SELECT COUNT(*) FROM ss.ConfigSchema", true)) + " schemas registered, " +
-                   std::to_string(CountRows("SELECT COUNT(*) FROM DefaultConfig")) + " default instances" +
-                   (ok ? "" : ", with failures"));
-      }
+      stage.Note(std::to_string(CountRows("SELECT COUNT(*) FROM ss.ConfigSchema", true)) + " schemas registered, " +
+                 std::to_string(CountRows("SELECT COUNT(*) FROM DefaultConfig")) + " default instances" +
+                 (ok ? "" : ", with failures"));
     } else {
       stage.Note("boot image unchanged: not processed");
     }
@@ -259,12 +263,12 @@ int RunLoadStore(bool restoreStore, BootReport* report) {
     Stage stage(report, "desired configuration");
     BOOTMODE mode = GetBootMode();
     CSLogger::Log(CSLogger::PRIO_INFO, "Generating desired user config: BootMode = %d", static_cast<int>(mode));
-    int bootType = ApplyDesiredConfiguration(mode);
+    int bootType = ApplyDesiredConfiguration(mode, stage);
     if (bootType >= 0) {
       RecordBootType(bootType);
       CSLogger::Log(CSLogger::PRIO_INFO, "Desired user config generated successfully.");
     }
-    stage.Note("boot mode " + std::to_string(static_cast<int>(mode)) + " applied, boot type " +
+    stage.Note("boot mode " + std::to_string(static_cast<int>(mode)) + ", boot type " +
                (bootType >= 0 ? std::to_string(bootType) : "not recorded"));
   }
   StartAutoConf();
@@ -276,26 +280,149 @@ int RunLoadStore(bool restoreStore, BootReport* report) {
   CSLogger::Log(CSLogger::PRIO_INFO, "LoadStore End.");
   {
     Stage stage(report, "recorded failures");
-    RaiseRecordedFailures(stage);
+    RaiseRecordedFailures(report, stage);
   }
   clearBootApplyRecord();
   CSLogger::RemoveFileLogger(logger);
   return 0;
 }
 
+std::string UtcNow() {
+  std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text;
+}
+
+// Never throws: a report that cannot be kept must not fail the boot.
+void SaveBootReport(const BootReport& report) {
+  try {
+    std::string text;
+    ConfigStoreDocument::SerializeValue(BootReportToJson(report), text);
+    std::filesystem::path path = Host::Resolve(kLastBootReport);
+    std::filesystem::path temporary = path.string() + ".tmp";
+    std::error_code ec;
+    std::filesystem::create_directories(path.parent_path(), ec);
+    {
+      std::ofstream out(temporary, std::ios::trunc | std::ios::binary);
+      out << text << '\n';
+      out.close();
+      if (!out) throw std::runtime_error("cannot write " + temporary.string());
+    }
+    std::filesystem::rename(temporary, path);
+  } catch (const std::exception& e) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to save the boot report: %s", e.what());
+  }
+}
+
+const rapidjson::Value& Member(const rapidjson::Value& object, const char* name, bool (rapidjson::Value::*is)() const) {
+  auto it = object.FindMember(name);
+  if (it == object.MemberEnd() || !(it->value.*is)()) {
+    throw ConfigStoreException(CS_ERR_GENERIC, Format("Boot report %s: member \"%s\" is missing or of the wrong type",
+                                                      kLastBootReport, name));
+  }
+  return it->value;
+}
+
+std::vector<std::string> Strings(const rapidjson::Value& object, const char* name) {
+  std::vector<std::string> strings;
+  for (const auto& item : Member(object, name, &rapidjson::Value::IsArray).GetArray()) {
+    if (!item.IsString()) {
+      throw ConfigStoreException(CS_ERR_GENERIC, Format("Boot report %s: member \"%s\" holds a non-string",
+                                                        kLastBootReport, name));
+    }
+    strings.emplace_back(item.GetString(), item.GetStringLength());
+  }
+  return strings;
+}
+
 }  // namespace
 
 int LoadStore(bool restoreStore) { return LoadStore(restoreStore, nullptr); }
 
-int LoadStore(bool restoreStore, BootReport* report) {
+int LoadStore(bool restoreStore, BootReport* callerReport) {
+  BootReport ownReport;
+  BootReport& report = callerReport != nullptr ? *callerReport : ownReport;
+  report = BootReport{};
+  report.startTime = UtcNow();
+  report.restore = restoreStore;
+  Clock::time_point start = Clock::now();
   try {
-    return RunLoadStore(restoreStore, report);
+    report.status = RunLoadStore(restoreStore, report);
   } catch (const std::exception& e) {
     std::string message = std::string("Generic ConfigStore Failure: ") + e.what();
-    SetLSSysAlert(message);
+    RaiseAlert(report, message);
     CSLogger::SystemLog(CSLogger::PRIO_ERROR, "Generic ConfigStore Failure: %s", e.what());
-    return 1;
+    const auto* coded = dynamic_cast<const ConfigStoreException*>(&e);
+    report.fatal = BootFatalFailure{coded != nullptr ? coded->code() : 0, e.what()};
+    report.status = 1;
   }
+  report.totalMs = MillisecondsSince(start);
+  SaveBootReport(report);
+  return report.status;
+}
+
+rapidjson::Document BootReportToJson(const BootReport& report) {
+  rapidjson::Document d(rapidjson::kObjectType);
+  auto& a = d.GetAllocator();
+  auto text = [&a](const std::string& s) {
+    return rapidjson::Value(s.c_str(), static_cast<rapidjson::SizeType>(s.size()), a);
+  };
+  auto list = [&](const std::vector<std::string>& items) {
+    rapidjson::Value array(rapidjson::kArrayType);
+    for (const auto& item : items) array.PushBack(text(item), a);
+    return array;
+  };
+  rapidjson::Value stages(rapidjson::kArrayType);
+  for (const auto& s : report.stages) {
+    rapidjson::Value stage(rapidjson::kObjectType);
+    stage.AddMember("stage", text(s.name), a).AddMember("ms", s.milliseconds, a).AddMember("detail", text(s.detail), a);
+    stages.PushBack(stage, a);
+  }
+  rapidjson::Value fatal;
+  if (report.fatal) {
+    fatal.SetObject();
+    fatal.AddMember("code", report.fatal->code, a).AddMember("message", text(report.fatal->message), a);
+  }
+  d.AddMember("startTime", text(report.startTime), a).AddMember("restore", report.restore, a);
+  d.AddMember("status", report.status, a).AddMember("totalMs", report.totalMs, a);
+  d.AddMember("stages", stages, a).AddMember("recordedFailures", list(report.recordedFailures), a);
+  d.AddMember("fatal", fatal, a).AddMember("alerts", list(report.alerts), a);
+  return d;
+}
+
+std::optional<BootReport> ReadLastBootReport() {
+  std::string path = Host::Resolve(kLastBootReport);
+  if (!FileExists(path.c_str())) return std::nullopt;
+  auto doc = CreateDocumentFromFile(path);
+  const rapidjson::Value& root = *doc->document;
+  if (!root.IsObject()) {
+    throw ConfigStoreException(CS_ERR_GENERIC, Format("Boot report %s is not a JSON object", kLastBootReport));
+  }
+  using V = rapidjson::Value;
+  BootReport report;
+  report.startTime = Member(root, "startTime", &V::IsString).GetString();
+  report.restore = Member(root, "restore", &V::IsBool).GetBool();
+  report.status = Member(root, "status", &V::IsInt).GetInt();
+  report.totalMs = Member(root, "totalMs", &V::IsNumber).GetDouble();
+  for (const auto& s : Member(root, "stages", &V::IsArray).GetArray()) {
+    if (!s.IsObject()) {
+      throw ConfigStoreException(CS_ERR_GENERIC, Format("Boot report %s: a stage is not an object", kLastBootReport));
+    }
+    report.stages.push_back({Member(s, "stage", &V::IsString).GetString(), Member(s, "ms", &V::IsNumber).GetDouble(),
+                             Member(s, "detail", &V::IsString).GetString()});
+  }
+  report.recordedFailures = Strings(root, "recordedFailures");
+  report.alerts = Strings(root, "alerts");
+  auto fatal = root.FindMember("fatal");
+  if (fatal != root.MemberEnd() && !fatal->value.IsNull()) {
+    const V& f = Member(root, "fatal", &V::IsObject);
+    report.fatal =
+        BootFatalFailure{Member(f, "code", &V::IsInt).GetInt(), Member(f, "message", &V::IsString).GetString()};
+  }
+  return report;
 }
 
 void TrackFiles(const std::vector<std::string>& files, FileType type) {

@@ -1,8 +1,12 @@
-// The boot-time rebuild of the configuration store, and the file lists other boot tools read.
+// The boot-time rebuild of the configuration store, its boot report, and the file lists other boot
+// tools read.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "configstore/frame/core/Json.h"
 
 namespace QorConfigStore {
 
@@ -13,18 +17,44 @@ struct BootStage {
   std::string detail;
 };
 
-struct BootReport {
-  std::vector<BootStage> stages;
+// The failure that ended a load early; code 0 when the exception carried no error code.
+struct BootFatalFailure {
+  int code = 0;
+  std::string message;
 };
+
+struct BootReport {
+  std::string startTime;  // UTC, "2024-05-01T10:00:00Z"
+  bool restore = true;    // the load's restoreStore argument
+  int status = 0;         // what LoadStore returned
+  double totalMs = 0;     // the whole load, wall time
+  std::vector<BootStage> stages;
+  std::vector<std::string> recordedFailures;  // from the load-store error file, as raised
+  std::optional<BootFatalFailure> fatal;
+  std::vector<std::string> alerts;  // every system alert the load raised, in order
+};
+
+// Host path of the report of the last load (resolved against the host root).
+inline constexpr const char* kLastBootReport = "/var/run/talvex/files/last-boot.json";
 
 // Restores or creates the store (when `restoreStore`), registers package schemas when the boot
 // image changed, removes auto-configuration values, runs upgrade modules on an upgrade boot, applies
 // the staged configuration the boot mode selects, folds desired values, records "BOOT_INFO", removes
 // upgrade leftovers without schema, raises the recorded boot failures as alerts and clears the apply
 // record. 0 when it ran to its end; 1 after a fatal failure, which is raised as a system alert.
+// Either way the boot report is written to kLastBootReport (through a temporary file and a
+// rename); a report that cannot be written is logged and does not change the result.
 int LoadStore(bool restoreStore);
-// The same, filling `report` (when not null) with each stage's duration and what it did.
+// The same, also filling `report` (when not null) with what the report file holds.
 int LoadStore(bool restoreStore, BootReport* report);
+
+// The boot report as the JSON document that the report file and `configstorectl load --json` hold.
+rapidjson::Document BootReportToJson(const BootReport& report);
+
+// The report of the last load, read from kLastBootReport; nullopt when no load has written one.
+// Throws InvalidArgumentException 1081 when the file cannot be read or is not JSON, and
+// ConfigStoreException 2000 naming the member when it is not a boot report.
+std::optional<BootReport> ReadLastBootReport();
 
 enum FileType : int { FILE_TYPE_BACKUP_LIST = 0, FILE_TYPE_NON_SCHEMA_FILES = 1 };
 

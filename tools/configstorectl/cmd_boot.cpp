@@ -7,27 +7,17 @@
 #include "configstore/boot/BootApplyRecord.h"
 #include "configstore/boot/RamDisk.h"
 #include "configstore/boot/StoreRestore.h"
+#include "configstore/frame/ConfigStoreException.h"
 #include "tools/configstorectl/Cli.h"
 
 namespace {
 
 using namespace QorConfigStore;
 
-std::vector<std::string> Rest(const cli::Invocation& inv, bool* json) {
-  std::vector<std::string> args = inv.args;
-  *json = cli::TakeFlag(args, "--json") || inv.json;
-  return args;
-}
-
-rapidjson::Value Text(const std::string& s, rapidjson::Document::AllocatorType& a) {
-  return rapidjson::Value(s.c_str(), static_cast<rapidjson::SizeType>(s.size()), a);
-}
-
 int RunSetupRamdisk(const cli::Invocation& inv) {
-  bool json = false;
-  cli::ExpectNoMoreArgs(Rest(inv, &json));
+  cli::ExpectNoMoreArgs(inv.args);
   SetupStoreRamDisk();
-  if (json) {
+  if (inv.json) {
     rapidjson::Document d(rapidjson::kObjectType);
     d.AddMember("mounted", true, d.GetAllocator());
     cli::PrintJson(d);
@@ -37,8 +27,7 @@ int RunSetupRamdisk(const cli::Invocation& inv) {
 
 // "--schema ID" and "--module NAME", each as often as needed, in any order.
 int RunRefresh(const cli::Invocation& inv) {
-  bool json = false;
-  std::vector<std::string> args = Rest(inv, &json);
+  const std::vector<std::string>& args = inv.args;
   std::vector<std::string> schemaIds, modules;
   for (size_t i = 0; i < args.size(); i += 2) {
     const std::string& flag = args[i];
@@ -47,29 +36,21 @@ int RunRefresh(const cli::Invocation& inv) {
     (flag == "--schema" ? schemaIds : modules).push_back(args[i + 1]);
   }
   bool refreshed = RefreshConfigStore(schemaIds, modules);
-  if (json) {
+  if (inv.json) {
     rapidjson::Document d(rapidjson::kObjectType);
     d.AddMember("refreshed", refreshed, d.GetAllocator());
     cli::PrintJson(d);
   }
-  if (!refreshed) {
-    std::fprintf(stderr, "configstorectl refresh: the store was not refreshed (see the log, -v)\n");
-    return 1;
-  }
+  if (!refreshed) throw ConfigStoreException(CS_ERR_GENERIC, "the store was not refreshed (see the log, -v)");
   return 0;
 }
 
 int RunApplyRecord(const cli::Invocation& inv) {
-  bool json = false;
-  std::vector<std::string> args = Rest(inv, &json);
-  if (args.empty()) throw cli::UsageError("missing action (get, set or clear)");
-  const std::string action = args.front();
-  args.erase(args.begin());
+  std::vector<std::string> args = inv.args;
+  const std::string action = cli::TakeArg(args, "action (get, set or clear)");
   std::string record;
   if (action == "set") {
-    if (args.empty()) throw cli::UsageError("missing record text");
-    record = args.front();
-    args.erase(args.begin());
+    record = cli::TakeArg(args, "record text");
   } else if (action != "get" && action != "clear") {
     throw cli::UsageError("unknown action '" + action + "'");
   }
@@ -82,24 +63,24 @@ int RunApplyRecord(const cli::Invocation& inv) {
 }
 
 int RunRestoreFailures(const cli::Invocation& inv) {
-  bool json = false;
-  cli::ExpectNoMoreArgs(Rest(inv, &json));
+  cli::ExpectNoMoreArgs(inv.args);
   std::vector<FailureRecord> failures = GetBootTimeRestoreFailures();
-  if (json) {
+  if (inv.json) {
     rapidjson::Document d(rapidjson::kArrayType);
     auto& a = d.GetAllocator();
     for (const FailureRecord& f : failures) {
       rapidjson::Value row(rapidjson::kObjectType);
-      row.AddMember("component", Text(f.Component, a), a);
-      row.AddMember("group", Text(f.ConfigGroup, a), a);
-      row.AddMember("key", Text(f.Name, a), a);
+      row.AddMember("component", cli::JsonText(f.Component, a), a);
+      row.AddMember("group", cli::JsonText(f.ConfigGroup, a), a);
+      row.AddMember("key", cli::JsonText(f.Name, a), a);
       d.PushBack(row, a);
     }
     cli::PrintJson(d);
     return 0;
   }
   for (const FailureRecord& f : failures) {
-    std::printf("%s %s %s\n", f.Component.c_str(), f.ConfigGroup.c_str(), f.Name.c_str());
+    std::printf("%s %s %s\n", cli::Printable(f.Component).c_str(), cli::Printable(f.ConfigGroup).c_str(),
+                cli::Printable(f.Name).c_str());
   }
   return 0;
 }

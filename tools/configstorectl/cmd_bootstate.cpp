@@ -16,25 +16,7 @@ namespace {
 
 using namespace QorConfigStore;
 
-// Arguments after the subcommand, with a trailing --json folded into the global one.
-struct Args {
-  std::vector<std::string> rest;
-  bool json;
-};
-
-Args Parse(const cli::Invocation& inv) {
-  Args a{inv.args, inv.json};
-  if (cli::TakeFlag(a.rest, "--json")) a.json = true;
-  return a;
-}
-
-// Removes and returns the first argument; a usage error when there is none.
-std::string TakeArg(std::vector<std::string>& args, const char* what) {
-  if (args.empty()) throw cli::UsageError(std::string("missing ") + what);
-  std::string first = args.front();
-  args.erase(args.begin());
-  return first;
-}
+using cli::TakeArg;
 
 const char* BootModeName(int mode) {
   switch (mode) {
@@ -69,27 +51,27 @@ void PrintBool(const char* name, bool value, bool json) {
 }
 
 int RunBootMode(const cli::Invocation& inv) {
-  Args a = Parse(inv);
-  std::string action = a.rest.empty() ? "get" : TakeArg(a.rest, "action");
+  std::vector<std::string> rest = inv.args;
+  std::string action = rest.empty() ? "get" : TakeArg(rest, "action");
   if (action == "get") {
-    cli::ExpectNoMoreArgs(a.rest);
-    PrintBootMode(GetBootMode(), a.json);
+    cli::ExpectNoMoreArgs(rest);
+    PrintBootMode(GetBootMode(), inv.json);
     return 0;
   }
   if (action != "set") throw cli::UsageError("unknown action '" + action + "'");
-  std::string n = TakeArg(a.rest, "boot mode number");
-  cli::ExpectNoMoreArgs(a.rest);
+  std::string n = TakeArg(rest, "boot mode number");
+  cli::ExpectNoMoreArgs(rest);
   if (n.size() != 1 || n[0] < '0' || n[0] > '4') throw cli::UsageError("boot mode must be 0..4, not '" + n + "'");
   int mode = n[0] - '0';
   SetBootMode(static_cast<BOOTMODE>(mode));
-  PrintBootMode(mode, a.json);
+  PrintBootMode(mode, inv.json);
   return 0;
 }
 
 int RunAutoConf(const cli::Invocation& inv) {
-  Args a = Parse(inv);
-  std::string action = TakeArg(a.rest, "action (start, end or status)");
-  cli::ExpectNoMoreArgs(a.rest);
+  std::vector<std::string> rest = inv.args;
+  std::string action = TakeArg(rest, "action (start, end or status)");
+  cli::ExpectNoMoreArgs(rest);
   if (action == "start") {
     StartAutoConf();
   } else if (action == "end") {
@@ -97,54 +79,54 @@ int RunAutoConf(const cli::Invocation& inv) {
   } else if (action != "status") {
     throw cli::UsageError("unknown action '" + action + "'");
   }
-  PrintBool("autoconf", IsAutoConf(), a.json);
+  PrintBool("autoconf", IsAutoConf(), inv.json);
   return 0;
 }
 
 int RunLiveInstall(const cli::Invocation& inv) {
-  Args a = Parse(inv);
-  std::string value = TakeArg(a.rest, "value (true or false)");
-  cli::ExpectNoMoreArgs(a.rest);
+  std::vector<std::string> rest = inv.args;
+  std::string value = TakeArg(rest, "value (true or false)");
+  cli::ExpectNoMoreArgs(rest);
   if (value != "true" && value != "false") throw cli::UsageError("value must be true or false, not '" + value + "'");
   int rc = SetLiveInstallBoot(value.c_str());
   if (rc != 0) {
-    std::fprintf(stderr, "configstorectl live-install: error: writing %s failed with rc = %d\n", POST_LIVE_INSTALL_BOOT, rc);
-    return 1;
+    throw ConfigStoreException(CS_ERR_GENERIC, std::string("writing ") + POST_LIVE_INSTALL_BOOT +
+                                                   " failed with rc = " + std::to_string(rc));
   }
-  PrintBool("postLiveInstallBoot", value == "true", a.json);
+  PrintBool("postLiveInstallBoot", value == "true", inv.json);
   return 0;
 }
 
 int RunInstallInfo(const cli::Invocation& inv) {
-  Args a = Parse(inv);
-  std::string action = a.rest.empty() ? "get" : TakeArg(a.rest, "action");
+  std::vector<std::string> rest = inv.args;
+  std::string action = rest.empty() ? "get" : TakeArg(rest, "action");
   if (action == "set") {
-    std::string text = TakeArg(a.rest, "install information text");
-    cli::ExpectNoMoreArgs(a.rest);
+    std::string text = TakeArg(rest, "install information text");
+    cli::ExpectNoMoreArgs(rest);
     SetInstallInfo(text);
   } else if (action != "get") {
     throw cli::UsageError("unknown action '" + action + "'");
   }
-  cli::ExpectNoMoreArgs(a.rest);
+  cli::ExpectNoMoreArgs(rest);
   std::string info = GetInstallInfo();
-  if (a.json) {
+  if (inv.json) {
     rapidjson::Document d(rapidjson::kObjectType);
     auto& al = d.GetAllocator();
-    d.AddMember("installInfo", rapidjson::Value(info.c_str(), static_cast<rapidjson::SizeType>(info.size()), al), al);
+    d.AddMember("installInfo", cli::JsonText(info, al), al);
     cli::PrintJson(d);
   } else {
-    std::printf("%s\n", info.c_str());
+    std::printf("%s\n", cli::Printable(info).c_str());
   }
   return 0;
 }
 
 int RunBootState(const cli::Invocation& inv) {
-  Args a = Parse(inv);
-  std::string action = TakeArg(a.rest, "action (cleanup)");
-  cli::ExpectNoMoreArgs(a.rest);
+  std::vector<std::string> rest = inv.args;
+  std::string action = TakeArg(rest, "action (cleanup)");
+  cli::ExpectNoMoreArgs(rest);
   if (action != "cleanup") throw cli::UsageError("unknown action '" + action + "'");
   CleanupBootState();
-  if (a.json) {
+  if (inv.json) {
     rapidjson::Document d(rapidjson::kObjectType);
     d.AddMember("cleanedUp", true, d.GetAllocator());
     cli::PrintJson(d);
@@ -186,8 +168,7 @@ Answer Ask(const char* jsonName, const char* label, F question) {
 }
 
 int RunBootKind(const cli::Invocation& inv) {
-  Args a = Parse(inv);
-  cli::ExpectNoMoreArgs(a.rest);
+  cli::ExpectNoMoreArgs(inv.args);
   const std::vector<Answer> answers = {
       Ask("upgrade", "upgrade", IsUpgrade),
       Ask("bootbankChanged", "bootbank changed", HasBootbankChanged),
@@ -196,8 +177,7 @@ int RunBootKind(const cli::Invocation& inv) {
       Ask("ferrinInstalled", "ferrin installed", IsFerrinInstalled),
       Ask("bootFsUuid", "boot fs uuid", [] { return GetBootFsUUID(true); }),
   };
-  bool anyFailed = false;
-  if (a.json) {
+  if (inv.json) {
     rapidjson::Document d(rapidjson::kObjectType);
     auto& al = d.GetAllocator();
     for (const Answer& ans : answers) {
@@ -205,33 +185,35 @@ int RunBootKind(const cli::Invocation& inv) {
       if (ans.failed) {
         rapidjson::Value err(rapidjson::kObjectType);
         if (ans.code != 0) err.AddMember("code", ans.code, al);
-        err.AddMember("message", rapidjson::Value(ans.error.c_str(), al), al);
+        err.AddMember("message", cli::JsonText(ans.error, al), al);
         v.SetObject();
         v.AddMember("error", err, al);
       } else if (ans.isText) {
-        v.SetString(ans.text.c_str(), static_cast<rapidjson::SizeType>(ans.text.size()), al);
+        v = cli::JsonText(ans.text, al);
       } else {
         v.SetBool(ans.flag);
       }
       d.AddMember(rapidjson::StringRef(ans.jsonName), v, al);
-      anyFailed = anyFailed || ans.failed;
     }
     cli::PrintJson(d);
   } else {
     for (const Answer& ans : answers) {
+      std::string value = ans.isText ? cli::Printable(ans.text) : ans.flag ? "true" : "false";
       if (ans.failed) {
-        if (ans.code != 0) {
-          std::printf("%-18s error %d: %s\n", ans.label, ans.code, ans.error.c_str());
-        } else {
-          std::printf("%-18s error: %s\n", ans.label, ans.error.c_str());
-        }
-      } else {
-        std::printf("%-18s %s\n", ans.label, ans.isText ? ans.text.c_str() : ans.flag ? "true" : "false");
+        value = cli::Paint(cli::Style::Red, ans.code != 0 ? "error " + std::to_string(ans.code) + ": " + ans.error
+                                                           : "error: " + ans.error);
       }
-      anyFailed = anyFailed || ans.failed;
+      std::printf("%-18s %s\n", ans.label, value.c_str());
     }
   }
-  return anyFailed ? 1 : 0;
+  // The first unanswered question makes the failure line; the others were shown above.
+  for (const Answer& ans : answers) {
+    if (ans.failed) {
+      throw ConfigStoreException(ans.code != 0 ? ans.code : CS_ERR_GENERIC,
+                                 std::string("no answer for \"") + ans.label + "\": " + ans.error);
+    }
+  }
+  return 0;
 }
 
 const cli::Registrar kBootMode({"boot-mode", "boot-mode [get|set N]", "read or set the next boot's mode (0..4)",

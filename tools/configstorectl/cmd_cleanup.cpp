@@ -10,10 +10,7 @@ namespace {
 
 int RunCleanup(const cli::Invocation& inv) {
   std::vector<std::string> args = inv.args;
-  cli::TakeFlag(args, "--json");  // nothing to print: the cleanups report through the log and events
-  if (args.empty()) throw cli::UsageError("missing target (store, autoconf or datafiles)");
-  const std::string target = args.front();
-  args.erase(args.begin());
+  const std::string target = cli::TakeArg(args, "target (store, autoconf or datafiles)");
   if (target == "store") {
     bool atBoot = cli::TakeFlag(args, "--boot");
     cli::ExpectNoMoreArgs(args);
@@ -37,6 +34,7 @@ const cli::Registrar kCleanup({"cleanup", "cleanup store [--boot] | autoconf | d
                                "autoconf   clear every automatic value and drop rows left without a value\n"
                                "datafiles  reconcile /var/cache/datafiles with the data-file records\n"
                                "store and datafiles are best effort: failures are logged (-v) and raised as events.",
-                               RunCleanup});
+                               RunCleanup,
+                               /*printsData=*/false});  // the cleanups report through the log and events
 
 }  // namespace

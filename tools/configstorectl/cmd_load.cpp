@@ -1,13 +1,34 @@
 // load: the boot-time rebuild of the store, with a report of what each stage did.
+// last-boot: the report the last load kept.
 // kit-files, filter-sticky, track-files: the file lists the backup tools read.
 #include <cstdio>
 #include <iostream>
 
 #include "configstore/boot/LoadStore.h"
+#include "configstore/frame/Documents.h"
 #include "configstore/packages/PackageFiles.h"
+#include "platform/host/HostRoot.h"
 #include "tools/configstorectl/Cli.h"
 
 namespace {
+
+void PrintReport(const QorConfigStore::BootReport& report) {
+  std::printf("boot load (%s), started %s\n",
+              report.restore ? "restore from backup" : "store on the ramdisk as it stands", report.startTime.c_str());
+  for (const auto& s : report.stages) {
+    std::printf("  %-24s %9.1f ms  %s\n", s.name.c_str(), s.milliseconds, cli::Printable(s.detail).c_str());
+  }
+  std::printf("  %-24s %9.1f ms  status %d%s\n", "total", report.totalMs, report.status,
+              report.status == 0 ? "" : " (failed: see the system alert)");
+  if (report.fatal) std::printf("fatal failure: error %d: %s\n", report.fatal->code,
+                                 cli::Printable(report.fatal->message).c_str());
+  for (const auto& [title, lines] : {std::pair{"recorded boot failures", &report.recordedFailures},
+                                     std::pair{"system alerts raised", &report.alerts}}) {
+    if (lines->empty()) continue;
+    std::printf("%s:\n", title);
+    for (const auto& line : *lines) std::printf("  %s\n", cli::Printable(line).c_str());
+  }
+}
 
 int RunLoad(const cli::Invocation& inv) {
   std::vector<std::string> args = inv.args;
@@ -15,30 +36,31 @@ int RunLoad(const cli::Invocation& inv) {
   cli::ExpectNoMoreArgs(args);
   QorConfigStore::BootReport report;
   int status = QorConfigStore::LoadStore(restore, &report);
-  double total = 0;
-  for (const auto& s : report.stages) total += s.milliseconds;
   if (inv.json) {
-    rapidjson::Document d(rapidjson::kObjectType);
-    auto& a = d.GetAllocator();
-    rapidjson::Value stages(rapidjson::kArrayType);
-    for (const auto& s : report.stages) {
-      rapidjson::Value stage(rapidjson::kObjectType);
-      stage.AddMember("stage", rapidjson::Value(s.name.c_str(), a), a);
-      stage.AddMember("ms", s.milliseconds, a);
-      stage.AddMember("detail", rapidjson::Value(s.detail.c_str(), a), a);
-      stages.PushBack(stage, a);
-    }
-    d.AddMember("status", status, a).AddMember("totalMs", total, a).AddMember("stages", stages, a);
-    cli::PrintJson(d);
+    cli::PrintJson(QorConfigStore::BootReportToJson(report));
   } else {
-    std::printf("boot load (%s)\n", restore ? "restore from backup" : "store on the ramdisk as it stands");
-    for (const auto& s : report.stages) {
-      std::printf("  %-24s %9.1f ms  %s\n", s.name.c_str(), s.milliseconds, s.detail.c_str());
-    }
-    std::printf("  %-24s %9.1f ms  status %d%s\n", "total", total, status,
-                status == 0 ? "" : " (failed: see the system alert)");
+    PrintReport(report);
   }
-  return status == 0 ? 0 : 1;
+  if (status == 0) return 0;
+  // The report is printed either way; the failure goes to standard error with its own code.
+  if (report.fatal) throw QorConfigStore::ConfigStoreException(report.fatal->code, report.fatal->message);
+  throw QorConfigStore::ConfigStoreException(QorConfigStore::CS_ERR_GENERIC, "The boot load failed");
+}
+
+int RunLastBoot(const cli::Invocation& inv) {
+  std::vector<std::string> args = inv.args;
+  cli::ExpectNoMoreArgs(args);
+  std::optional<QorConfigStore::BootReport> report = QorConfigStore::ReadLastBootReport();
+  if (!report) {
+    throw QorConfigStore::ConfigStoreException(QorConfigStore::CS_ERR_GENERIC,
+                                               "No boot report: no load has run on this host since it started");
+  }
+  if (inv.json) {
+    cli::PrintJson(*QorConfigStore::CreateDocumentFromFile(Host::Resolve(QorConfigStore::kLastBootReport))->document);
+  } else {
+    PrintReport(*report);
+  }
+  return 0;
 }
 
 int RunKitFiles(const cli::Invocation& inv) {
@@ -68,7 +90,14 @@ int RunFilterSticky(const cli::Invocation& inv) {
       if (!line.empty()) files.push_back(line);
     }
   }
-  for (const auto& f : QorConfigStore::FilterStickyBitFiles(files)) std::printf("%s\n", f.c_str());
+  std::vector<std::string> kept = QorConfigStore::FilterStickyBitFiles(files);
+  if (inv.json) {
+    rapidjson::Document d(rapidjson::kArrayType);
+    for (const auto& f : kept) d.PushBack(cli::JsonText(f, d.GetAllocator()), d.GetAllocator());
+    cli::PrintJson(d);
+    return 0;
+  }
+  for (const auto& f : kept) std::printf("%s\n", f.c_str());
   return 0;
 }
 
@@ -91,6 +120,14 @@ const cli::Registrar kLoad({"load", "load [--no-restore]", "rebuild the store as
                             "failures. Prints each stage with its duration and what it did. Exit status 1 when the\n"
                             "load failed.",
                             RunLoad});
+const cli::Registrar kLastBoot(
+    {"last-boot", "last-boot", "the report of the last load",
+     "Prints the report the last load kept in /var/run/talvex/files/last-boot.json: when it started,\n"
+     "whether it restored the store, each stage with its duration and what it did, the status and total\n"
+     "time, the recorded boot failures it raised, the fatal failure that ended it early (code and\n"
+     "message) and every system alert it raised. --json prints the file's document. Exit status 1 when\n"
+     "no load has written a report yet.",
+     RunLastBoot});
 const cli::Registrar kKitFiles({"kit-files", "kit-files", "files installed packages declare, by category", "", RunKitFiles});
 const cli::Registrar kFilterSticky({"filter-sticky", "filter-sticky [FILE...]",
                                     "print the sticky-bit files that may be persisted (others go to the skip list)",
@@ -99,6 +136,7 @@ const cli::Registrar kFilterSticky({"filter-sticky", "filter-sticky [FILE...]",
                                     "/var/run/talvex/files/skip-backup-list.",
                                     RunFilterSticky});
 const cli::Registrar kTrackFiles({"track-files", "track-files backup|nonschema FILE...",
-                                  "replace the backup list or the list of files without schema", "", RunTrackFiles});
+                                  "replace the backup list or the list of files without schema", "", RunTrackFiles,
+                                  /*printsData=*/false});
 
 }  // namespace

@@ -40,9 +40,9 @@ int RunMetrics(const cli::Invocation& inv) {
         std::vector<std::string> f = SplitRow(r);
         if (f.size() != 6) continue;
         rapidjson::Value row(rapidjson::kObjectType);
-        row.AddMember("component", rapidjson::Value(f[0].c_str(), a), a);
-        row.AddMember("group", rapidjson::Value(f[1].c_str(), a), a);
-        row.AddMember("key", rapidjson::Value(f[2].c_str(), a), a);
+        row.AddMember("component", cli::JsonText(f[0], a), a);
+        row.AddMember("group", cli::JsonText(f[1], a), a);
+        row.AddMember("key", cli::JsonText(f[2], a), a);
         row.AddMember("vitalSize", static_cast<int64_t>(std::stoll(f[3])), a);
         row.AddMember("userSize", static_cast<int64_t>(std::stoll(f[4])), a);
         row.AddMember("cachedSize", static_cast<int64_t>(std::stoll(f[5])), a);
@@ -55,10 +55,14 @@ int RunMetrics(const cli::Invocation& inv) {
   }
   std::printf("rows:         %d\nuser bytes:   %d\nvital bytes:  %d\ncached bytes: %d\n", count, user, vital, cached);
   if (rows) {
-    std::printf("\n%-12s %-24s %-28s %8s %8s %8s\n", "COMPONENT", "GROUP", "KEY", "VITAL", "USER", "CACHED");
+    char heading[120];
+    std::snprintf(heading, sizeof heading, "%-12s %-24s %-28s %8s %8s %8s", "COMPONENT", "GROUP", "KEY", "VITAL",
+                  "USER", "CACHED");
+    std::printf("\n%s\n", cli::Paint(cli::Style::Bold, heading).c_str());
     for (const auto& r : perRow) {
       std::vector<std::string> f = SplitRow(r);
       if (f.size() != 6) continue;
+      for (std::string& field : f) field = cli::Printable(field);
       std::printf("%-12s %-24s %-28s %8s %8s %8s\n", f[0].c_str(), f[1].c_str(), f[2].c_str(), f[3].c_str(),
                   f[4].c_str(), f[5].c_str());
     }

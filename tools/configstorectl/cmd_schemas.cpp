@@ -1,4 +1,5 @@
-// Schema registration and default configuration: process-schemas and process-defaults.
+// Schema registration and default configuration: schemas, process-schemas and process-defaults.
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -40,17 +41,55 @@ std::vector<Row> DefaultRows() {
       "ORDER BY Component, ConfigGroup, Name, Identifier");
 }
 
-// The registered configuration keys: component, group, key, package schema id, version.
-std::vector<Row> RegisteredRows() {
+// The registered configuration keys: component, group, key, package schema id, version, SmartNIC
+// value type ("" when the key declares none); only those of `components` when it is not empty.
+std::vector<Row> RegisteredRows(const std::vector<std::string>& components) {
   std::vector<Row> rows;
   const auto cache = QorSchemaStore::SchemaStore::GetCache();
   for (const auto& [id, object] : cache->GetAll()) {
+    if (!components.empty() && std::find(components.begin(), components.end(), id.component) == components.end()) {
+      continue;
+    }
     rows.push_back({id.component, id.group, id.key, object->GetSchemaId(), object->GetVersion(),
                     object->GetSmartnicValueType().value_or("")});
   }
   return rows;
 }
 const char* kRegisteredColumns[] = {"component", "group", "key", "schemaId", "version", "smartnic"};
+
+// Characters a terminal shows for UTF-8 text (continuation bytes take no column).
+size_t DisplayWidth(const std::string& text) {
+  size_t width = 0;
+  for (char c : text) width += (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+  return width;
+}
+
+// The registered keys as a table with a heading, columns as wide as their widest cell.
+void PrintRegisteredTable(const std::vector<Row>& rows) {
+  const Row heading = {"COMPONENT", "GROUP", "KEY", "SCHEMA ID", "VERSION", "SMARTNIC"};
+  std::vector<Row> cells;
+  for (const Row& r : rows) {
+    Row printable;
+    for (const std::string& cell : r) printable.push_back(cli::Printable(cell));
+    if (printable[5].empty()) printable[5] = "-";
+    cells.push_back(std::move(printable));
+  }
+  std::vector<size_t> widths;
+  for (const std::string& h : heading) widths.push_back(h.size());
+  for (const Row& r : cells) {
+    for (size_t i = 0; i < r.size(); ++i) widths[i] = std::max(widths[i], DisplayWidth(r[i]));
+  }
+  auto line = [&](const Row& r) {
+    std::string text;
+    for (size_t i = 0; i < r.size(); ++i) {
+      text += r[i];
+      if (i + 1 < r.size()) text += std::string(widths[i] - DisplayWidth(r[i]) + 2, ' ');
+    }
+    return text;
+  };
+  std::printf("%s\n", cli::Paint(cli::Style::Bold, line(heading)).c_str());
+  for (const Row& r : cells) std::printf("%s\n", line(r).c_str());
+}
 
 template <size_t N>
 rapidjson::Value RowsToJson(const std::vector<Row>& rows, const char* (&columns)[N],
@@ -59,7 +98,7 @@ rapidjson::Value RowsToJson(const std::vector<Row>& rows, const char* (&columns)
   for (const Row& row : rows) {
     rapidjson::Value object(rapidjson::kObjectType);
     for (size_t i = 0; i < N && i < row.size(); ++i) {
-      object.AddMember(rapidjson::StringRef(columns[i]), rapidjson::Value(row[i].c_str(), a), a);
+      object.AddMember(rapidjson::StringRef(columns[i]), cli::JsonText(row[i], a), a);
     }
     list.PushBack(object, a);
   }
@@ -68,7 +107,8 @@ rapidjson::Value RowsToJson(const std::vector<Row>& rows, const char* (&columns)
 
 void PrintDefaultRows(const std::vector<Row>& rows) {
   std::printf("default configuration (%zu objects):\n", rows.size());
-  for (const Row& r : rows) {
+  for (Row r : rows) {
+    for (std::string& cell : r) cell = cli::Printable(cell);
     std::printf("  %s/%s/%s", r[0].c_str(), r[1].c_str(), r[2].c_str());
     if (!r[3].empty()) std::printf(" [%s]", r[3].c_str());
     std::printf(" version %s\n    user:   %s\n", r[4].c_str(), r[5].c_str());
@@ -100,23 +140,23 @@ int Report(bool result, bool json, const std::vector<Row>* registered, const std
   } else {
     if (registered != nullptr) {
       std::printf("registered schemas (%zu keys):\n", registered->size());
-      for (const Row& r : *registered) {
-        std::printf("  %s/%s/%s  %s  version %s%s%s\n", r[0].c_str(), r[1].c_str(), r[2].c_str(), r[3].c_str(),
-                    r[4].c_str(), r[5].empty() ? "" : "  smartnic ", r[5].c_str());
-      }
+      PrintRegisteredTable(*registered);
+      std::printf("\n");
     }
     PrintDefaultRows(defaults);
-    std::printf("result: %s\n", result ? "success" : "failure");
+    std::printf("result: %s\n", result ? cli::Paint(cli::Style::Green, "success").c_str()
+                                        : cli::Paint(cli::Style::Red, "failure").c_str());
   }
-  return result ? 0 : 1;
+  if (!result) {
+    throw QorConfigStore::ConfigStoreException(QorConfigStore::CS_ERR_GENERIC,
+                                               "not everything was processed (see the errors above; -v shows the log)");
+  }
+  return 0;
 }
 
 int RunProcessSchemas(const cli::Invocation& inv) {
-  for (const std::string& arg : inv.args) {
-    if (!arg.empty() && arg[0] == '-') throw cli::UsageError("unknown option '" + arg + "'");
-  }
-  const bool result = QorConfigStore::ProcessSchemas(inv.args);
-  std::vector<Row> registered = TryList("the registered schemas", RegisteredRows);
+  const bool result = QorConfigStore::ProcessSchemas(cli::Positionals(inv.args));
+  std::vector<Row> registered = TryList("the registered schemas", [] { return RegisteredRows({}); });
   return Report(result, inv.json, &registered, TryList("the default configuration", DefaultRows));
 }
 
@@ -128,14 +168,33 @@ int RunProcessDefaults(const cli::Invocation& inv) {
   return Report(result, inv.json, nullptr, TryList("the default configuration", DefaultRows));
 }
 
+int RunSchemas(const cli::Invocation& inv) {
+  std::vector<Row> rows = RegisteredRows(cli::Positionals(inv.args));
+  if (inv.json) {
+    rapidjson::Document d;
+    cli::PrintJson(RowsToJson(rows, kRegisteredColumns, d.GetAllocator()));
+  } else {
+    PrintRegisteredTable(rows);
+  }
+  return 0;
+}
+
+const cli::Registrar kSchemas(
+    {"schemas", "schemas [COMPONENT...]", "the registered configuration schemas",
+     "Lists the configuration keys registered in the schema store, only those of the given\n"
+     "components when any are named: component, group, key, the package schema id that\n"
+     "registered it, the schema version and the SmartNIC value type (\"-\" when the key declares\n"
+     "none; \"\" with --json). Reads only; exit status 1 when the schema store does not exist.",
+     RunSchemas});
+
 const cli::Registrar kProcessSchemas(
     {"process-schemas", "process-schemas [SCHEMA_ID...]",
      "register the installed packages' schemas, then load their default configuration",
      "Registers every element of the newest schema file of each package in\n"
      "/usr/lib/talvex/configmanager/schemas (filtered for a DPU when /etc/.qorio exists), then\n"
      "reloads the default configuration. The installed image's schema ids are expected; each\n"
-     "SCHEMA_ID given is expected as well. Prints the registered keys, the default configuration\n"
-     "and the result; exit status 1 when anything failed.",
+     "SCHEMA_ID given is expected as well. Prints the registered keys (as 'schemas' does), the\n"
+     "default configuration and the result; exit status 1 when anything failed.",
      RunProcessSchemas});
 
 const cli::Registrar kProcessDefaults(

@@ -12,8 +12,18 @@ int RunCreateStore(const cli::Invocation& inv) {
   if (DBStore::CreateDatabases() != 0) {
     throw QorConfigStore::ConfigStoreException(QorConfigStore::CS_ERR_GENERIC, "Failed to create the store databases");
   }
-  std::printf("store databases present:\n  %s\n  %s\n  %s\n", DBStore::StorePath(DBStore::CONFIG_STORE).c_str(),
-              DBStore::StorePath(DBStore::DATAFILE_STORE).c_str(), DBStore::SchemaStorePath().c_str());
+  const std::string config = DBStore::StorePath(DBStore::CONFIG_STORE);
+  const std::string dataFiles = DBStore::StorePath(DBStore::DATAFILE_STORE);
+  const std::string schemas = DBStore::SchemaStorePath();
+  if (inv.json) {
+    rapidjson::Document d(rapidjson::kObjectType);
+    auto& a = d.GetAllocator();
+    d.AddMember("configStore", cli::JsonText(config, a), a).AddMember("dataFileStore", cli::JsonText(dataFiles, a), a);
+    d.AddMember("schemaStore", cli::JsonText(schemas, a), a);
+    cli::PrintJson(d);
+  } else {
+    std::printf("store databases present:\n  %s\n  %s\n  %s\n", config.c_str(), dataFiles.c_str(), schemas.c_str());
+  }
   return 0;
 }
 

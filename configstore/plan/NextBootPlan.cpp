@@ -1,0 +1,180 @@
+#include "configstore/plan/NextBootPlan.h"
+
+#include <array>
+#include <map>
+#include <set>
+
+#include "configstore/boot/BootTimeApply.h"
+#include "configstore/frame/CallFrame.h"
+
+namespace QorConfigStore {
+namespace {
+
+using Text = std::optional<std::string>;
+// Component, group, key, identifier: the order of every list of the plan.
+using ObjectKey = std::array<std::string, 4>;
+using KeyOfObjects = std::array<std::string, 3>;
+
+struct Row {
+  Text user, vital, cached, revision, creationTime;
+};
+using Snapshot = std::map<ObjectKey, Row>;
+
+int SnapshotRow(void* context, int argc, char** argv, char**) {
+  try {
+    auto text = [&](int i) { return i < argc && argv[i] != nullptr ? Text(argv[i]) : Text(); };
+    ObjectKey key{text(0).value_or(""), text(1).value_or(""), text(2).value_or(""), text(3).value_or("")};
+    (*static_cast<Snapshot*>(context))[key] = Row{text(4), text(5), text(6), text(7), text(8)};
+    return 0;
+  } catch (...) {
+    return 1;  // no exception may cross SQLite's C frames
+  }
+}
+
+Snapshot ReadConfig(const DBStore::Connection& conn) {
+  Snapshot rows;
+  DBStore::Statement stmt = DBStore::internal::Prepare(
+      conn,
+      "SELECT Component, ConfigGroup, Name, Identifier, UserValue, VitalValue, CachedValue, Revision, CreationTime "
+      "FROM Config",
+      DBStore::kTimeoutMs);
+  if (!stmt || DBStore::ExecuteStmt(conn, stmt, SnapshotRow, &rows, DBStore::kTimeoutMs) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to read the configuration for the plan");
+  }
+  return rows;
+}
+
+KeyOfObjects KeyOf(const ObjectKey& object) { return {object[0], object[1], object[2]}; }
+
+std::vector<std::string> ChangedColumns(const Row& before, const Row& after) {
+  std::vector<std::string> columns;
+  if (before.user != after.user) columns.push_back("UserValue");
+  if (before.vital != after.vital) columns.push_back("VitalValue");
+  if (before.cached != after.cached) columns.push_back("CachedValue");
+  return columns;
+}
+
+// Keys in which the step added, removed, changed or rewrote (a new revision or creation time) an object.
+std::set<KeyOfObjects> KeysTouched(const Snapshot& before, const Snapshot& after) {
+  std::set<KeyOfObjects> keys;
+  for (const auto& [key, row] : before) {
+    auto it = after.find(key);
+    if (it == after.end() || !ChangedColumns(row, it->second).empty() || row.revision != it->second.revision ||
+        row.creationTime != it->second.creationTime) {
+      keys.insert(KeyOf(key));
+    }
+  }
+  for (const auto& [key, row] : after) {
+    if (!before.contains(key)) keys.insert(KeyOf(key));
+  }
+  return keys;
+}
+
+// A user value as a JSON object; null when it is absent, does not parse (or is too deep) or is no object.
+std::shared_ptr<JsonDoc> ParseObject(const Text& value) {
+  if (!value) return nullptr;
+  try {
+    std::shared_ptr<JsonDoc> doc = CreateDocumentFromString(*value);
+    return doc->document->IsObject() ? doc : nullptr;
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}
+
+void DiffMembers(PlannedObject& object) {
+  std::shared_ptr<JsonDoc> oldDoc = ParseObject(object.oldUserValue);
+  std::shared_ptr<JsonDoc> newDoc = ParseObject(object.newUserValue);
+  if (!oldDoc || !newDoc) return;
+  const rapidjson::Value& oldValue = *oldDoc->document;
+  const rapidjson::Value& newValue = *newDoc->document;
+  for (const auto& member : oldValue.GetObject()) {
+    auto it = newValue.FindMember(member.name);
+    if (it == newValue.MemberEnd()) object.membersRemoved.emplace_back(member.name.GetString());
+    else if (it->value != member.value) object.membersChanged.emplace_back(member.name.GetString());
+  }
+  for (const auto& member : newValue.GetObject()) {
+    if (!oldValue.HasMember(member.name)) object.membersAdded.emplace_back(member.name.GetString());
+  }
+}
+
+PlannedObject Planned(const ObjectKey& key, const Row* before, const Row* after) {
+  PlannedObject object;
+  object.id.component = key[0];
+  object.id.group = key[1];
+  object.id.key = key[2];
+  object.id.id = key[3];
+  if (before != nullptr) object.oldUserValue = before->user;
+  if (after != nullptr) object.newUserValue = after->user;
+  return object;
+}
+
+void Compare(const Snapshot& before, const Snapshot& afterStep, const Snapshot& after, NextBootPlan& plan) {
+  std::set<KeyOfObjects> touched = KeysTouched(before, afterStep);
+  for (const auto& [key, row] : before) {
+    auto it = after.find(key);
+    if (it == after.end()) {
+      plan.removed.push_back(Planned(key, &row, nullptr));
+      continue;
+    }
+    std::vector<std::string> columns = ChangedColumns(row, it->second);
+    if (!columns.empty()) {
+      PlannedObject object = Planned(key, &row, &it->second);
+      object.changedColumns = std::move(columns);
+      DiffMembers(object);
+      plan.changed.push_back(std::move(object));
+    } else if (row.user && touched.contains(KeyOf(key))) {
+      plan.kept.push_back(Planned(key, &row, &it->second));
+    }
+  }
+  for (const auto& [key, row] : after) {
+    if (!before.contains(key)) plan.added.push_back(Planned(key, nullptr, &row));
+  }
+}
+
+// Runs part of the boot's transaction; a failure is the plan's answer, not an error of the plan:
+// the boot rolls the whole transaction back and goes on, so nothing of the step or the fold stays.
+template <typename Work>
+bool RunAsTheBootDoes(NextBootPlan& plan, Work work) {
+  try {
+    work();
+    return true;
+  } catch (const std::exception& e) {
+    const auto* coded = dynamic_cast<const ConfigStoreException*>(&e);
+    plan.failureCode = coded != nullptr ? coded->code() : 0;
+    plan.failure = e.what();
+    return false;
+  }
+}
+
+}  // namespace
+
+NextBootPlan PlanNextBoot() {
+  NextBootPlan plan;
+  plan.bootMode = GetBootMode();
+  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
+  if (DBStore::AttachSchemaStore(conn) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to attach schema store");
+  }
+  if (DBStore::BeginTransaction(conn) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to begin the plan's transaction");
+  }
+  // Rolls back on every way out; the connection's own destructor would roll back too, this one
+  // just does it before anything else reads the store.
+  struct RollBack {
+    const DBStore::Connection& conn;
+    ~RollBack() { DBStore::CancelTransaction(conn); }
+  } rollBack{conn};
+
+  Snapshot before = ReadConfig(conn);
+  if (!RunAsTheBootDoes(plan, [&] { ApplyBootModeStep(conn, plan.bootMode); })) return plan;
+  Snapshot afterStep = ReadConfig(conn);
+  if (!RunAsTheBootDoes(plan, [&] { FoldDesiredValues(conn); })) return plan;
+  Snapshot after = ReadConfig(conn);
+  if (DBStore::CancelTransaction(conn) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to roll back the plan's transaction");
+  }
+  Compare(before, afterStep, after, plan);
+  return plan;
+}
+
+}  // namespace QorConfigStore

@@ -1,0 +1,352 @@
+// configstorectl as a process: get, schemas, and the rules every subcommand shares (help, --json,
+// exit status, colour). Arguments go to the process as they are, without a shell.
+#include <fcntl.h>
+#include <pty.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "configstore/frame/core/Json.h"
+#include "platform/dbstore/DBStore.h"
+#include "platform/schemastore/SchemaStore.h"
+#include "tests/support/Sandbox.h"
+#include "tests/support/StoreDump.h"
+
+extern char** environ;
+
+namespace {
+
+struct CtlResult {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+class CliTest : public cstest::SandboxTest {
+ protected:
+  // argv for configstorectl on this root.
+  std::vector<std::string> Argv(const std::vector<std::string>& args) const {
+    std::vector<std::string> argv = {cstest::BinaryPath("tools/configstorectl/configstorectl"), "--root", root_};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+  }
+
+  // The test process's environment without NO_COLOR, plus `extra` ("NAME=VALUE").
+  static std::vector<std::string> Environment(const std::vector<std::string>& extra) {
+    std::vector<std::string> env;
+    for (char** e = environ; *e != nullptr; ++e) {
+      if (std::strncmp(*e, "NO_COLOR=", 9) != 0) env.emplace_back(*e);
+    }
+    env.insert(env.end(), extra.begin(), extra.end());
+    return env;
+  }
+
+  static std::vector<char*> Pointers(std::vector<std::string>& strings) {
+    std::vector<char*> p;
+    for (std::string& s : strings) p.push_back(s.data());
+    p.push_back(nullptr);
+    return p;
+  }
+
+  // Runs the tool with standard output and error going to files (never a terminal). Output that is
+  // not a terminal must never carry colour, so every run checks that.
+  CtlResult Ctl(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
+    std::vector<std::string> argv = Argv(args), envp = Environment(env);
+    std::vector<char*> argvp = Pointers(argv), envpp = Pointers(envp);
+    const std::string out = Path("/ctl.out"), err = Path("/ctl.err");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    pid_t pid = -1;
+    int rc = posix_spawn(&pid, argvp[0], &actions, nullptr, argvp.data(), envpp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    EXPECT_EQ(rc, 0) << std::strerror(rc);
+    int raw = 0;
+    if (rc == 0) waitpid(pid, &raw, 0);
+    CtlResult r{rc == 0 && WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile("/ctl.out"), ReadFile("/ctl.err")};
+    EXPECT_EQ(r.out.find('\033'), std::string::npos) << "colour on a pipe: " << r.out;
+    EXPECT_EQ(r.err.find('\033'), std::string::npos) << "colour on a pipe: " << r.err;
+    return r;
+  }
+
+  // Runs the tool with standard output on a terminal; what the terminal received.
+  std::string OnTerminal(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
+    std::vector<std::string> argv = Argv(args), envp = Environment(env);
+    std::vector<char*> argvp = Pointers(argv), envpp = Pointers(envp);
+    int master = -1;
+    pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+      execve(argvp[0], argvp.data(), envpp.data());
+      _exit(127);
+    }
+    EXPECT_GT(pid, 0);
+    std::string seen;
+    char buf[4096];
+    for (ssize_t n; (n = read(master, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR);) {
+      if (n > 0) seen.append(buf, static_cast<size_t>(n));
+    }
+    close(master);
+    int raw = 0;
+    waitpid(pid, &raw, 0);
+    EXPECT_TRUE(WIFEXITED(raw) && WEXITSTATUS(raw) == 0) << seen;
+    return seen;
+  }
+
+  static rapidjson::Document Json(const CtlResult& r) {
+    rapidjson::Document d;
+    d.Parse(r.out.c_str());
+    EXPECT_FALSE(d.HasParseError()) << r.out;
+    return d;
+  }
+
+  // A Config row; `user` etc. are stored as given (nullptr stores NULL).
+  void AddObject(const std::string& component, const std::string& group, const std::string& key,
+                 const std::string& id, const char* user = R"({"a":1})", const char* vital = nullptr) const {
+    auto conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
+    auto stmt = DBStore::internal::Prepare(conn,
+                                           "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, Version, "
+                                           "CreationTime, Revision, UserValue, VitalValue) VALUES (?, ?, ?, ?, '1.0', "
+                                           "'2024-05-01 10:00:00', 3, ?, ?)",
+                                           DBStore::kTimeoutMs);
+    int i = 1;
+    ASSERT_EQ(DBStore::internal::Bind(conn, stmt, i, std::vector<std::string>{component, group, key, id}), 0);
+    ASSERT_EQ(DBStore::internal::Bind(conn, stmt, i, user), 0);
+    ASSERT_EQ(DBStore::internal::Bind(conn, stmt, i, vital), 0);
+    ASSERT_EQ(DBStore::ExecuteStmt(conn, stmt, nullptr, nullptr, DBStore::kTimeoutMs), 0);
+  }
+
+  // Registers one configuration key per entry of `keys` ("component", "group", "key").
+  void RegisterKeys(const std::vector<std::vector<std::string>>& keys) const {
+    auto store = QorSchemaStore::SchemaStore::GetStore(true);
+    store->BeginUpdate();
+    for (const auto& k : keys) {
+      rapidjson::Document element(rapidjson::kObjectType);
+      auto& a = element.GetAllocator();
+      element.AddMember("component", rapidjson::Value(k[0].c_str(), a), a);
+      element.AddMember("group", rapidjson::Value(k[1].c_str(), a), a);
+      element.AddMember("key", rapidjson::Value(k[2].c_str(), a), a);
+      element.AddMember("version", "2.0", a);
+      rapidjson::Value schema(rapidjson::kObjectType);
+      schema.AddMember("type", "object", a);
+      element.AddMember("schema", schema, a);
+      const bool smartnic = k[0] == "qor";
+      if (smartnic) {
+        rapidjson::Value placement(rapidjson::kObjectType);
+        placement.AddMember("schema", "qor-shared", a);
+        element.AddMember("smartnic", placement, a);
+      }
+      store->SetSchema("kit-1.0.0_1.0", {k[0], k[1], k[2]}, element, smartnic);
+    }
+    store->CommitUpdate();
+  }
+
+  static std::vector<std::string> Identities(const rapidjson::Document& list) {
+    std::vector<std::string> ids;
+    if (!list.IsArray()) return {"not an array"};
+    for (const auto& o : list.GetArray()) {
+      ids.push_back(std::string(o["component"].GetString()) + "|" + o["group"].GetString() + "|" +
+                    o["key"].GetString() + "|" + o["identifier"].GetString());
+    }
+    return ids;
+  }
+};
+
+const std::string kQuoted = "it's \"quoted\"";
+
+TEST_F(CliTest, GetNarrowsByEachDepthAndMatchesNamesExactly) {
+  ASSERT_EQ(DBStore::CreateDatabases(), 0);
+  AddObject("qor", "net work", kQuoted, "");
+  AddObject("qor", "net work", kQuoted, "ü-1");
+  AddObject("qor", "net", "k", "a");
+  AddObject("qor2", "net work", kQuoted, "");
+  AddObject("-dash", "g", "k", "");
+  const std::string singleton = "qor|net work|" + kQuoted + "|";
+  struct Case {
+    std::vector<std::string> filters;
+    std::vector<std::string> expected;
+  } cases[] = {
+      {{}, {"-dash|g|k|", "qor|net|k|a", singleton, singleton + "ü-1", "qor2|net work|" + kQuoted + "|"}},
+      {{"qor"}, {"qor|net|k|a", singleton, singleton + "ü-1"}},
+      {{"qor", "net work"}, {singleton, singleton + "ü-1"}},
+      {{"qor", "net work", kQuoted}, {singleton, singleton + "ü-1"}},
+      {{"qor", "net work", kQuoted, ""}, {singleton}},
+      {{"qor", "net work", kQuoted, "ü-1"}, {singleton + "ü-1"}},
+      {{"qor", "net"}, {"qor|net|k|a"}},  // a name, not a prefix
+      {{"q%"}, {}},
+      {{"' OR 1=1 --"}, {}},
+      {{"--", "-dash"}, {"-dash|g|k|"}},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> args = {"get", "--json"};
+    args.insert(args.end(), c.filters.begin(), c.filters.end());
+    SCOPED_TRACE(testing::PrintToString(args));
+    CtlResult r = Ctl(args);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(Identities(Json(r)), c.expected);
+  }
+}
+
+TEST_F(CliTest, GetShowsValuesVersionRevisionAndTheDefault) {
+  ASSERT_EQ(DBStore::CreateDatabases(), 0);
+  AddObject("qor", "network", "nuknics", "nuk0", R"({"name": "nuk0",  "mtu": 9000})", R"({"mac":"00:50"})");
+  AddObject("qor", "network", "dns", "", "not json", nullptr);
+  AddObject("qor", "bad\nname", "k", "");
+  ASSERT_EQ(DBStore::Execute(DBStore::GetConnection(DBStore::CONFIG_STORE, true),
+                             "INSERT INTO DefaultConfig VALUES ('qor', 'network', 'nuknics', 'nuk0', ?, '', '', '1.0')",
+                             {R"({"name":"nuk0","mtu":1500})"}, {}, DBStore::kTimeoutMs),
+            0);
+
+  CtlResult r = Ctl({"--json", "get", "qor", "network"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  rapidjson::Document d = Json(r);
+  ASSERT_TRUE(d.IsArray() && d.Size() == 2) << r.out;
+  const rapidjson::Value& dns = d[0];
+  const rapidjson::Value& nic = d[1];
+  EXPECT_STREQ(nic["version"].GetString(), "1.0");
+  EXPECT_EQ(nic["revision"].GetInt64(), 3);
+  EXPECT_STREQ(nic["created"].GetString(), "2024-05-01 10:00:00");
+  ASSERT_TRUE(nic["user"].IsObject()) << "values are JSON, not text";
+  EXPECT_EQ(nic["user"]["mtu"].GetInt(), 9000);
+  EXPECT_STREQ(nic["vital"]["mac"].GetString(), "00:50");
+  EXPECT_TRUE(nic["cached"].IsNull());
+  ASSERT_TRUE(nic["default"].IsObject());
+  EXPECT_EQ(nic["default"]["mtu"].GetInt(), 1500);
+  EXPECT_STREQ(dns["user"].GetString(), "not json") << "a stored text that is not JSON stays text";
+  EXPECT_TRUE(dns["default"].IsNull());
+
+  r = Ctl({"get", "qor"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("qor/bad\\x0aname/k\n  version:"), std::string::npos) << "control bytes are escaped\n" << r.out;
+  EXPECT_NE(r.out.find("qor/network/nuknics [nuk0]\n  version:  1.0\n  revision: 3\n  created:  2024-05-01 10:00:00\n"
+                       "  user:     {\"name\":\"nuk0\",\"mtu\":9000}\n  vital:    {\"mac\":\"00:50\"}\n"
+                       "  cached:   -\n  default:  {\"name\":\"nuk0\",\"mtu\":1500}\n"),
+            std::string::npos)
+      << r.out;
+}
+
+TEST_F(CliTest, SchemasListsRegisteredKeysOfTheNamedComponents) {
+  ASSERT_EQ(DBStore::CreateDatabases(), 0);
+  RegisterKeys({{"qor", "network", "nuknics"}, {"net ü", "g", "k"}, {"x'y", "g", "k"}});
+  struct Case {
+    std::vector<std::string> components;
+    std::vector<std::string> expected;
+  } cases[] = {
+      {{}, {"net ü|g|k", "qor|network|nuknics", "x'y|g|k"}},
+      {{"qor"}, {"qor|network|nuknics"}},
+      {{"net ü", "x'y"}, {"net ü|g|k", "x'y|g|k"}},
+      {{"nothing"}, {}},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> args = {"schemas", "--json"};
+    args.insert(args.end(), c.components.begin(), c.components.end());
+    SCOPED_TRACE(testing::PrintToString(args));
+    CtlResult r = Ctl(args);
+    ASSERT_EQ(r.status, 0) << r.err;
+    rapidjson::Document d = Json(r);
+    ASSERT_TRUE(d.IsArray()) << r.out;
+    std::vector<std::string> keys;
+    for (const auto& o : d.GetArray()) {
+      keys.push_back(std::string(o["component"].GetString()) + "|" + o["group"].GetString() + "|" +
+                     o["key"].GetString());
+      EXPECT_STREQ(o["schemaId"].GetString(), "kit-1.0.0_1.0");
+      EXPECT_STREQ(o["version"].GetString(), "2.0");
+      EXPECT_STREQ(o["smartnic"].GetString(), keys.back().starts_with("qor|") ? "qor-shared" : "");
+    }
+    EXPECT_EQ(keys, c.expected);
+  }
+  CtlResult text = Ctl({"schemas", "qor"});
+  EXPECT_EQ(text.out,
+            "COMPONENT  GROUP    KEY      SCHEMA ID      VERSION  SMARTNIC\n"
+            "qor        network  nuknics  kit-1.0.0_1.0  2.0      qor-shared\n");
+}
+
+// The command list comes from the tool itself, so a subcommand added later is covered too.
+TEST_F(CliTest, EverySubcommandAnswersHelpWithItsUsage) {
+  CtlResult list = Ctl({"--json", "--help"});
+  ASSERT_EQ(list.status, 0) << list.err;
+  rapidjson::Document d = Json(list);
+  ASSERT_TRUE(d.IsArray() && d.Size() >= 20) << list.out;
+  std::vector<std::string> names;
+  for (const auto& c : d.GetArray()) {
+    const std::string name = c["name"].GetString();
+    names.push_back(name);
+    const std::string usage = std::string("usage: configstorectl [--root DIR] [-v] ") + c["usage"].GetString() +
+                              (c["json"].GetBool() ? " [--json]" : "") + "\n\n";
+    for (const char* flag : {"--help", "-h"}) {
+      SCOPED_TRACE(name + " " + flag);
+      CtlResult r = Ctl({name, flag});
+      EXPECT_EQ(r.status, 0) << r.err;
+      EXPECT_TRUE(r.out.starts_with(usage)) << r.out;
+      EXPECT_GT(r.out.size(), usage.size() + 10) << "a help text follows the usage";
+    }
+  }
+  for (const char* expected : {"get", "schemas", "process-schemas", "metrics", "load"}) {
+    EXPECT_NE(std::find(names.begin(), names.end(), expected), names.end()) << expected;
+  }
+  CtlResult human = Ctl({"-h"});
+  EXPECT_EQ(human.status, 0);
+  EXPECT_NE(human.out.find("\nsubcommands:\n"), std::string::npos) << human.out;
+}
+
+TEST_F(CliTest, BadUsageExitsTwoWithTheUsageOnStandardError) {
+  ASSERT_EQ(DBStore::CreateDatabases(), 0);
+  const auto before = cstest::DumpStores();
+  const std::vector<std::vector<std::string>> cases = {
+      {},
+      {"no-such-subcommand"},
+      {"--bogus", "get"},
+      {"get", "a", "b", "c", "d", "e"},
+      {"get", "--bogus"},
+      {"schemas", "-x"},
+      {"cleanup", "store", "--json"},
+      {"--json", "cleanup", "autoconf"},
+      {"metrics", "extra"},
+      {"boot-mode", "set", "9"},
+  };
+  for (const auto& args : cases) {
+    SCOPED_TRACE(testing::PrintToString(args));
+    CtlResult r = Ctl(args);
+    EXPECT_EQ(r.status, 2) << r.err;
+    EXPECT_NE(r.err.find("usage: configstorectl"), std::string::npos) << r.err;
+    EXPECT_EQ(r.out, "");
+  }
+  EXPECT_EQ(cstest::DiffStores(before, cstest::DumpStores()), "") << "bad usage changes nothing";
+}
+
+TEST_F(CliTest, FailureExitsOneWithTheErrorCode) {
+  struct Case {
+    std::vector<std::string> args;
+    std::string line;  // beginning of the standard error line
+  } cases[] = {
+      {{"get"}, "configstorectl get: error 2000: no configuration store at " + Path("/etc/talvex/configstore/")},
+      {{"--json", "get", "qor"}, "configstorectl get: error 2000: no configuration store at "},
+      {{"schemas"}, "configstorectl schemas: error 2000: "},
+      {{"set-desired", Path("/missing.json")}, "configstorectl set-desired: error 1081: "},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.args));
+    CtlResult r = Ctl(c.args);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find(c.line), std::string::npos) << r.err;
+    EXPECT_EQ(r.out, "");
+  }
+  EXPECT_FALSE(Exists("/etc/talvex/configstore/current-store-1")) << "get never creates the store";
+}
+
+TEST_F(CliTest, ColourOnlyOnATerminalWithoutNoColorAndNeverInJson) {
+  ASSERT_EQ(DBStore::CreateDatabases(), 0);
+  AddObject("qor", "network", "dns", "");
+  EXPECT_NE(OnTerminal({"get"}).find("\033[1mqor/network/dns\033[0m"), std::string::npos) << "bold heading";
+  EXPECT_EQ(OnTerminal({"get"}, {"NO_COLOR=1"}).find('\033'), std::string::npos);
+  EXPECT_EQ(OnTerminal({"get", "--json"}).find('\033'), std::string::npos);
+  EXPECT_EQ(Ctl({"get"}).status, 0);  // piped: Ctl itself checks there is no escape byte
+}
+
+}  // namespace

@@ -1,0 +1,228 @@
+// configstorectl plan, load and last-boot run as real processes on a copy of the sample host: for
+// every kind of staged change, the plan changes nothing and agrees object by object with what the
+// load then does; last-boot shows the report of the last load, failed ones included.
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+
+#include "configstore/frame/core/Json.h"
+#include "platform/dbstore/DBStore.h"
+#include "tests/support/Sandbox.h"
+#include "tests/support/StoreDump.h"
+
+namespace {
+
+struct CtlResult {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+using Objects = std::set<std::string>;  // "component/group/key/identifier"
+
+struct ConfigDiff {
+  Objects added, removed, changed;
+};
+
+class PlanCliTest : public cstest::SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    CopyExampleHost();
+  }
+
+  // Runs configstorectl on this root; the arguments hold no shell metacharacters.
+  CtlResult Ctl(const std::string& args) {
+    const std::string bin = cstest::BinaryPath("tools/configstorectl/configstorectl");
+    const std::string cmd = "'" + bin + "' --root '" + root_ + "' " + args + " >'" + root_ + "/ctl.out' 2>'" +
+                            root_ + "/ctl.err'";
+    int raw = std::system(cmd.c_str());
+    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile("/ctl.out"), ReadFile("/ctl.err")};
+  }
+
+  static rapidjson::Document Json(const CtlResult& r) {
+    rapidjson::Document d;
+    d.Parse(r.out.c_str());
+    if (d.HasParseError() || !d.IsObject()) {
+      ADD_FAILURE() << "not a JSON object: " << r.out << r.err;
+      d.SetObject();
+    }
+    return d;
+  }
+
+  // The first boot of the installed host, then the state an ordinary reboot finds.
+  void FirstBoot() {
+    ASSERT_EQ(Ctl("load").status, 0);
+    ASSERT_EQ(Ctl("boot-state cleanup").status, 0);
+    Remove("/var/lib/talvex/firstboot/current-store-1");
+  }
+
+  // Config rows: object -> user, vital and cached value (NULL shown as "<null>").
+  static std::map<std::string, std::string> ConfigRows() {
+    std::map<std::string, std::string> rows;
+    DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, false);
+    auto stmt = DBStore::internal::Prepare(
+        conn,
+        "SELECT Component || '/' || ConfigGroup || '/' || Name || '/' || Identifier, "
+        "COALESCE(UserValue, '<null>') || '|' || COALESCE(VitalValue, '<null>') || '|' || "
+        "COALESCE(CachedValue, '<null>') FROM Config",
+        DBStore::kTimeoutMs);
+    EXPECT_EQ(DBStore::ExecuteStmt(
+                  conn, stmt,
+                  [](void* ctx, int, char** argv, char**) {
+                    (*static_cast<std::map<std::string, std::string>*>(ctx))[argv[0]] = argv[1];
+                    return 0;
+                  },
+                  &rows, DBStore::kTimeoutMs),
+              0);
+    return rows;
+  }
+
+  static ConfigDiff Diff(const std::map<std::string, std::string>& before,
+                         const std::map<std::string, std::string>& after) {
+    ConfigDiff diff;
+    for (const auto& [object, values] : before) {
+      auto it = after.find(object);
+      if (it == after.end()) diff.removed.insert(object);
+      else if (it->second != values) diff.changed.insert(object);
+    }
+    for (const auto& [object, values] : after) {
+      if (!before.contains(object)) diff.added.insert(object);
+    }
+    return diff;
+  }
+
+  static Objects PlanList(const rapidjson::Document& plan, const char* list) {
+    Objects objects;
+    if (!plan.HasMember(list) || !plan[list].IsArray()) {
+      ADD_FAILURE() << "plan without list " << list;
+      return objects;
+    }
+    for (const auto& o : plan[list].GetArray()) {
+      objects.insert(std::string(o["component"].GetString()) + "/" + o["group"].GetString() + "/" +
+                     o["key"].GetString() + "/" + o["identifier"].GetString());
+    }
+    return objects;
+  }
+
+  std::string StoreBytes() const {
+    return ReadFile("/etc/talvex/configstore/current-store-1") + ReadFile("/var/lib/talvex/schemastore/schema-store");
+  }
+};
+
+TEST_F(PlanCliTest, PlanChangesNothingAndAgreesWithTheLoad) {
+  const std::string desired = R"({"profile":{"qor":{"network":{"dns":{"hostname":"host02","servers":["192.0.2.9"]},)"
+                              R"("nuknics":[{"name":"nuk0","mtu":1500},{"name":"nuk2","mtu":9000}]},)"
+                              R"("authentication":{"user_accounts":[{"name":"ops"}]}}}})";
+  const std::string smartnic = R"({"qor":{"network":{"nuknics":[{"name":"nuk0","mtu":9000,"enabled":true,)"
+                               R"("port_connection_type":"STANDARD"},{"name":"nuk5","mtu":1600}]}}})";
+  const std::string bootDocument =
+      R"({"profile":{"qor":{"network":{"dns":{"hostname":"host03"},"nuknics":[{"name":"nuk7","mtu":2000}]},)"
+      R"("system":{"advanced_options":"DELETE_DEFAULT"}}}})";
+  struct Case {
+    const char* name;
+    std::function<void()> stage;
+    const char* list;      // one object the plan must show in this list
+    const char* expected;
+  } cases[] = {
+      {"desired configuration",
+       [&] {
+         WriteFile("/desired.json", desired);
+         ASSERT_EQ(Ctl("set-desired " + Path("/desired.json")).status, 0);
+       },
+       "removed", "qor/authentication/user_accounts/admin"},
+      {"smartnic configuration",
+       [&] {
+         WriteFile("/smartnic.json", smartnic);
+         ASSERT_EQ(Ctl("set-smartnic " + Path("/smartnic.json")).status, 0);
+       },
+       "kept", "qor/network/nuknics/nuk0"},
+      {"host-API deletion", [&] { ASSERT_EQ(Ctl("delete-hostapi qor system advanced_options").status, 0); },
+       "removed", "qor/system/advanced_options/Syslog.global.logDir"},
+      {"boot document of a new store",
+       [&] {
+         WriteFile("/etc/talvex/boot_configuration.json", bootDocument);
+         ASSERT_EQ(Ctl("boot-mode set 2").status, 0);
+       },
+       "added", "qor/network/nuknics/nuk7"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TearDown();
+    SetUp();
+    FirstBoot();
+    c.stage();
+
+    cstest::StoreDump before = cstest::DumpStores();
+    std::string bytes = StoreBytes();
+    CtlResult planRun = Ctl("plan --json");
+    ASSERT_EQ(planRun.status, 0) << planRun.err;
+    EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
+    EXPECT_TRUE(bytes == StoreBytes()) << "the store files are byte-for-byte as before";
+    rapidjson::Document plan = Json(planRun);
+    EXPECT_TRUE(PlanList(plan, c.list).contains(c.expected)) << planRun.out;
+
+    std::map<std::string, std::string> config = ConfigRows();
+    CtlResult load = Ctl("load --no-restore");
+    ASSERT_EQ(load.status, 0) << load.out << load.err;
+    std::map<std::string, std::string> loaded = ConfigRows();
+    ConfigDiff done = Diff(config, loaded);
+    EXPECT_EQ(PlanList(plan, "added"), done.added);
+    EXPECT_EQ(PlanList(plan, "removed"), done.removed);
+    EXPECT_EQ(PlanList(plan, "changed"), done.changed);
+    for (const std::string& kept : PlanList(plan, "kept")) {
+      EXPECT_EQ(config[kept], loaded[kept]) << kept << " is kept as it was";
+    }
+    CtlResult after = Ctl("--json plan");
+    EXPECT_TRUE(Json(after)["changed"].Empty() && Json(after)["added"].Empty()) << "nothing is left to do" << after.out;
+  }
+}
+
+TEST_F(PlanCliTest, LastBootShowsTheLastLoadWithItsFailuresAndAlerts) {
+  CtlResult none = Ctl("last-boot");
+  EXPECT_EQ(none.status, 1);
+  EXPECT_NE(none.err.find("error 2000: No boot report"), std::string::npos) << none.err;
+
+  FirstBoot();
+  WriteFile("/var/run/talvex/files/loadStoreErrors.json", R"({"zebs":[{"zebMsg":"Disk %s lost","zebArgs":["sda"]}]})");
+  CtlResult load = Ctl("--json load --no-restore");
+  ASSERT_EQ(load.status, 0) << load.err;
+  CtlResult last = Ctl("last-boot --json");
+  ASSERT_EQ(last.status, 0) << last.err;
+  rapidjson::Document report = Json(last);
+  EXPECT_TRUE(report == Json(load)) << "load --json and the kept report are one document\n" << last.out << load.out;
+  EXPECT_EQ(report["status"].GetInt(), 0);
+  EXPECT_TRUE(report["fatal"].IsNull());
+  EXPECT_STREQ(report["recordedFailures"][0].GetString(), "Disk sda lost");
+  EXPECT_STREQ(report["alerts"][0].GetString(), "Disk sda lost");
+
+  // An error file that is no JSON ends the load early: a documented fatal failure.
+  WriteFile("/var/run/talvex/files/loadStoreErrors.json", "{");
+  EXPECT_EQ(Ctl("load --no-restore").status, 1);
+  CtlResult failed = Ctl("last-boot");
+  ASSERT_EQ(failed.status, 0) << failed.err;
+  for (const char* line : {"status 1", "fatal failure: error 1081: ", "system alerts raised:",
+                           "  Generic ConfigStore Failure: ", "recorded failures  ", "failed"}) {
+    EXPECT_NE(failed.out.find(line), std::string::npos) << line << "\n" << failed.out;
+  }
+  EXPECT_EQ(Json(Ctl("--json last-boot"))["fatal"]["code"].GetInt(), 1081);
+
+  WriteFile("/var/run/talvex/files/last-boot.json", R"({"startTime":"x","status":"0"})");
+  CtlResult corrupt = Ctl("last-boot");
+  EXPECT_EQ(corrupt.status, 1);
+  EXPECT_NE(corrupt.err.find("member \"restore\""), std::string::npos) << corrupt.err;
+
+  // A report that cannot be kept (a non-empty directory where it goes) does not fail the boot.
+  Remove("/var/run/talvex/files/loadStoreErrors.json");
+  Remove("/var/run/talvex/files/last-boot.json");
+  WriteFile("/var/run/talvex/files/last-boot.json/x", "");
+  CtlResult unkept = Ctl("load --no-restore");
+  EXPECT_EQ(unkept.status, 0) << unkept.err;
+  EXPECT_NE(unkept.err.find("Failed to save the boot report"), std::string::npos) << unkept.err;
+}
+
+}  // namespace

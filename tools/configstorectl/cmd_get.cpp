@@ -1,0 +1,131 @@
+// get: the configuration objects of the store, narrowed by component, group, key and instance id,
+// each with its default from DefaultConfig. Reads over a read-only connection.
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "configstore/frame/CallFrame.h"
+#include "platform/dbstore/DBStore.h"
+#include "tools/configstorectl/Cli.h"
+
+namespace {
+
+using QorConfigStore::ConfigStoreException;
+using QorConfigStore::CS_ERR_GENERIC;
+
+// One Config row and its default; nullopt stands for SQL NULL.
+struct ConfigObject {
+  std::string component, group, key, identifier;
+  std::optional<std::string> version, revision, created, user, vital, cached, defaultValue;
+};
+
+constexpr const char* kSelect =
+    "SELECT c.Component, c.ConfigGroup, c.Name, c.Identifier, c.Version, CAST(c.Revision AS INTEGER), "
+    "c.CreationTime, c.UserValue, c.VitalValue, c.CachedValue, d.Value "
+    "FROM Config AS c LEFT JOIN DefaultConfig AS d "
+    "ON d.Component = c.Component AND d.ConfigGroup = c.ConfigGroup AND d.Name = c.Name "
+    "AND d.Identifier = c.Identifier";
+// Filter columns in the order of the arguments; only the given ones go into the WHERE clause, so
+// a lookup uses the primary key.
+constexpr const char* kFilterColumns[] = {"c.Component", "c.ConfigGroup", "c.Name", "c.Identifier"};
+constexpr const char* kOrder = " ORDER BY c.Component, c.ConfigGroup, c.Name, c.Identifier";
+
+int CollectRow(void* context, int argc, char** argv, char**) {
+  if (argc != 11) return 1;
+  auto text = [&](int i) { return argv[i] != nullptr ? std::optional<std::string>(argv[i]) : std::nullopt; };
+  auto plain = [&](int i) { return std::string(argv[i] != nullptr ? argv[i] : ""); };
+  static_cast<std::vector<ConfigObject>*>(context)->push_back(
+      {plain(0), plain(1), plain(2), plain(3), text(4), text(5), text(6), text(7), text(8), text(9), text(10)});
+  return 0;
+}
+
+std::vector<ConfigObject> ReadObjects(const std::vector<std::string>& filters) {
+  const std::string path = DBStore::StorePath(DBStore::CONFIG_STORE);
+  if (!QorConfigStore::FileExists(path.c_str())) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "no configuration store at " + path +
+                                                    " (it is made at boot by load, or by create-store)");
+  }
+  DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, false);
+  if (!conn) throw ConfigStoreException(CS_ERR_GENERIC, "cannot open the configuration store " + path);
+  std::string sql = kSelect;
+  for (size_t i = 0; i < filters.size(); ++i) {
+    sql += (i == 0 ? " WHERE " : " AND ");
+    sql += kFilterColumns[i];
+    sql += " = ?";
+  }
+  sql += kOrder;
+  DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
+  int index = 1;
+  std::vector<ConfigObject> objects;
+  if (!stmt || DBStore::internal::Bind(conn, stmt, index, filters) != 0 ||
+      DBStore::ExecuteStmt(conn, stmt, CollectRow, &objects, DBStore::kTimeoutMs) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "cannot read the configuration objects of " + path);
+  }
+  return objects;
+}
+
+void PrintObjectsJson(const std::vector<ConfigObject>& objects) {
+  rapidjson::Document d(rapidjson::kArrayType);
+  auto& a = d.GetAllocator();
+  for (const ConfigObject& o : objects) {
+    rapidjson::Value v(rapidjson::kObjectType);
+    auto nullable = [&](const std::optional<std::string>& t) { return t ? cli::JsonText(*t, a) : rapidjson::Value(); };
+    v.AddMember("component", cli::JsonText(o.component, a), a).AddMember("group", cli::JsonText(o.group, a), a);
+    v.AddMember("key", cli::JsonText(o.key, a), a).AddMember("identifier", cli::JsonText(o.identifier, a), a);
+    v.AddMember("version", nullable(o.version), a);
+    rapidjson::Value revision;
+    if (o.revision) revision.SetInt64(std::strtoll(o.revision->c_str(), nullptr, 10));
+    v.AddMember("revision", revision, a).AddMember("created", nullable(o.created), a);
+    v.AddMember("user", cli::StoredValueJson(o.user, a), a);
+    v.AddMember("vital", cli::StoredValueJson(o.vital, a), a);
+    v.AddMember("cached", cli::StoredValueJson(o.cached, a), a);
+    v.AddMember("default", cli::StoredValueJson(o.defaultValue, a), a);
+    d.PushBack(v, a);
+  }
+  cli::PrintJson(d);
+}
+
+void PrintObjectsText(const std::vector<ConfigObject>& objects) {
+  auto orDash = [](const std::optional<std::string>& t) { return t && !t->empty() ? cli::Printable(*t) : "-"; };
+  bool first = true;
+  for (const ConfigObject& o : objects) {
+    std::string heading = o.component + "/" + o.group + "/" + o.key;
+    if (!o.identifier.empty()) heading += " [" + o.identifier + "]";
+    std::printf("%s%s\n", first ? "" : "\n", cli::Paint(cli::Style::Bold, cli::Printable(heading)).c_str());
+    std::printf("  version:  %s\n  revision: %s\n  created:  %s\n", orDash(o.version).c_str(),
+                orDash(o.revision).c_str(), orDash(o.created).c_str());
+    std::printf("  user:     %s\n  vital:    %s\n  cached:   %s\n  default:  %s\n",
+                cli::StoredValueText(o.user).c_str(), cli::StoredValueText(o.vital).c_str(),
+                cli::StoredValueText(o.cached).c_str(), cli::StoredValueText(o.defaultValue).c_str());
+    first = false;
+  }
+}
+
+int RunGet(const cli::Invocation& inv) {
+  std::vector<std::string> filters = cli::Positionals(inv.args);
+  if (filters.size() > 4) {
+    throw cli::UsageError("at most COMPONENT GROUP KEY ID, not " + std::to_string(filters.size()) + " names");
+  }
+  std::vector<ConfigObject> objects = ReadObjects(filters);
+  if (inv.json) {
+    PrintObjectsJson(objects);
+  } else {
+    PrintObjectsText(objects);
+  }
+  return 0;
+}
+
+const cli::Registrar kGet({"get", "get [COMPONENT [GROUP [KEY [ID]]]]",
+                           "configuration objects with their values, version and default",
+                           "Lists the configuration objects of the store (the Config table), narrowed to a\n"
+                           "component, group, key and instance id when given (exact names; \"\" as ID is a\n"
+                           "singleton; put \"--\" before a name that begins with \"-\"). For each: schema version,\n"
+                           "revision, creation time, user, vital and cached values, and the default value of\n"
+                           "the same object from DefaultConfig. Values are shown as compact JSON, \"-\" when\n"
+                           "there is none. --json gives an array of objects with the values as JSON (null when\n"
+                           "there is none). Reads only; exit status 1 when the store does not exist.",
+                           RunGet});
+
+}  // namespace

@@ -1,5 +1,7 @@
 #include "configstore/boot/StoreRestore.h"
 
+#include <filesystem>
+
 #include "configstore/bootstate/BootState.h"
 #include "configstore/frame/CallFrame.h"
 #include "configstore/schema/SchemaProcessor.h"
@@ -30,6 +32,13 @@ std::string ConfigStoreBackup() {
     if (FileExists(path.c_str())) return path;
   }
   return "";
+}
+
+// A rollback journal beside a store file belongs to that file: SQLite would play it back into any
+// file that takes the name (a restored backup included), so it goes when the file is replaced.
+void RemoveJournalOf(const std::string& store) {
+  std::error_code ignored;
+  std::filesystem::remove(store + "-journal", ignored);
 }
 
 // True when the configuration store was copied from a sound backup.
@@ -70,6 +79,7 @@ void RestoreDataFileStore() {
     return;
   }
   CSLogger::Log(CSLogger::PRIO_INFO, "DataFileStore backup [%s] is valid.", source.c_str());
+  RemoveJournalOf(DBStore::StorePath(DBStore::DATAFILE_STORE));
   if (!CopyFile(source, DBStore::StorePath(DBStore::DATAFILE_STORE))) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Cannot copy DataFileStore from backup [%s], will create new DataFileStore.",
                   source.c_str());
@@ -90,6 +100,7 @@ bool RestoreOrCreateStore(bool restoreStore) {
   if (FileExists(store.c_str()) && Host::RunShell("/bin/rm -f " + store) != 0) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Error removing sticky ConfigStore file");
   }
+  RemoveJournalOf(store);
 
   const bool isNewStore = !RestoreConfigStore();
   RestoreDataFileStore();

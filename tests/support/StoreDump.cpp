@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cctype>
 #include <set>
 #include <stdexcept>
 
@@ -37,7 +38,37 @@ std::vector<std::vector<std::string>> Query(sqlite3* db, const std::string& sql,
   return rows;
 }
 
+// Replaces every stretch of `text` shaped like `shape` ('x' a hex digit, '9' a decimal digit, any
+// other character itself) by `mark`.
+void Mask(std::string& text, const std::string& shape, const std::string& mark) {
+  auto fits = [&](size_t at) {
+    for (size_t i = 0; i < shape.size(); ++i) {
+      auto c = static_cast<unsigned char>(text[at + i]);
+      bool ok = shape[i] == 'x' ? std::isxdigit(c) != 0 : shape[i] == '9' ? std::isdigit(c) != 0 : c == shape[i];
+      if (!ok) return false;
+    }
+    return true;
+  };
+  for (size_t at = 0; at + shape.size() <= text.size(); ++at) {
+    if (fits(at)) text.replace(at, shape.size(), mark);
+  }
+}
+
 }  // namespace
+
+std::string MaskRunToRun(std::string row) {
+  Mask(row, "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx", "<id>");
+  Mask(row, "9999-99-99 99:99:99", "<time>");
+  return row;
+}
+
+StoreDump MaskRunToRun(StoreDump dump) {
+  for (auto& [table, rows] : dump) {
+    for (std::string& row : rows) row = MaskRunToRun(std::move(row));
+    std::sort(rows.begin(), rows.end());
+  }
+  return dump;
+}
 
 StoreDump DumpStoreFile(const std::string& path, const std::string& storeName) {
   StoreDump dump;

@@ -18,6 +18,12 @@ StoreDump DumpStores();
 // when the file exists but cannot be read as a database.
 StoreDump DumpStoreFile(const std::string& path, const std::string& storeName);
 
+// A row with the parts that differ between two runs of the same operation masked: generated
+// instance ids (UUID text) read "<id>", creation times "<time>".
+std::string MaskRunToRun(std::string row);
+// Every row masked so, each table sorted again.
+StoreDump MaskRunToRun(StoreDump dump);
+
 // Lines "+ store.table row" / "- store.table row" for what differs; "" when equal. For failure
 // messages: EXPECT_EQ("", DiffStores(before, DumpStores())).
 std::string DiffStores(const StoreDump& before, const StoreDump& after);

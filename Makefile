@@ -2,9 +2,11 @@
 JOBS ?= $(shell nproc)
 BUILD ?= build
 ASAN_BUILD ?= build-asan
+BENCH_BUILD ?= build-bench
+FUZZ_BUILD ?= build-fuzz
 ROOT_COPY ?= $(BUILD)/demo-host
 
-.PHONY: deps build demo test test-asan clean
+.PHONY: deps build demo test test-asan bench fuzz fuzz-replay clean
 
 deps:
 	@./scripts/install-deps.sh
@@ -25,5 +27,16 @@ test-asan: deps
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
 	@cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
 
+# Benchmarks of the main jobs on generated big hosts, each beside its floor; writes the table.
+bench: deps
+	@./bench/run.sh $(BENCH_BUILD)
+
+# libFuzzer targets (clang, ASan + UBSan): replay the seed corpus and fuzz each target briefly
+# (CI), or fuzz for as long as FUZZ_SECONDS says.
+fuzz-replay: deps
+	@./fuzz/run.sh $(FUZZ_BUILD) replay
+fuzz: deps
+	@./fuzz/run.sh $(FUZZ_BUILD) fuzz
+
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD) $(FUZZ_BUILD)

@@ -13,8 +13,6 @@
 namespace QorConfigStore {
 namespace {
 
-constexpr const char* kDeleteDefaultMarker = "DELETE_DEFAULT";
-
 constexpr const char* kWriteUserConfigSql =
     "INSERT OR REPLACE INTO Config ( Identifier, Name, ConfigGroup, Component, Version, CreationTime, Revision, "
     "AutoConfValue, VitalValue, CachedValue, UserValue ) VALUES ( ?1, ?2, ?3, ?4, ?5, COALESCE( ( SELECT "

@@ -9,6 +9,7 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 
 #include "configstore/boot/BootApplyRecord.h"
 #include "configstore/boot/BootDocument.h"
@@ -228,7 +229,10 @@ void RaiseRecordedFailures(BootReport& report, Stage& stage) {
 }
 
 int RunLoadStore(bool restoreStore, BootReport& report) {
-  CSLogger::FileLoggerHandle logger = CSLogger::AddFileLogger("configstore-boot");
+  // Detached however the load ends: a load that throws must not leave every later line of the
+  // process going to the boot log.
+  std::unique_ptr<void, void (*)(CSLogger::FileLoggerHandle)> logger(CSLogger::AddFileLogger("configstore-boot"),
+                                                                      CSLogger::RemoveFileLogger);
   CSLogger::Log(CSLogger::PRIO_INFO, "LoadStore Start.");
   {
     Stage stage(report, "restore");
@@ -283,7 +287,6 @@ int RunLoadStore(bool restoreStore, BootReport& report) {
     RaiseRecordedFailures(report, stage);
   }
   clearBootApplyRecord();
-  CSLogger::RemoveFileLogger(logger);
   return 0;
 }
 

@@ -1,5 +1,6 @@
 #include "configstore/frame/Documents.h"
 
+#include <cmath>
 #include <fstream>
 #include <sstream>
 
@@ -37,14 +38,31 @@ int NestingDepth(const std::string& text) {
   return deepest;
 }
 
-// Parses `text` into `doc`; false on any parse error or excessive nesting. The text is read as a
-// plain memory stream: rapidjson would take a NUL byte for the end of the input (JSON text never
-// holds a raw NUL), and its length-taking Parse skips any prefix of a byte-order mark.
+// False when some number is infinite: rapidjson 1.1 reads a number just past the double range
+// ("2e308") as infinity instead of refusing it as it refuses "1e309", and infinity cannot be
+// written back as JSON. Recursion is bounded by kMaxJsonDepth.
+bool AllNumbersFinite(const rapidjson::Value& value) {
+  if (value.IsDouble()) return std::isfinite(value.GetDouble());
+  if (value.IsArray()) {
+    for (const rapidjson::Value& element : value.GetArray()) {
+      if (!AllNumbersFinite(element)) return false;
+    }
+  } else if (value.IsObject()) {
+    for (const auto& member : value.GetObject()) {
+      if (!AllNumbersFinite(member.value)) return false;
+    }
+  }
+  return true;
+}
+
+// Parses `text` into `doc`; false on any parse error, infinite number or excessive nesting. The
+// text is read as a plain memory stream: rapidjson would take a NUL byte for the end of the input
+// (JSON text never holds a raw NUL), and its length-taking Parse skips any prefix of a byte-order mark.
 bool ParseInto(JsonDoc& doc, const std::string& text) {
   if (text.find('\0') != std::string::npos || NestingDepth(text) > kMaxJsonDepth) return false;
   rapidjson::MemoryStream stream(text.data(), text.size());
   doc.document->ParseStream<rapidjson::kParseDefaultFlags | rapidjson::kParseIterativeFlag>(stream);
-  return !doc.document->HasParseError();
+  return !doc.document->HasParseError() && AllNumbersFinite(*doc.document);
 }
 
 }  // namespace

@@ -78,6 +78,8 @@ TEST_F(DocumentsTest, ParsingRefusesBadAndHostileText) {
       {std::string(100000, '[') + std::string(100000, ']'), false},  // refused, not a stack overflow
       {depth + std::string(kMaxJsonDepth, ']'), true},
       {"[\"" + std::string(5000, '[') + "\"]", true},  // brackets inside strings do not count
+      {"[1.7976931348623157e308]", true},
+      {"[{\"mtu\":21e308}]", false},  // past the double range: would be read as infinity
   };
   for (const auto& [text, ok] : cases) {
     SCOPED_TRACE(text.substr(0, 40));

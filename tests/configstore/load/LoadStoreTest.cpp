@@ -157,6 +157,9 @@ TEST_F(LoadStoreTest, FatalFailureIsAlertedAndReturnsOne) {
     }
     EXPECT_TRUE(systemLogged);
   }
+  const std::string bootLog = ReadFile("/var/log/configstore-boot.log");
+  CSLogger::Log(CSLogger::PRIO_INFO, "a line after the failed loads");
+  EXPECT_EQ(ReadFile("/var/log/configstore-boot.log"), bootLog) << "a failed load left the boot log attached";
 }
 
 TEST_F(LoadStoreTest, TrackFilesWritesOrLeavesItsList) {

@@ -1,0 +1,48 @@
+// The user/vital/cached split of a value by its schema. The input is a value, split by every
+// registered schema of the sample host, or {"schema": S, "value": V} to split V by a schema of its
+// own. Mistyped values and schemas are refused with a ConfigStoreException; each part that comes out
+// must be JSON again.
+#include "configstore/frame/Documents.h"
+#include "fuzz/FuzzHost.h"
+#include "platform/schemastore/SchemaStore.h"
+
+using namespace QorConfigStore;
+
+namespace {
+
+std::shared_ptr<QorSchemaStore::SchemaObjectCache> registered;
+
+void Split(const rapidjson::Value& value, const rapidjson::Value& schema) {
+  std::unordered_map<std::string, std::string> parts;
+  if (csfuzz::Refused([&] { parts = SplitConfig(value, schema); })) return;
+  for (const char* part : {"user", "vital", "cached"}) {
+    auto it = parts.find(part);
+    if (it == parts.end()) csfuzz::Finding(std::string("no ") + part + " part");
+    if (!it->second.empty() && csfuzz::Refused([&] { CreateDocumentFromString(it->second); }, {CS_ERR_JSON_PARSE_STRING})) {
+      csfuzz::Finding(std::string("the ") + part + " part is not JSON: " + it->second.substr(0, 200));
+    }
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  csfuzz::SetUpHost(csfuzz::HostKind::Booted);
+  registered = QorSchemaStore::SchemaStore::GetCache();
+  if (registered->GetAll().empty()) csfuzz::Finding("the sample host registered no schema");
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  std::shared_ptr<JsonDoc> doc;
+  if (csfuzz::Refused([&] { doc = CreateDocumentFromString(csfuzz::Text(data, size)); }, {CS_ERR_JSON_PARSE_STRING})) {
+    return 0;
+  }
+  const rapidjson::Value& root = *doc->document;
+  if (root.IsObject() && root.HasMember("schema") && root.HasMember("value")) {
+    Split(root["value"], root["schema"]);
+    return 0;
+  }
+  for (const auto& [id, schema] : registered->GetAll()) Split(root, schema->GetSchemaValue());
+  return 0;
+}

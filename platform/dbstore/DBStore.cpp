@@ -103,6 +103,7 @@ bool Configure(sqlite3* db, bool readWrite, const std::string& path) {
 }  // namespace
 
 StoreConnection::~StoreConnection() {
+  keptStatements.clear();  // finalized while the handle is still open
   if (db == nullptr) return;
   if (!sqlite3_get_autocommit(db)) RunControl(db, "ROLLBACK", "Failed to roll back on close", kTimeoutMs);
   sqlite3_close_v2(db);
@@ -219,11 +220,10 @@ int CancelTransaction(const Connection& conn) {
 
 namespace internal {
 
-Statement Prepare(const Connection& conn, std::string_view sql, int timeoutMs) {
-  if (faults::Injected(faults::Kind::Prepare)) {
-    LogError("Failed to prepare statement", faults::kInjected);
-    return nullptr;
-  }
+namespace {
+
+// Prepare without the fault-injection count.
+Statement PrepareNow(const Connection& conn, std::string_view sql, int timeoutMs) {
   if (!Usable(conn)) {
     LogError("Failed to prepare statement", "no database connection");
     return nullptr;
@@ -263,6 +263,32 @@ Statement Prepare(const Connection& conn, std::string_view sql, int timeoutMs) {
     }
   }
   return stmt;
+}
+
+}  // namespace
+
+Statement Prepare(const Connection& conn, std::string_view sql, int timeoutMs) {
+  if (faults::Injected(faults::Kind::Prepare)) {
+    LogError("Failed to prepare statement", faults::kInjected);
+    return nullptr;
+  }
+  return PrepareNow(conn, sql, timeoutMs);
+}
+
+const Statement* PrepareKept(const Connection& conn, std::string_view sql, int timeoutMs) {
+  if (faults::Injected(faults::Kind::Prepare)) {
+    LogError("Failed to prepare statement", faults::kInjected);
+    return nullptr;
+  }
+  if (!Usable(conn)) {
+    LogError("Failed to prepare statement", "no database connection");
+    return nullptr;
+  }
+  auto found = conn->keptStatements.find(std::string(sql));
+  if (found != conn->keptStatements.end()) return &found->second;
+  Statement stmt = PrepareNow(conn, sql, timeoutMs);
+  if (!stmt) return nullptr;
+  return &conn->keptStatements.emplace(std::string(sql), std::move(stmt)).first->second;
 }
 
 namespace {
@@ -377,14 +403,16 @@ int ExecuteStmt(const Connection& conn, const Statement& stmt, RowCallback callb
 
 int Execute(const Connection& conn, std::string_view sql, const std::vector<std::string>& stringArgs,
             const std::vector<int64_t>& intArgs, int timeoutMs) {
-  Statement stmt = internal::Prepare(conn, sql, timeoutMs);
-  if (!stmt) return 1;
+  const Statement* stmt = internal::PrepareKept(conn, sql, timeoutMs);
+  if (stmt == nullptr) return 1;
   int index = 1;
-  if (internal::Bind(conn, stmt, index, stringArgs) != 0) return 1;
-  for (int64_t value : intArgs) {
-    if (internal::Bind(conn, stmt, index, value) != 0) return 1;
+  bool bound = internal::Bind(conn, *stmt, index, stringArgs) == 0;
+  for (size_t i = 0; bound && i < intArgs.size(); ++i) bound = internal::Bind(conn, *stmt, index, intArgs[i]) == 0;
+  if (!bound) {
+    sqlite3_clear_bindings(stmt->get());  // the kept statement starts its next use unbound
+    return 1;
   }
-  return ExecuteStmt(conn, stmt, nullptr, nullptr, timeoutMs);
+  return ExecuteStmt(conn, *stmt, nullptr, nullptr, timeoutMs);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -24,6 +24,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace DBStore {
@@ -33,11 +34,18 @@ enum Type : int { CONFIG_STORE = 0, DATAFILE_STORE = 2 };
 // Busy time-out every caller of the library passes.
 constexpr int kTimeoutMs = 3000;
 
-// Owns `db` (closed by the destructor).
+struct SqliteStmtDeleter {
+  void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, SqliteStmtDeleter>;
+
+// Owns `db` (closed by the destructor) and the statements kept on it for reuse.
 struct StoreConnection {
   sqlite3* db = nullptr;
   Type type = CONFIG_STORE;
   bool schemaStoreAttached = false;
+  // Statements of internal::PrepareKept and Execute, by SQL text; finalized before the close.
+  std::unordered_map<std::string, Statement> keptStatements;
   ~StoreConnection();  // rolls back an open transaction, then closes
 };
 using Connection = std::shared_ptr<StoreConnection>;
@@ -69,11 +77,6 @@ int CommitTransaction(const Connection& conn);
 int CommitTransaction(const Connection& conn, int timeoutMs);
 int CancelTransaction(const Connection& conn);
 
-struct SqliteStmtDeleter {
-  void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
-};
-using Statement = std::unique_ptr<sqlite3_stmt, SqliteStmtDeleter>;
-
 // Row callback, as sqlite3_exec's: context, column count, column texts (NULL for SQL NULL),
 // column names. A non-zero return stops the statement and makes ExecuteStmt fail.
 using RowCallback = int (*)(void* context, int argc, char** argv, char** columnNames);
@@ -84,6 +87,13 @@ namespace internal {
 // one statement is refused rather than cut short. The statement belongs to `conn`: release it
 // before the connection's last handle goes.
 Statement Prepare(const Connection& conn, std::string_view sql, int timeoutMs);
+
+// As Prepare, but the statement stays with `conn` and the same text gets the same statement back
+// (preparing costs more than running a small statement, and loops run the same few). The pointer is
+// borrowed: valid while `conn` lives. ExecuteStmt leaves it reset with no bindings for the next
+// use; do not hold it across another use of the same text. Each call counts as a Prepare for fault
+// injection and fails like one: null, logged.
+const Statement* PrepareKept(const Connection& conn, std::string_view sql, int timeoutMs);
 
 // Binds the next parameter at `index` (1-based, advanced past what was bound). 0 on success;
 // non-zero on an empty handle or an index out of range. Values are always copied
@@ -111,7 +121,8 @@ int Bind(const Connection& conn, const Statement& stmt, int& index, T value) {
 // it may be bound and run again. The texts passed to the callback live until it returns.
 int ExecuteStmt(const Connection& conn, const Statement& stmt, RowCallback callback, void* context, int timeoutMs);
 
-// Prepares `sql`, binds the string arguments then the integer arguments, runs it. 0 on success, 1 on failure.
+// Prepares `sql` (kept on the connection: see PrepareKept), binds the string arguments then the
+// integer arguments, runs it. 0 on success, 1 on failure.
 int Execute(const Connection& conn, std::string_view sql, const std::vector<std::string>& stringArgs,
             const std::vector<int64_t>& intArgs, int timeoutMs);
 

@@ -118,7 +118,10 @@ class SchemaObject {
 
  private:
   SchemaRecord record_;
-  rapidjson::Document schema_;
+  // A schema is a few KiB: rapidjson's default 64 KiB chunk per object made a cache of thousands of
+  // keys cost hundreds of MiB. Declared before schema_, which allocates from it.
+  rapidjson::MemoryPoolAllocator<> pool_{4096};
+  rapidjson::Document schema_{&pool_};
 };
 
 }  // namespace QorSchemaStore

@@ -40,18 +40,22 @@ int CollectRow(void* context, int argc, char** argv, char** names) {
   }
 }
 
-// Prepares, binds in order and runs `sql`; `rows` (when given) receives every result row.
+// Binds in order and runs `sql`, prepared once per connection (registration and lookups run the
+// same few statements thousands of times); `rows` (when given) receives every result row.
 // 0 on success, 1 on failure (DBStore logs the cause).
 int Run(const DBStore::Connection& conn, std::string_view sql, std::initializer_list<Arg> args,
         std::vector<Row>* rows = nullptr) {
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
-  if (!stmt) return 1;
+  const DBStore::Statement* stmt = DBStore::internal::PrepareKept(conn, sql, DBStore::kTimeoutMs);
+  if (stmt == nullptr) return 1;
   int index = 1;
   for (const Arg& arg : args) {
-    int rc = std::visit([&](auto value) { return DBStore::internal::Bind(conn, stmt, index, value); }, arg);
-    if (rc != 0) return 1;
+    int rc = std::visit([&](auto value) { return DBStore::internal::Bind(conn, *stmt, index, value); }, arg);
+    if (rc != 0) {
+      sqlite3_clear_bindings(stmt->get());  // the kept statement starts its next use unbound
+      return 1;
+    }
   }
-  return DBStore::ExecuteStmt(conn, stmt, rows ? CollectRow : nullptr, rows, DBStore::kTimeoutMs);
+  return DBStore::ExecuteStmt(conn, *stmt, rows ? CollectRow : nullptr, rows, DBStore::kTimeoutMs);
 }
 
 // ---------------------------------------------------------------------------------------------

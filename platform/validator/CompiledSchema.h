@@ -35,7 +35,7 @@ struct Node;
 
 struct PatternSchema {
   std::string source;
-  std::unique_ptr<RE2> re;
+  std::shared_ptr<const RE2> re;  // shared with every schema of the same pattern
   const Node* schema = nullptr;
 };
 
@@ -70,7 +70,7 @@ struct Node {
 
   std::optional<uint64_t> minLength, maxLength;
   std::string patternSource;
-  std::unique_ptr<RE2> pattern;
+  std::shared_ptr<const RE2> pattern;
 
   const rapidjson::Value* minimum = nullptr;
   const rapidjson::Value* maximum = nullptr;
@@ -90,6 +90,9 @@ struct CompiledSchema {
   std::string error;  // not empty: the schema cannot be used; says why and where
   const Node* root = nullptr;
   std::deque<Node> nodes;
+  // Pools of the documents below, with chunks sized for a schema rather than rapidjson's 64 KiB
+  // default (a host holds thousands of compiled schemas). Declared first: they outlive the documents.
+  std::deque<rapidjson::MemoryPoolAllocator<>> pools;
   std::deque<rapidjson::Document> documents;  // private copies: the root schema, then each remote one
 };
 

@@ -3,6 +3,8 @@
 #include <cctype>
 #include <cstdio>
 #include <map>
+#include <mutex>
+#include <unordered_map>
 
 namespace JsonValidator::detail {
 namespace {
@@ -87,18 +89,47 @@ std::string Translate(const std::string& p) {
   return out;
 }
 
+// More distinct patterns than a host's schemas hold: reaching it means patterns are made up per
+// call; start afresh.
+constexpr size_t kMaxCachedPatterns = 20000;
+
+struct PatternCache {
+  std::mutex mutex;
+  std::unordered_map<std::string, std::shared_ptr<const RE2>> compiled;  // key: the ECMA source
+};
+
+PatternCache& ThePatternCache() {
+  static PatternCache cache;
+  return cache;
+}
+
 }  // namespace
 
-std::unique_ptr<RE2> CompileEcmaPattern(const std::string& pattern, std::string& error) {
+std::shared_ptr<const RE2> CompileEcmaPattern(const std::string& pattern, std::string& error) {
+  PatternCache& cache = ThePatternCache();
+  {
+    std::lock_guard<std::mutex> lock(cache.mutex);
+    auto found = cache.compiled.find(pattern);
+    if (found != cache.compiled.end()) return found->second;
+  }
   RE2::Options options;
   options.set_log_errors(false);
   options.set_encoding(RE2::Options::EncodingUTF8);
-  auto re = std::make_unique<RE2>(Translate(pattern), options);
+  auto re = std::make_shared<const RE2>(Translate(pattern), options);
   if (!re->ok()) {
     error = re->error();
     return nullptr;
   }
+  std::lock_guard<std::mutex> lock(cache.mutex);
+  if (cache.compiled.size() >= kMaxCachedPatterns) cache.compiled.clear();
+  cache.compiled.emplace(pattern, re);
   return re;
+}
+
+void ClearPatternCache() {
+  PatternCache& cache = ThePatternCache();
+  std::lock_guard<std::mutex> lock(cache.mutex);
+  cache.compiled.clear();
 }
 
 bool PatternFinds(const RE2& re, const char* text, size_t length) {

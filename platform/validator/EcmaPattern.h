@@ -14,7 +14,12 @@ namespace JsonValidator::detail {
 // Unicode category names (\p{Letter}, \p{digit}) become RE2's short ones. \d and \w are ASCII in
 // both. Returns null and sets `error` when RE2 refuses the pattern (look-arounds and
 // back-references, for instance). Never throws for a bad pattern.
-std::unique_ptr<RE2> CompileEcmaPattern(const std::string& pattern, std::string& error);
+// Compiled patterns are shared by source text across schemas for the life of the process (the
+// hosts' schemas repeat a handful of patterns thousands of times, and compiling a bounded repetition
+// such as {1,253} costs far more than matching it); a shared RE2 is only matched, which RE2 allows
+// from any thread. ClearPatternCache drops them.
+std::shared_ptr<const RE2> CompileEcmaPattern(const std::string& pattern, std::string& error);
+void ClearPatternCache();
 
 // Unanchored search, as ECMA's RegExp.prototype.test.
 bool PatternFinds(const RE2& re, const char* text, size_t length);

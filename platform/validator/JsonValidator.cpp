@@ -7,6 +7,7 @@
 #include "platform/logging/CSLogger.h"
 #include "platform/validator/CompiledSchema.h"
 #include "platform/validator/ConfigStoreDocument.h"
+#include "platform/validator/EcmaPattern.h"
 
 namespace JsonValidator {
 namespace {
@@ -124,6 +125,7 @@ void ClearCache() {
   std::lock_guard<std::mutex> lock(cache.mutex);
   cache.entries.clear();
   cache.stats = CacheStatistics();
+  detail::ClearPatternCache();
 }
 
 }  // namespace JsonValidator

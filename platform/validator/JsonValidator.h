@@ -45,7 +45,7 @@ struct CacheStatistics {
 };
 CacheStatistics CacheStats();
 
-// Drops every compiled schema and zeroes the statistics.
+// Drops every compiled schema and compiled pattern, and zeroes the statistics.
 void ClearCache();
 
 }  // namespace JsonValidator

@@ -46,13 +46,15 @@ class Compiler {
   }
 
  private:
+  static constexpr size_t kSchemaPoolChunkBytes = 4096;
+
   // Copies a schema document into the result and indexes it under `uri` (no fragment).
   const Value& Load(const Value& source, const std::string& uri) {
     if (DepthExceeds(source, 2 * kMaxDepth)) {
       throw SchemaError{"the schema " + (uri.empty() ? std::string() : "\"" + uri + "\" ") + "nests deeper than " +
                         std::to_string(2 * kMaxDepth) + " levels"};
     }
-    rapidjson::Document& copy = out_.documents.emplace_back();
+    rapidjson::Document& copy = out_.documents.emplace_back(&out_.pools.emplace_back(kSchemaPoolChunkBytes));
     copy.CopyFrom(source, copy.GetAllocator());
     byUri_.emplace(uri, &copy);
     Index(copy, Place{uri, uri + "#"});
@@ -189,7 +191,7 @@ class Compiler {
     };
     auto pattern = [&](const std::string& source) {
       std::string error;
-      std::unique_ptr<RE2> re = CompileEcmaPattern(source, error);
+      std::shared_ptr<const RE2> re = CompileEcmaPattern(source, error);
       if (!re) throw SchemaError{at + ": bad pattern \"" + source + "\": " + error};
       return re;
     };

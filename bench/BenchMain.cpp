@@ -1,0 +1,297 @@
+// Every main job of the library on generated hosts, each beside its floor (bench/Floors.h) in the
+// same run. Usage:
+//   configstore_bench --host=1x:DIR [--host=2x:DIR ...] [--table=FILE] [Google Benchmark flags]
+// Each host root is made by configstore_bench_gen. Every iteration starts from the host's golden
+// stores (restored untimed) and from a cold validator cache, as a boot process does. The table
+// (median of the iterations, peak heap from bench/HeapCounter.h) goes to standard output and FILE.
+#include <benchmark/benchmark.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <sstream>
+
+#include "bench/Floors.h"
+#include "bench/HeapCounter.h"
+#include "bench/SyntheticHost.h"
+#include "configstore/boot/LoadStore.h"
+#include "configstore/desired/DesiredConfig.h"
+#include "configstore/frame/Metrics.h"
+#include "configstore/maintenance/Cleanup.h"
+#include "configstore/packages/PackageFiles.h"
+#include "configstore/schema/SchemaProcessor.h"
+#include "platform/host/HostRoot.h"
+#include "platform/validator/JsonValidator.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct HostRun {
+  std::string label;
+  std::string root;
+};
+
+struct Result {
+  std::vector<double> job, floor;  // wall milliseconds per iteration
+  std::vector<double> jobCpu, floorCpu;  // CPU milliseconds (user + system) per iteration
+  size_t jobPeak = 0, floorPeak = 0;
+};
+
+double CpuMs() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  auto ms = [](const timeval& t) { return static_cast<double>(t.tv_sec) * 1000.0 + t.tv_usec / 1000.0; };
+  return ms(usage.ru_utime) + ms(usage.ru_stime);
+}
+
+std::vector<HostRun> gHosts;
+std::vector<std::string> gJobOrder;
+std::map<std::string, std::map<std::string, Result>> gResults;  // job -> host label -> result
+
+std::string Golden(const std::string& name) { return Host::Resolve(bench::kGoldenDir) + "/" + name; }
+
+void Put(const std::string& goldenName, const std::string& hostPath) {
+  const std::string target = Host::Resolve(hostPath);
+  fs::create_directories(fs::path(target).parent_path());
+  fs::copy_file(Golden(goldenName), target, fs::copy_options::overwrite_existing);
+}
+
+constexpr const char* kStore = "/etc/talvex/configstore/current-store-1";
+constexpr const char* kDataStore = "/etc/talvex/configstore/datafile-store";
+constexpr const char* kSchemaStore = "/var/lib/talvex/schemastore/schema-store";
+constexpr const char* kBackup = "/var/lib/talvex/configstore/backup/current-store-1";
+constexpr const char* kDataBackup = "/var/lib/talvex/configstore/backup/datafile-store";
+constexpr const char* kStaged = "/bench/work/staged-store";
+
+void LiveStores() {
+  Put("current-store-1", kStore);
+  Put("datafile-store", kDataStore);
+  Put("schema-store", kSchemaStore);
+}
+
+// The backups a boot restores from; the store on the ramdisk is gone, as after a reboot.
+void BootFrom(const std::string& goldenStore) {
+  Put(goldenStore, kBackup);
+  Put("datafile-store", kDataBackup);
+  Put("schema-store", kSchemaStore);
+  fs::remove(Host::Resolve(kStore));
+  fs::remove(Host::Resolve(kDataStore));
+}
+
+void DataFilesFromGolden() {
+  const std::string live = Host::Resolve("/var/cache/datafiles");
+  fs::remove_all(live);
+  fs::copy(Golden("datafiles"), live, fs::copy_options::recursive);
+  Put("datafile-store", kDataStore);
+}
+
+std::unique_ptr<rapidjson::Document> DesiredDocument() {
+  std::ifstream in(Host::Resolve(bench::kDesiredDocument), std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  auto doc = std::make_unique<rapidjson::Document>();
+  doc->Parse(text.str().c_str());
+  if (doc->HasParseError()) throw std::runtime_error("desired document does not parse");
+  return doc;
+}
+
+std::vector<std::string> StickyFiles() {
+  std::ifstream in(Host::Resolve(bench::kStickyList));
+  std::vector<std::string> files;
+  for (std::string line; std::getline(in, line);) files.push_back(line);
+  return files;
+}
+
+// A job: `prepare` runs once per benchmark, `reset` untimed before each iteration; `job` or `floor`
+// is what is timed.
+struct Job {
+  std::string name;
+  int iterations;
+  std::function<void()> prepare;
+  std::function<void()> reset;
+  std::function<void()> job;
+  std::function<void()> floor;
+};
+
+std::unique_ptr<rapidjson::Document> gDoc;
+std::vector<std::string> gSticky;
+
+std::vector<Job> Jobs() {
+  return {
+      {"ProcessSchemas", 3, nullptr, LiveStores, [] { QorConfigStore::ProcessSchemas({}); },
+       [] { bench::floor::ProcessSchemas(); }},
+      {"LoadStore, schema-change boot", 3, nullptr, [] { BootFrom("current-store-1.upgrade"); },
+       [] { QorConfigStore::LoadStore(true); }, [] { bench::floor::Boot(true); }},
+      {"LoadStore, ordinary boot", 3, nullptr, [] { BootFrom("current-store-1"); },
+       [] { QorConfigStore::LoadStore(true); }, [] { bench::floor::Boot(false); }},
+      {"SetDesiredUserConfig", 3, nullptr,
+       [] {
+         LiveStores();
+         gDoc = DesiredDocument();
+       },
+       [] { QorConfigStore::SetDesiredUserConfig(*gDoc); }, [] { bench::floor::SetDesiredUserConfig(*gDoc); }},
+      {"LoadStore, boot after SetDesiredUserConfig", 3,
+       [] {
+         LiveStores();
+         auto doc = DesiredDocument();
+         QorConfigStore::SetDesiredUserConfig(*doc);
+         fs::create_directories(Host::Resolve("/bench/work"));
+         fs::copy_file(Host::Resolve(kStore), Host::Resolve(kStaged), fs::copy_options::overwrite_existing);
+       },
+       [] {
+         fs::copy_file(Host::Resolve(kStaged), Host::Resolve(kBackup), fs::copy_options::overwrite_existing);
+         Put("datafile-store", kDataBackup);
+         Put("schema-store", kSchemaStore);
+         fs::remove(Host::Resolve(kStore));
+       },
+       [] { QorConfigStore::LoadStore(true); }, [] { bench::floor::DesiredBoot(); }},
+      {"CleanupStore", 5, nullptr, LiveStores, [] { QorConfigStore::CleanupStore(true); },
+       [] { bench::floor::CleanupStore(); }},
+      {"CleanupAutoConfig", 5, nullptr, LiveStores, [] { QorConfigStore::CleanupAutoConfig(); },
+       [] { bench::floor::CleanupAutoConfig(); }},
+      {"CleanupDataFiles", 5, nullptr, DataFilesFromGolden, [] { QorConfigStore::CleanupDataFiles(); },
+       [] { bench::floor::CleanupDataFiles(); }},
+      {"Metrics (4 sizes + per-row metrics)", 5, LiveStores, nullptr,
+       [] {
+         benchmark::DoNotOptimize(QorConfigStore::GetVitalConfigSize() + QorConfigStore::GetUserConfigSize() +
+                                  QorConfigStore::GetCachedConfigSize() + QorConfigStore::GetConfigRowCount());
+         benchmark::DoNotOptimize(QorConfigStore::GetConfigMetrics());
+       },
+       [] { bench::floor::Metrics(); }},
+      {"FilterStickyBitFiles", 5, [] { gSticky = StickyFiles(); }, nullptr,
+       [] { benchmark::DoNotOptimize(QorConfigStore::FilterStickyBitFiles(gSticky)); },
+       [] { benchmark::DoNotOptimize(bench::floor::FilterStickyBitFiles(gSticky)); }},
+  };
+}
+
+void RunTimed(benchmark::State& state, const HostRun& host, const Job& job, bool isFloor) {
+  Host::SetRoot(host.root);
+  if (job.prepare) job.prepare();
+  Result& result = gResults[job.name][host.label];
+  for (auto _ : state) {
+    if (job.reset) job.reset();
+    JsonValidator::ClearCache();
+    bench::HeapMark();
+    double cpuStart = CpuMs();
+    auto start = std::chrono::steady_clock::now();
+    (isFloor ? job.floor : job.job)();
+    std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    (isFloor ? result.floorCpu : result.jobCpu).push_back(CpuMs() - cpuStart);
+    size_t peak = bench::HeapPeakSinceMark();
+    state.SetIterationTime(elapsed.count());
+    (isFloor ? result.floor : result.job).push_back(elapsed.count() * 1000.0);
+    size_t& kept = isFloor ? result.floorPeak : result.jobPeak;
+    kept = std::max(kept, peak);
+  }
+}
+
+double Median(std::vector<double> values) {
+  if (values.empty()) return 0;
+  std::sort(values.begin(), values.end());
+  size_t n = values.size();
+  return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+std::string Fixed(double value, int digits) {
+  std::ostringstream out;
+  out.setf(std::ios::fixed);
+  out.precision(digits);
+  out << value;
+  return out.str();
+}
+
+std::string Mib(size_t bytes) { return Fixed(static_cast<double>(bytes) / (1024.0 * 1024.0), 1); }
+
+std::string Table() {
+  std::ostringstream out;
+  out << "Median of the iterations in milliseconds, wall clock and CPU (user + system); the floor runs in\n"
+         "the same process and run. Peak heap: the highest rise of heap bytes in use during one iteration\n"
+         "(malloc family interposed: C++, rapidjson, SQLite, RE2, pugixml), in MiB.\n\n";
+  for (const HostRun& host : gHosts) {
+    std::ifstream counts(host.root + bench::kCountsFile);
+    out << "- host " << host.label << ":";
+    for (std::string name, value; counts >> name >> value;) out << " " << name << "=" << value;
+    out << "\n";
+  }
+  out << "\n| job | host | time | floor | ratio | CPU | CPU floor | CPU ratio | peak heap | floor peak heap |\n"
+         "|---|---|---:|---:|---:|---:|---:|---:|---:|---:|\n";
+  auto ratio = [](double a, double b) { return b > 0 ? Fixed(a / b, 2) : std::string("-"); };
+  for (const std::string& job : gJobOrder) {
+    for (const HostRun& h : gHosts) {
+      const Result& r = gResults[job][h.label];
+      double t = Median(r.job), f = Median(r.floor), c = Median(r.jobCpu), cf = Median(r.floorCpu);
+      out << "| " << job << " | " << h.label << " | " << Fixed(t, 1) << " | " << Fixed(f, 1) << " | " << ratio(t, f)
+          << " | " << Fixed(c, 1) << " | " << Fixed(cf, 1) << " | " << ratio(c, cf) << " | " << Mib(r.jobPeak)
+          << " | " << Mib(r.floorPeak) << " |\n";
+    }
+  }
+  if (gHosts.size() >= 2) {
+    const std::string& a = gHosts[0].label;
+    const std::string& b = gHosts[1].label;
+    out << "\nGrowth from host " << a << " to host " << b << " (job time " << b << " / job time " << a << "):\n\n"
+        << "| job | wall growth | CPU growth | floor wall growth |\n|---|---:|---:|---:|\n";
+    for (const std::string& job : gJobOrder) {
+      const Result& ra = gResults[job][a];
+      const Result& rb = gResults[job][b];
+      out << "| " << job << " | " << ratio(Median(rb.job), Median(ra.job)) << " | "
+          << ratio(Median(rb.jobCpu), Median(ra.jobCpu)) << " | " << ratio(Median(rb.floor), Median(ra.floor))
+          << " |\n";
+    }
+  }
+  return out.str();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string tableFile;
+  std::vector<char*> rest;
+  for (int i = 0; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (arg.rfind("--host=", 0) == 0) {
+      std::string spec = arg.substr(7);
+      auto colon = spec.find(':');
+      if (colon == std::string::npos) {
+        std::cerr << "--host=LABEL:DIR\n";
+        return 2;
+      }
+      gHosts.push_back({spec.substr(0, colon), fs::absolute(spec.substr(colon + 1)).lexically_normal().string()});
+    } else if (arg.rfind("--table=", 0) == 0) {
+      tableFile = arg.substr(8);
+    } else {
+      rest.push_back(argv[i]);
+    }
+  }
+  if (gHosts.empty()) {
+    std::cerr << "usage: " << argv[0] << " --host=LABEL:DIR [--host=...] [--table=FILE] [benchmark flags]\n";
+    return 2;
+  }
+  int restCount = static_cast<int>(rest.size());
+  benchmark::Initialize(&restCount, rest.data());
+
+  static const std::vector<Job> jobs = Jobs();
+  for (const Job& job : jobs) {
+    gJobOrder.push_back(job.name);
+    for (const HostRun& host : gHosts) {
+      for (bool isFloor : {false, true}) {
+        std::string name = job.name + "/" + host.label + (isFloor ? "/floor" : "/job");
+        benchmark::RegisterBenchmark(name.c_str(), [&job, host, isFloor](benchmark::State& state) {
+          RunTimed(state, host, job, isFloor);
+        })->Iterations(job.iterations)->UseManualTime()->Unit(benchmark::kMillisecond);
+      }
+    }
+  }
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+
+  std::string table = Table();
+  std::cout << "\n" << table;
+  if (!tableFile.empty()) std::ofstream(tableFile, std::ios::trunc) << table;
+  return 0;
+}

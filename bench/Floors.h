@@ -1,0 +1,24 @@
+// The floor of each benchmarked job: the same SQL statements and the same JSON and file work,
+// done directly with SQLite, rapidjson and pugixml in the benchmark's process, with statements
+// prepared once per run, no library frame and no logging. What a job costs beyond its floor is
+// what the library adds. All work on the current host root (Host::Resolve); failures throw.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "configstore/frame/core/Json.h"
+
+namespace bench::floor {
+
+void ProcessSchemas();                 // registration, then default configuration
+void Boot(bool schemaChange);          // restore, [schemas, store cleanup], auto-config cleanup, fold
+void DesiredBoot();                    // restore, auto-config cleanup, boot mode 1 apply, fold
+void SetDesiredUserConfig(rapidjson::Document& doc);
+void CleanupStore();                   // the boot flavour: no directory removal
+void CleanupAutoConfig();
+void CleanupDataFiles();
+void Metrics();
+std::vector<std::string> FilterStickyBitFiles(const std::vector<std::string>& files);
+
+}  // namespace bench::floor

@@ -6,7 +6,7 @@ BENCH_BUILD ?= build-bench
 FUZZ_BUILD ?= build-fuzz
 ROOT_COPY ?= $(BUILD)/demo-host
 
-.PHONY: deps build demo test test-asan bench fuzz fuzz-replay clean
+.PHONY: deps build demo test test-asan reliability bench fuzz fuzz-replay clean
 
 deps:
 	@./scripts/install-deps.sh
@@ -26,6 +26,10 @@ test-asan: deps
 	@cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DCONFIGSTORE_SANITIZE=ON >/dev/null
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
 	@cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
+
+# The figures of the fault sweeps, crash loop and hostile inputs (CONFIGSTORE_LONG=1: long versions).
+reliability: build
+	@./scripts/reliability-figures.sh $(BUILD)
 
 # Benchmarks of the main jobs on generated big hosts, each beside its floor; writes the table.
 bench: deps

@@ -11,23 +11,21 @@ enum class Op { StageDesiredA, Boot, StageDesiredB, StageSmartnic };
 
 // After a boot that applied A, B is staged and replaced by a SmartNIC document,
 // which the next boot applies.
-constexpr std::array<Op, 5> kCycle = {Op::StageDesiredA, Op::Boot,
-                                      Op::StageDesiredB, Op::StageSmartnic,
-                                      Op::Boot};
+constexpr std::array<Op, 5> kCycle = {Op::StageDesiredA, Op::Boot, Op::StageDesiredB, Op::StageSmartnic, Op::Boot};
 
 // Host paths of the documents the staging operations read.
-constexpr const char *kDesiredA = "/crash/desired-a.json";
-constexpr const char *kDesiredB = "/crash/desired-b.json";
-constexpr const char *kSmartnic = "/crash/smartnic.json";
+constexpr const char* kDesiredA = "/crash/desired-a.json";
+constexpr const char* kDesiredB = "/crash/desired-b.json";
+constexpr const char* kSmartnic = "/crash/smartnic.json";
 
 // The driver appends "B <n>\n" before its n-th operation (counted from 0 in
 // each run) touches the store and "E <n>\n" after it returned, with write(2): a
 // SIGKILL keeps every note made before it.
-constexpr const char *kProgress = "/crash/progress";
+constexpr const char* kProgress = "/crash/progress";
 
 // Exit statuses of a driver that ended on its own.
 constexpr int kDriverDone = 0;
 constexpr int kDriverUsage = 2;
 constexpr int kDriverOpFailed = 3;
 
-} // namespace crashcycle
+}  // namespace crashcycle

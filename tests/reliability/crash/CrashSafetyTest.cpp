@@ -35,17 +35,16 @@ using crashcycle::Op;
 struct StagedState {
   std::vector<std::string> rows;
   int bootMode = 0;
-  bool operator==(const StagedState &) const = default;
+  bool operator==(const StagedState&) const = default;
 };
 
 // The boot mode and the rows of `s` that `other` lacks.
-std::string Describe(const StagedState &s, const StagedState &other) {
+std::string Describe(const StagedState& s, const StagedState& other) {
   std::ostringstream out;
   out << "boot mode " << s.bootMode << ", " << s.rows.size() << " staged rows";
   int shown = 0;
-  for (const std::string &row : s.rows) {
-    if (shown < 5 &&
-        !std::binary_search(other.rows.begin(), other.rows.end(), row)) {
+  for (const std::string& row : s.rows) {
+    if (shown < 5 && !std::binary_search(other.rows.begin(), other.rows.end(), row)) {
       out << "\n  only here: " << row;
       ++shown;
     }
@@ -53,55 +52,45 @@ std::string Describe(const StagedState &s, const StagedState &other) {
   return out.str();
 }
 
-const char *Name(Op op) {
+const char* Name(Op op) {
   switch (op) {
-  case Op::StageDesiredA:
-    return "stage A";
-  case Op::StageDesiredB:
-    return "stage B";
-  case Op::StageSmartnic:
-    return "stage SmartNIC";
-  case Op::Boot:
-    return "boot load";
+    case Op::StageDesiredA:
+      return "stage A";
+    case Op::StageDesiredB:
+      return "stage B";
+    case Op::StageSmartnic:
+      return "stage SmartNIC";
+    case Op::Boot:
+      return "boot load";
   }
   return "?";
 }
 
-Op CycleOp(long position) {
-  return crashcycle::kCycle[static_cast<size_t>(position) %
-                            crashcycle::kCycle.size()];
-}
+Op CycleOp(long position) { return crashcycle::kCycle[static_cast<size_t>(position) % crashcycle::kCycle.size()]; }
 
 // A desired document of `accounts` user accounts named prefix0..: big enough
 // that kills land inside its transaction, not only around it.
-std::string DesiredDocument(const std::string &network,
-                            const std::string &prefix, int accounts,
-                            const std::string &extraGroups) {
+std::string DesiredDocument(const std::string& network, const std::string& prefix, int accounts,
+                            const std::string& extraGroups) {
   std::string users;
   for (int i = 0; i < accounts; ++i) {
-    users += (i ? "," : "") + std::string("{\"name\":\"") + prefix +
-             std::to_string(i) + "\",\"description\":\"" + prefix +
-             " account " + std::to_string(i) + "\"}";
+    users += (i ? "," : "") + std::string("{\"name\":\"") + prefix + std::to_string(i) + "\",\"description\":\"" +
+             prefix + " account " + std::to_string(i) + "\"}";
   }
-  return "{\"profile\":{\"qor\":{\"network\":" + network +
-         ",\"authentication\":{\"user_accounts\":[" + users + "]}" +
+  return "{\"profile\":{\"qor\":{\"network\":" + network + ",\"authentication\":{\"user_accounts\":[" + users + "]}" +
          extraGroups + "}}}";
 }
 
 long TotalKills() {
-  if (const char *n = std::getenv("CONFIGSTORE_CRASH_KILLS"))
-    return std::max(1L, std::atol(n));
-  if (const char *longRun = std::getenv("CONFIGSTORE_LONG");
-      longRun && std::string(longRun) == "1")
-    return 1002;
+  if (const char* n = std::getenv("CONFIGSTORE_CRASH_KILLS")) return std::max(1L, std::atol(n));
+  if (const char* longRun = std::getenv("CONFIGSTORE_LONG"); longRun && std::string(longRun) == "1") return 1002;
   return 60;
 }
 
-constexpr long kCases = 3; // the seeds below share the kills
+constexpr long kCases = 3;  // the seeds below share the kills
 
-class CrashSafetyTest : public cstest::SandboxTest,
-                        public testing::WithParamInterface<unsigned> {
-protected:
+class CrashSafetyTest : public cstest::SandboxTest, public testing::WithParamInterface<unsigned> {
+ protected:
   void SetUp() override {
     SandboxTest::SetUp();
     CopyExampleHost();
@@ -110,21 +99,15 @@ protected:
     ASSERT_EQ(QorConfigStore::LoadStore(true), 0);
     QorConfigStore::CleanupBootState();
     Remove("/var/lib/talvex/firstboot/current-store-1");
-    WriteFile(
-        crashcycle::kDesiredA,
-        DesiredDocument(
-            R"({"dns":{"hostname":"host-a","domain":"a.example","servers":["192.0.2.1"]},)"
-            R"("nuknics":[{"name":"nuk0","mtu":9000,"enabled":true},{"name":"nuk1","mtu":1500}]})",
-            "a", 300, ""));
-    WriteFile(
-        crashcycle::kDesiredB,
-        DesiredDocument(
-            R"({"dns":{"hostname":"host-b"},"nuknics":[{"name":"nuk2","mtu":1280}]})",
-            "b", 200,
-            R"(,"system":{"advanced_options":[{"name":"Net.TcpipHeapSize","integer_value":64}]})"));
-    WriteFile(
-        crashcycle::kSmartnic,
-        R"({"qor":{"network":{"nuknics":[{"name":"nuk0","mtu":8000}],"dns":{"hostname":"nic"}}}})");
+    WriteFile(crashcycle::kDesiredA,
+              DesiredDocument(R"({"dns":{"hostname":"host-a","domain":"a.example","servers":["192.0.2.1"]},)"
+                              R"("nuknics":[{"name":"nuk0","mtu":9000,"enabled":true},{"name":"nuk1","mtu":1500}]})",
+                              "a", 300, ""));
+    WriteFile(crashcycle::kDesiredB,
+              DesiredDocument(R"({"dns":{"hostname":"host-b"},"nuknics":[{"name":"nuk2","mtu":1280}]})", "b", 200,
+                              R"(,"system":{"advanced_options":[{"name":"Net.TcpipHeapSize","integer_value":64}]})"));
+    WriteFile(crashcycle::kSmartnic,
+              R"({"qor":{"network":{"nuknics":[{"name":"nuk0","mtu":8000}],"dns":{"hostname":"nic"}}}})");
     // A boot that applied a desired configuration: the default user_vars it
     // copied are now current and are carried over by every later staging.
     Stage(Op::StageDesiredA);
@@ -141,7 +124,7 @@ protected:
   }
 
   static void Stage(Op op) {
-    const char *file = op == Op::StageDesiredA   ? crashcycle::kDesiredA
+    const char* file = op == Op::StageDesiredA   ? crashcycle::kDesiredA
                        : op == Op::StageDesiredB ? crashcycle::kDesiredB
                                                  : crashcycle::kSmartnic;
     auto doc = QorConfigStore::CreateDocumentFromFile(Host::Resolve(file));
@@ -153,14 +136,12 @@ protected:
   }
 
   // The state `op` leaves when it runs to its end from `before`.
-  StagedState After(Op op, const StagedState &before) {
-    if (op != Op::Boot)
-      return staged_.at(op);
+  StagedState After(Op op, const StagedState& before) {
+    if (op != Op::Boot) return staged_.at(op);
     // A boot applies a desired configuration (mode 1) and empties the staging
     // table; SmartNIC rows stay staged after they are applied. Either way the
     // next boot mode is the default.
-    return StagedState{
-        before.bootMode == 1 ? std::vector<std::string>{} : before.rows, 0};
+    return StagedState{before.bootMode == 1 ? std::vector<std::string>{} : before.rows, 0};
   }
 
   // Opens the store read-write, as the next boot does (SQLite rolls a hot
@@ -168,30 +149,25 @@ protected:
   StagedState Observe() {
     const std::string path = DBStore::StorePath(DBStore::CONFIG_STORE);
     StagedState state;
-    sqlite3 *db = nullptr;
+    sqlite3* db = nullptr;
     int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
     EXPECT_EQ(rc, SQLITE_OK) << (db ? sqlite3_errmsg(db) : sqlite3_errstr(rc));
     std::vector<std::string> integrity;
-    auto collect = [](void *out, int, char **argv, char **) {
-      static_cast<std::vector<std::string> *>(out)->push_back(argv[0] ? argv[0]
-                                                                      : "NULL");
+    auto collect = [](void* out, int, char** argv, char**) {
+      static_cast<std::vector<std::string>*>(out)->push_back(argv[0] ? argv[0] : "NULL");
       return 0;
     };
-    EXPECT_EQ(sqlite3_exec(db, "PRAGMA integrity_check", collect, &integrity,
-                           nullptr),
-              SQLITE_OK)
+    EXPECT_EQ(sqlite3_exec(db, "PRAGMA integrity_check", collect, &integrity, nullptr), SQLITE_OK)
         << sqlite3_errmsg(db);
     EXPECT_EQ(integrity, std::vector<std::string>{"ok"});
     std::vector<std::string> mode;
-    EXPECT_EQ(sqlite3_exec(db,
-                           "SELECT Value FROM KeyValue WHERE Key = 'BOOT_MODE'",
-                           collect, &mode, nullptr),
+    EXPECT_EQ(sqlite3_exec(db, "SELECT Value FROM KeyValue WHERE Key = 'BOOT_MODE'", collect, &mode, nullptr),
               SQLITE_OK);
     state.bootMode = mode.empty() ? 0 : std::atoi(mode[0].c_str());
     sqlite3_close_v2(db);
 
     cstest::StoreDump dump = cstest::DumpStoreFile(path, "cs");
-    for (const std::string &row : dump["cs.DesiredUserConfig"]) {
+    for (const std::string& row : dump["cs.DesiredUserConfig"]) {
       state.rows.push_back(cstest::MaskRunToRun(row));
     }
     std::sort(state.rows.begin(), state.rows.end());
@@ -199,8 +175,8 @@ protected:
   }
 
   struct Progress {
-    long completed = 0; // operations that returned
-    long inFlight = -1; // the operation begun and not returned, or -1
+    long completed = 0;  // operations that returned
+    long inFlight = -1;  // the operation begun and not returned, or -1
   };
 
   Progress ReadProgress() {
@@ -209,10 +185,8 @@ protected:
     char kind;
     long n;
     while (in >> kind >> n) {
-      if (kind == 'B')
-        p.inFlight = n;
-      if (kind == 'E')
-        p.completed = n + 1, p.inFlight = -1;
+      if (kind == 'B') p.inFlight = n;
+      if (kind == 'E') p.completed = n + 1, p.inFlight = -1;
     }
     return p;
   }
@@ -220,10 +194,8 @@ protected:
   // Starts the driver at cycle position `first` for `ops` operations; its pid.
   pid_t StartDriver(long first, long ops) {
     Remove(crashcycle::kProgress);
-    const std::string firstText = std::to_string(first),
-                      opsText = std::to_string(ops);
-    const char *argv[] = {CRASH_DRIVER, root_.c_str(), firstText.c_str(),
-                          opsText.c_str(), nullptr};
+    const std::string firstText = std::to_string(first), opsText = std::to_string(ops);
+    const char* argv[] = {CRASH_DRIVER, root_.c_str(), firstText.c_str(), opsText.c_str(), nullptr};
     pid_t pid = -1;
     EXPECT_EQ(Host::SpawnProcess(argv, &pid), 0);
     return pid;
@@ -243,18 +215,14 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
   pid_t pid = StartDriver(0, static_cast<long>(crashcycle::kCycle.size()));
   int status = 0;
   ASSERT_EQ(Host::WaitProcess(pid, &status), 0);
-  ASSERT_TRUE(WIFEXITED(status) &&
-              WEXITSTATUS(status) == crashcycle::kDriverDone)
-      << "raw status " << status;
-  const auto cycleUs = std::chrono::duration_cast<std::chrono::microseconds>(
-                           std::chrono::steady_clock::now() - start)
-                           .count();
-  for (Op op : crashcycle::kCycle)
-    state = After(op, state);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == crashcycle::kDriverDone) << "raw status " << status;
+  const auto cycleUs =
+      std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start).count();
+  for (Op op : crashcycle::kCycle) state = After(op, state);
   ASSERT_EQ(Observe(), state) << "a clean cycle leaves what the model says";
   std::uniform_int_distribution<long> delayUs(0, std::max<long>(1000, cycleUs));
 
-  std::map<std::string, long> reached; // what was running when the kill came
+  std::map<std::string, long> reached;  // what was running when the kill came
   long oldStates = 0, newStates = 0;
   for (long k = 0; k < kills && !HasFatalFailure(); ++k) {
     const long first = static_cast<long>(rng() % crashcycle::kCycle.size());
@@ -263,31 +231,24 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
     usleep(static_cast<useconds_t>(delayUs(rng)));
     ASSERT_EQ(kill(pid, SIGKILL), 0);
     ASSERT_EQ(Host::WaitProcess(pid, &status), 0);
-    ASSERT_TRUE(WIFSIGNALED(status))
-        << "the driver ended on its own, status " << WEXITSTATUS(status);
+    ASSERT_TRUE(WIFSIGNALED(status)) << "the driver ended on its own, status " << WEXITSTATUS(status);
 
     Progress progress = ReadProgress();
     StagedState before = state;
-    for (long n = 0; n < progress.completed; ++n)
-      before = After(CycleOp(first + n), before);
+    for (long n = 0; n < progress.completed; ++n) before = After(CycleOp(first + n), before);
     const bool running = progress.inFlight >= 0;
-    const Op op =
-        CycleOp(first + (running ? progress.inFlight : progress.completed));
+    const Op op = CycleOp(first + (running ? progress.inFlight : progress.completed));
     StagedState after = running ? After(op, before) : before;
-    ++reached[running                   ? Name(op)
-              : progress.completed == 0 ? "before the first operation"
-                                        : "between operations"];
+    ++reached[running ? Name(op) : progress.completed == 0 ? "before the first operation" : "between operations"];
 
-    SCOPED_TRACE("kill " + std::to_string(k) + " during " +
-                 (running ? Name(op) : "no operation"));
+    SCOPED_TRACE("kill " + std::to_string(k) + " during " + (running ? Name(op) : "no operation"));
     StagedState seen = Observe();
     if (seen == before) {
       ++oldStates;
     } else if (seen == after) {
       ++newStates;
     } else {
-      ADD_FAILURE() << "half-applied: seen " << Describe(seen, before)
-                    << "\nold " << Describe(before, seen) << "\nnew "
+      ADD_FAILURE() << "half-applied: seen " << Describe(seen, before) << "\nold " << Describe(before, seen) << "\nnew "
                     << Describe(after, seen);
     }
 
@@ -301,14 +262,12 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
   EXPECT_TRUE(RecordedAlerts().empty()) << RecordedAlerts().front();
 
   std::ostringstream figure;
-  figure << "crash seed " << GetParam() << ": " << kills
-         << " kills survived; running at the kill:";
-  for (const auto &[what, count] : reached)
-    figure << " " << what << " " << count << ",";
+  figure << "crash seed " << GetParam() << ": " << kills << " kills survived; running at the kill:";
+  for (const auto& [what, count] : reached) figure << " " << what << " " << count << ",";
   figure << " outcome old " << oldStates << ", new " << newStates << "\n";
   std::fputs(figure.str().c_str(), stdout);
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, CrashSafetyTest, testing::Values(1u, 2u, 3u));
 
-} // namespace
+}  // namespace

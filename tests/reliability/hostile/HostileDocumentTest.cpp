@@ -43,8 +43,7 @@ std::vector<Text> Unparsable() {
           {"nested deeper than 512", Nested(600)},
           {"object nested deeper than 512", [] {
              std::string s;
-             for (int i = 0; i < 600; ++i)
-               s += "{\"a\":";
+             for (int i = 0; i < 600; ++i) s += "{\"a\":";
              return s + "1" + std::string(600, '}');
            }()}};
 }
@@ -52,14 +51,13 @@ std::vector<Text> Unparsable() {
 // Values of the wrong type for any place of a document; the big ones stand for
 // a hostile sender.
 std::vector<Text> WrongValues(bool big) {
-  std::vector<Text> values = {
-      {"number", "5"},
-      {"null", "null"},
-      {"boolean", "true"},
-      {"empty string", "\"\""},
-      {"array of numbers", "[1,2]"},
-      {"nested 500", Nested(500)},
-      {"object of mistyped members", R"({"name":5,"mtu":"x","hostname":[]})"}};
+  std::vector<Text> values = {{"number", "5"},
+                              {"null", "null"},
+                              {"boolean", "true"},
+                              {"empty string", "\"\""},
+                              {"array of numbers", "[1,2]"},
+                              {"nested 500", Nested(500)},
+                              {"object of mistyped members", R"({"name":5,"mtu":"x","hostname":[]})"}};
   if (big) {
     values.push_back({"32 MB string", HugeString(32u << 20)});
     values.push_back({"million-element array", HugeArray(1000000)});
@@ -71,10 +69,10 @@ std::vector<Text> WrongValues(bool big) {
 // marks the place). The big values go to the deepest level only: a
 // million-element array one level up is a million objects to validate, each
 // failure logged, which takes a minute in a Debug build.
-std::vector<Text> AtEveryLevel(const std::vector<std::string> &levels) {
+std::vector<Text> AtEveryLevel(const std::vector<std::string>& levels) {
   std::vector<Text> docs;
   for (size_t level = 0; level < levels.size(); ++level) {
-    for (const Text &v : WrongValues(level + 1 == levels.size())) {
+    for (const Text& v : WrongValues(level + 1 == levels.size())) {
       std::string doc = levels[level];
       doc.replace(doc.find('@'), 1, v.json);
       docs.push_back({v.name + " at level " + std::to_string(level), doc});
@@ -84,27 +82,26 @@ std::vector<Text> AtEveryLevel(const std::vector<std::string> &levels) {
 }
 
 class HostileDocumentTest : public cstest::HostileTest {
-protected:
+ protected:
   // The store's code and message of `fn`'s ConfigStoreException; "none" when it
   // returned.
-  template <typename Fn> static std::string Thrown(Fn &&fn) {
+  template <typename Fn>
+  static std::string Thrown(Fn&& fn) {
     try {
       fn();
-    } catch (const ConfigStoreException &e) {
+    } catch (const ConfigStoreException& e) {
       return std::to_string(e.code()) + " " + e.what();
     }
     return "none";
   }
 
-  void Report(const char *kind, size_t tried) {
-    std::printf("hostile %s: %zu inputs tried\n", kind, tried);
-  }
+  void Report(const char* kind, size_t tried) { std::printf("hostile %s: %zu inputs tried\n", kind, tried); }
 };
 
 TEST_F(HostileDocumentTest, DesiredAndSmartnicDocuments) {
   const std::string file = Path("/tmp/desired.json");
   size_t tried = 0;
-  for (const Text &t : Unparsable()) {
+  for (const Text& t : Unparsable()) {
     SCOPED_TRACE(t.name);
     WriteFile("/tmp/desired.json", t.json);
     EXPECT_EQ(Thrown([&] { CreateDocumentFromFile(file); }),
@@ -116,17 +113,14 @@ TEST_F(HostileDocumentTest, DesiredAndSmartnicDocuments) {
     std::vector<std::string> levels;
   } shapes[] = {
       {false,
-       {"@", R"({"profile":@})", R"({"profile":{"qor":@}})",
-        R"({"profile":{"qor":{"network":@}}})",
-        R"({"profile":{"qor":{"network":{"nuknics":@}}}})",
-        R"({"profile":{"qor":{"network":{"nuknics":[@]}}}})"}},
+       {"@", R"({"profile":@})", R"({"profile":{"qor":@}})", R"({"profile":{"qor":{"network":@}}})",
+        R"({"profile":{"qor":{"network":{"nuknics":@}}}})", R"({"profile":{"qor":{"network":{"nuknics":[@]}}}})"}},
       {true,
-       {"@", R"({"qor":@})", R"({"qor":{"network":@}})",
-        R"({"qor":{"network":{"nuknics":@}}})",
+       {"@", R"({"qor":@})", R"({"qor":{"network":@}})", R"({"qor":{"network":{"nuknics":@}}})",
         R"({"qor":{"network":{"nuknics":[@]}}})"}},
   };
-  for (const Shape &shape : shapes) {
-    for (const Text &t : AtEveryLevel(shape.levels)) {
+  for (const Shape& shape : shapes) {
+    for (const Text& t : AtEveryLevel(shape.levels)) {
       SCOPED_TRACE((shape.smartnic ? "smartnic " : "desired ") + t.name);
       ++tried;
       WriteFile("/tmp/desired.json", t.json);
@@ -136,37 +130,23 @@ TEST_F(HostileDocumentTest, DesiredAndSmartnicDocuments) {
       if (shape.smartnic) {
         // A key value that is neither object, array nor "DELETE_DEFAULT" is
         // passed over.
-        thrown =
-            Thrown([&] { SetDesiredSmartnicConfiguration(*doc->document); });
-        EXPECT_THAT(
-            thrown,
-            testing::AnyOf(
-                "none",
-                StartsWith("2000 SetDesiredSmartnicConfiguration failed: ")));
+        thrown = Thrown([&] { SetDesiredSmartnicConfiguration(*doc->document); });
+        EXPECT_THAT(thrown, testing::AnyOf("none", StartsWith("2000 SetDesiredSmartnicConfiguration failed: ")));
       } else {
         // What set-desired does: every error reported, and nothing staged while
         // any remains.
         std::string errors = Thrown([&] {
-          EXPECT_GT(DesiredDocumentErrors(
-                        *doc->document, QorSchemaStore::SchemaStore::GetCache())
-                        .Size(),
-                    0u);
+          EXPECT_GT(DesiredDocumentErrors(*doc->document, QorSchemaStore::SchemaStore::GetCache()).Size(), 0u);
         });
-        EXPECT_THAT(errors,
-                    testing::AnyOf("none", StartsWith("1082 JSON error:")));
+        EXPECT_THAT(errors, testing::AnyOf("none", StartsWith("1082 JSON error:")));
         thrown = Thrown([&] { SetDesiredUserConfig(*doc->document); });
-        EXPECT_THAT(
-            thrown,
-            testing::AnyOf("none",
-                           StartsWith("2000 SetDesiredUserConfig failed: ")));
+        EXPECT_THAT(thrown, testing::AnyOf("none", StartsWith("2000 SetDesiredUserConfig failed: ")));
       }
       if (thrown != "none") {
-        EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()))
-            << "rolled back whole";
+        EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores())) << "rolled back whole";
       } else {
         // Staged without the hostile part: the live configuration is untouched.
-        EXPECT_EQ(before.at("config.Config"),
-                  cstest::DumpStores().at("config.Config"));
+        EXPECT_EQ(before.at("config.Config"), cstest::DumpStores().at("config.Config"));
       }
     }
   }
@@ -176,15 +156,13 @@ TEST_F(HostileDocumentTest, DesiredAndSmartnicDocuments) {
 TEST_F(HostileDocumentTest, BootDocumentsAreSkippedAndTheBootGoesOn) {
   size_t tried = 0;
   std::vector<Text> docs = Unparsable();
-  for (const Text &t :
-       AtEveryLevel({"@", R"({"profile":@})", R"({"profile":{"qor":@}})",
-                     R"({"profile":{"qor":{"network":@}}})",
-                     R"({"qor":{"network":{"dns":@}}})",
-                     R"({"qor":{"network":{"nuknics":[@]}}})"})) {
+  for (const Text& t :
+       AtEveryLevel({"@", R"({"profile":@})", R"({"profile":{"qor":@}})", R"({"profile":{"qor":{"network":@}}})",
+                     R"({"qor":{"network":{"dns":@}}})", R"({"qor":{"network":{"nuknics":[@]}}})"})) {
     docs.push_back(t);
   }
   for (size_t i = 0; i < docs.size(); ++i) {
-    const Text &t = docs[i];
+    const Text& t = docs[i];
     SCOPED_TRACE(t.name);
     ++tried;
     WriteFile("/etc/talvex/boot_configuration.json", t.json);
@@ -192,59 +170,45 @@ TEST_F(HostileDocumentTest, BootDocumentsAreSkippedAndTheBootGoesOn) {
     const std::vector<std::string> before = ConfigObjects();
     log_.Clear();
     ASSERT_EQ(LoadStore(false), 0);
-    EXPECT_EQ(ConfigObjects(), before)
-        << "nothing of a hostile boot document is written, nothing is lost";
+    EXPECT_EQ(ConfigObjects(), before) << "nothing of a hostile boot document is written, nothing is lost";
     const bool unparsable = i < Unparsable().size();
-    EXPECT_EQ(
-        log_.Contains("GenerateDesiredConfiguration failed: The JSON file " +
-                          Path("/etc/talvex/boot_configuration.json") +
-                          " could not be read or parsed.",
-                      CSLogger::PRIO_ERROR),
-        unparsable);
+    EXPECT_EQ(log_.Contains("GenerateDesiredConfiguration failed: The JSON file " +
+                                Path("/etc/talvex/boot_configuration.json") + " could not be read or parsed.",
+                            CSLogger::PRIO_ERROR),
+              unparsable);
     if (!unparsable) {
-      EXPECT_TRUE(
-          log_.Contains("Boot document processed.") ||
-          log_.Contains("Failed to process, document should be an object",
-                        CSLogger::PRIO_ERROR) ||
-          log_.Contains("Failed to process, \"profile\" should be an object",
-                        CSLogger::PRIO_ERROR));
+      EXPECT_TRUE(log_.Contains("Boot document processed.") ||
+                  log_.Contains("Failed to process, document should be an object", CSLogger::PRIO_ERROR) ||
+                  log_.Contains("Failed to process, \"profile\" should be an object", CSLogger::PRIO_ERROR));
     }
   }
   EXPECT_TRUE(RecordedAlerts().empty());
   Report("boot documents", tried);
 }
 
-TEST_F(HostileDocumentTest,
-       SchemaFilesAreRefusedAndOtherPackagesKeepTheirSchemas) {
+TEST_F(HostileDocumentTest, SchemaFilesAreRefusedAndOtherPackagesKeepTheirSchemas) {
   const std::string id = "hostile-1.0.0_1.0";
-  const std::string file =
-      "/usr/lib/talvex/configmanager/schemas/" + id + ".json";
-  const std::string meta =
-      R"({"metadata":{"kitname":"hostile","kitversion":"1.0.0_1.0"},)";
+  const std::string file = "/usr/lib/talvex/configmanager/schemas/" + id + ".json";
+  const std::string meta = R"({"metadata":{"kitname":"hostile","kitversion":"1.0.0_1.0"},)";
   std::vector<Text> docs = Unparsable();
   for (
-      const Text &t : AtEveryLevel(
+      const Text& t : AtEveryLevel(
           {"@", meta + R"("data":@})", meta + R"("data":[@]})",
-           meta +
-               R"("data":[{"component":@,"group":"g","key":"k","version":"1","schema":{}}]})",
-           meta +
-               R"("data":[{"component":"c","group":"g","key":"k","version":"1","schema":@}]})",
-           meta +
-               R"("data":[{"component":"c","group":"g","key":"k","version":"1","schema":{"properties":@}}]})",
+           meta + R"("data":[{"component":@,"group":"g","key":"k","version":"1","schema":{}}]})",
+           meta + R"("data":[{"component":"c","group":"g","key":"k","version":"1","schema":@}]})",
+           meta + R"("data":[{"component":"c","group":"g","key":"k","version":"1","schema":{"properties":@}}]})",
            meta +
                R"("data":[{"component":"c","group":"g","key":"k","version":"1","schema":{"properties":{"p":@}}}]})"})) {
     docs.push_back(t);
   }
   auto others = [&](cstest::StoreDump dump) {
-    for (auto &[table, rows] : dump) {
-      std::erase_if(rows, [&](const std::string &row) {
-        return row.find(id) != std::string::npos;
-      });
+    for (auto& [table, rows] : dump) {
+      std::erase_if(rows, [&](const std::string& row) { return row.find(id) != std::string::npos; });
     }
     return dump;
   };
   const cstest::StoreDump before = others(MaskedDump());
-  for (const Text &t : docs) {
+  for (const Text& t : docs) {
     SCOPED_TRACE(t.name);
     WriteFile(file, t.json);
     log_.Clear();
@@ -256,17 +220,11 @@ TEST_F(HostileDocumentTest,
       EXPECT_THAT(t.name, HasSubstr("object of mistyped members"));
     } else if (log_.Contains("Processing schema file '" + id + ".json'.")) {
       EXPECT_TRUE(
-          log_.Contains("[SchemaProcessor] Failed to process schema file: ",
-                        CSLogger::PRIO_ERROR) ||
-          log_.Contains("[SchemaProcessor] Schema file has errors.",
-                        CSLogger::PRIO_ERROR) ||
-          log_.Contains("[SchemaProcessor] Invalid format in schema file " +
-                            id + ".json",
-                        CSLogger::PRIO_ERROR));
+          log_.Contains("[SchemaProcessor] Failed to process schema file: ", CSLogger::PRIO_ERROR) ||
+          log_.Contains("[SchemaProcessor] Schema file has errors.", CSLogger::PRIO_ERROR) ||
+          log_.Contains("[SchemaProcessor] Invalid format in schema file " + id + ".json", CSLogger::PRIO_ERROR));
     } else {
-      EXPECT_TRUE(
-          log_.Contains("[SchemaProcessor] Error processing schemas - '",
-                        CSLogger::PRIO_ERROR))
+      EXPECT_TRUE(log_.Contains("[SchemaProcessor] Error processing schemas - '", CSLogger::PRIO_ERROR))
           << "an unparsable file cancels the pass";
     }
     EXPECT_EQ("", cstest::DiffStores(before, others(MaskedDump())));
@@ -276,37 +234,27 @@ TEST_F(HostileDocumentTest,
 
 TEST_F(HostileDocumentTest, DefaultFilesFailTheirRunAndKeepTheDefaults) {
   const std::string file = "/etc/talvex/default-config/hostile-1.0.0_1.0.json";
-  const std::string meta =
-      R"({"metadata":{"kitname":"hostile","kitversion":"1.0.0_1.0"},)";
-  const std::string element =
-      R"({"component":"qor","group":"network","key":"dns","config":)";
+  const std::string meta = R"({"metadata":{"kitname":"hostile","kitversion":"1.0.0_1.0"},)";
+  const std::string element = R"({"component":"qor","group":"network","key":"dns","config":)";
   std::vector<Text> docs = Unparsable();
-  for (
-      const Text &t : AtEveryLevel(
-          {"@", meta + R"("data":@})", meta + R"("data":[@]})",
-           meta +
-               R"("data":[{"component":@,"group":"network","key":"dns","config":{}}]})",
-           meta + R"("data":[)" + element + "@}]}",
-           meta + R"("data":[)" + element + "[@]}]}",
-           meta + R"("data":[)" + element + R"({"hostname":@}}]})"})) {
+  for (const Text& t : AtEveryLevel({"@", meta + R"("data":@})", meta + R"("data":[@]})",
+                                     meta + R"("data":[{"component":@,"group":"network","key":"dns","config":{}}]})",
+                                     meta + R"("data":[)" + element + "@}]}", meta + R"("data":[)" + element + "[@]}]}",
+                                     meta + R"("data":[)" + element + R"({"hostname":@}}]})"})) {
     docs.push_back(t);
   }
   const cstest::StoreDump before = MaskedDump();
-  for (const Text &t : docs) {
+  for (const Text& t : docs) {
     SCOPED_TRACE(t.name);
     WriteFile(file, t.json);
     log_.Clear();
     const bool ok = ProcessDefaultConfiguration(false);
     // A file without metadata is left out; any other hostile file fails the
     // run.
-    if (log_.Contains(
-            "Processing default config from 'hostile-1.0.0_1.0.json'") ||
-        !ok) {
+    if (log_.Contains("Processing default config from 'hostile-1.0.0_1.0.json'") || !ok) {
       EXPECT_FALSE(ok);
-      EXPECT_TRUE(
-          log_.Contains("DefaultConfiguration Failed ", CSLogger::PRIO_ERROR) ||
-          log_.Contains("Default configuration failed 'hostile-1.0.0_1.0.json'",
-                        CSLogger::PRIO_ERROR));
+      EXPECT_TRUE(log_.Contains("DefaultConfiguration Failed ", CSLogger::PRIO_ERROR) ||
+                  log_.Contains("Default configuration failed 'hostile-1.0.0_1.0.json'", CSLogger::PRIO_ERROR));
     }
     EXPECT_EQ("", cstest::DiffStores(before, MaskedDump()));
   }
@@ -317,18 +265,13 @@ TEST_F(HostileDocumentTest, LoadStoreErrorFiles) {
   const std::string file = "/var/run/talvex/files/loadStoreErrors.json";
   struct Case {
     std::string name, json;
-    int status; // of LoadStore
-    std::vector<std::string>
-        alerts; // exactly, or one "Generic ConfigStore Failure: " prefix
+    int status;                       // of LoadStore
+    std::vector<std::string> alerts;  // exactly, or one "Generic ConfigStore Failure: " prefix
   };
   const std::string generic = "Generic ConfigStore Failure: ";
   std::vector<Case> cases;
-  for (const Text &t : Unparsable()) {
-    cases.push_back({t.name,
-                     t.json,
-                     1,
-                     {generic + "The JSON file " + Path(file) +
-                      " could not be read or parsed."}});
+  for (const Text& t : Unparsable()) {
+    cases.push_back({t.name, t.json, 1, {generic + "The JSON file " + Path(file) + " could not be read or parsed."}});
   }
   cases.insert(
       cases.end(),
@@ -339,19 +282,10 @@ TEST_F(HostileDocumentTest, LoadStoreErrorFiles) {
           {"zebs not an array", R"({"zebs":{"zebMsg":"m"}})", 0, {}},
           {"zeb not an object", R"({"zebs":[5]})", 1, {generic}},
           {"zebMsg missing", R"({"zebs":[{"zebArgs":[]}]})", 1, {generic}},
-          {"zebMsg a number",
-           R"({"zebs":[{"zebMsg":5,"zebArgs":[]}]})",
-           1,
-           {generic}},
+          {"zebMsg a number", R"({"zebs":[{"zebMsg":5,"zebArgs":[]}]})", 1, {generic}},
           {"zebArgs missing", R"({"zebs":[{"zebMsg":"m"}]})", 1, {generic}},
-          {"zebArgs of numbers",
-           R"({"zebs":[{"zebMsg":"m %s","zebArgs":[5]}]})",
-           1,
-           {generic}},
-          {"more arguments than placeholders",
-           R"({"zebs":[{"zebMsg":"m %s","zebArgs":["a","b"]}]})",
-           1,
-           {generic}},
+          {"zebArgs of numbers", R"({"zebs":[{"zebMsg":"m %s","zebArgs":[5]}]})", 1, {generic}},
+          {"more arguments than placeholders", R"({"zebs":[{"zebMsg":"m %s","zebArgs":["a","b"]}]})", 1, {generic}},
           {"an argument holding a placeholder",
            R"({"zebs":[{"zebMsg":"%s and %s","zebArgs":["%s","b"]}]})",
            0,
@@ -361,16 +295,12 @@ TEST_F(HostileDocumentTest, LoadStoreErrorFiles) {
            0,
            {"\"q\" \\ ü 😀"}},
           {"32 MB message",
-           R"({"zebs":[{"zebMsg":)" + HugeString(32u << 20) +
-               R"(,"zebArgs":[]}]})",
+           R"({"zebs":[{"zebMsg":)" + HugeString(32u << 20) + R"(,"zebArgs":[]}]})",
            0,
            {std::string(kMaxSysAlertLength, 'x')}},
-          {"million arguments",
-           R"({"zebs":[{"zebMsg":"%s","zebArgs":)" + HugeArray(1000000) + "}]}",
-           1,
-           {generic}},
+          {"million arguments", R"({"zebs":[{"zebMsg":"%s","zebArgs":)" + HugeArray(1000000) + "}]}", 1, {generic}},
       });
-  for (const Case &c : cases) {
+  for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     WriteFile(file, c.json);
     Remove("/var/log/sysalerts.jsonl");
@@ -390,7 +320,7 @@ TEST_F(HostileDocumentTest, LoadStoreErrorFiles) {
 }
 
 // A JSON string literal of `text`.
-std::string Quoted(const std::string &text) {
+std::string Quoted(const std::string& text) {
   rapidjson::StringBuffer out;
   rapidjson::Writer<rapidjson::StringBuffer> writer(out);
   writer.String(text.c_str(), static_cast<rapidjson::SizeType>(text.size()));
@@ -398,56 +328,43 @@ std::string Quoted(const std::string &text) {
 }
 
 TEST_F(HostileDocumentTest, OddNamesTravelFromSchemaToConfigUnchanged) {
-  const std::vector<std::string> names = {"with space",
-                                          "it's \"quoted\"",
-                                          "back\\slash\\",
-                                          "ünïcödé €😀",
-                                          "semi; DROP TABLE Config; --",
-                                          std::string(10000, 'k')};
+  const std::vector<std::string> names = {
+      "with space",           "it's \"quoted\"", "back\\slash\\", "ünïcödé €😀", "semi; DROP TABLE Config; --",
+      std::string(10000, 'k')};
   std::string elements, profile;
-  for (const std::string &n : names) {
+  for (const std::string& n : names) {
     const std::string q = Quoted(n);
-    elements +=
-        (elements.empty() ? "" : ",") + std::string("{\"component\":") + q +
-        ",\"group\":" + q + ",\"key\":" + q +
-        R"(,"version":"1.0","dspIntegrated":true,"schema":{"type":"object","required":["id"],)" +
-        R"("properties":{"id":{"type":"string","instanceId":true},"v":{"type":"string"}}}})";
-    profile += (profile.empty() ? "" : ",") + q + ":{" + q + ":{" + q +
-               ":[{\"id\":" + q + ",\"v\":" + q + "}]}}";
+    elements += (elements.empty() ? "" : ",") + std::string("{\"component\":") + q + ",\"group\":" + q +
+                ",\"key\":" + q +
+                R"(,"version":"1.0","dspIntegrated":true,"schema":{"type":"object","required":["id"],)" +
+                R"("properties":{"id":{"type":"string","instanceId":true},"v":{"type":"string"}}}})";
+    profile += (profile.empty() ? "" : ",") + q + ":{" + q + ":{" + q + ":[{\"id\":" + q + ",\"v\":" + q + "}]}}";
   }
-  WriteFile(
-      "/usr/lib/talvex/configmanager/schemas/odd-1.0.0_1.0.json",
-      R"({"metadata":{"kitname":"odd","kitversion":"1.0.0_1.0"},"data":[)" +
-          elements + "]}");
+  WriteFile("/usr/lib/talvex/configmanager/schemas/odd-1.0.0_1.0.json",
+            R"({"metadata":{"kitname":"odd","kitversion":"1.0.0_1.0"},"data":[)" + elements + "]}");
   ProcessSchemas({"odd-1.0.0_1.0"});
   ASSERT_TRUE(log_.Contains("Processing schema file 'odd-1.0.0_1.0.json'."));
 
   auto doc = CreateDocumentFromString("{\"profile\":{" + profile + "}}");
-  rapidjson::Document errors = DesiredDocumentErrors(
-      *doc->document, QorSchemaStore::SchemaStore::GetCache());
-  ASSERT_EQ(errors.Size(), 0u) << errors[0]["field"].GetString() << ": "
-                               << errors[0]["error"].GetString();
+  rapidjson::Document errors = DesiredDocumentErrors(*doc->document, QorSchemaStore::SchemaStore::GetCache());
+  ASSERT_EQ(errors.Size(), 0u) << errors[0]["field"].GetString() << ": " << errors[0]["error"].GetString();
   SetDesiredUserConfig(*doc->document);
   ASSERT_EQ(LoadStore(false), 0);
 
   auto conn = GetDBConnection(DBStore::CONFIG_STORE, false);
-  for (const std::string &n : names) {
+  for (const std::string& n : names) {
     SCOPED_TRACE(n.substr(0, 40));
     std::vector<std::string> values;
-    auto stmt = DBStore::internal::Prepare(
-        conn,
-        "SELECT UserValue FROM Config WHERE Component = ? AND ConfigGroup = ? "
-        "AND Name = ? AND Identifier = ?",
-        DBStore::kTimeoutMs);
+    auto stmt = DBStore::internal::Prepare(conn,
+                                           "SELECT UserValue FROM Config WHERE Component = ? AND ConfigGroup = ? "
+                                           "AND Name = ? AND Identifier = ?",
+                                           DBStore::kTimeoutMs);
     int index = 1;
-    ASSERT_EQ(DBStore::internal::Bind(conn, stmt, index,
-                                      std::vector<std::string>{n, n, n, n}),
-              0);
+    ASSERT_EQ(DBStore::internal::Bind(conn, stmt, index, std::vector<std::string>{n, n, n, n}), 0);
     ASSERT_EQ(DBStore::ExecuteStmt(
                   conn, stmt,
-                  [](void *out, int, char **argv, char **) {
-                    static_cast<std::vector<std::string> *>(out)->push_back(
-                        argv[0] ? argv[0] : "NULL");
+                  [](void* out, int, char** argv, char**) {
+                    static_cast<std::vector<std::string>*>(out)->push_back(argv[0] ? argv[0] : "NULL");
                     return 0;
                   },
                   &values, DBStore::kTimeoutMs),
@@ -457,19 +374,14 @@ TEST_F(HostileDocumentTest, OddNamesTravelFromSchemaToConfigUnchanged) {
   }
 
   // Empty names are refused wherever they appear.
-  WriteFile(
-      "/usr/lib/talvex/configmanager/schemas/odd-1.0.0_1.0.json",
-      R"({"metadata":{"kitname":"odd","kitversion":"1.0.0_1.0"},"data":[{"component":"","group":"g","key":"k",)"
-      R"("version":"1.0","schema":{"type":"object"}}]})");
+  WriteFile("/usr/lib/talvex/configmanager/schemas/odd-1.0.0_1.0.json",
+            R"({"metadata":{"kitname":"odd","kitversion":"1.0.0_1.0"},"data":[{"component":"","group":"g","key":"k",)"
+            R"("version":"1.0","schema":{"type":"object"}}]})");
   log_.Clear();
   EXPECT_FALSE(ProcessSchemas({"odd-1.0.0_1.0"}));
   EXPECT_TRUE(log_.Contains("is refused"));
-  auto empty = CreateDocumentFromString(
-      R"({"profile":{"qor":{"network":{"":{}}},"":{"g":{"k":{}}}}})");
-  EXPECT_EQ(DesiredDocumentErrors(*empty->document,
-                                  QorSchemaStore::SchemaStore::GetCache())
-                .Size(),
-            2u);
+  auto empty = CreateDocumentFromString(R"({"profile":{"qor":{"network":{"":{}}},"":{"g":{"k":{}}}}})");
+  EXPECT_EQ(DesiredDocumentErrors(*empty->document, QorSchemaStore::SchemaStore::GetCache()).Size(), 2u);
 }
 
-} // namespace
+}  // namespace

@@ -2,7 +2,6 @@
 
 #include <sqlite3.h>
 
-
 #include "configstore/boot/LoadStore.h"
 #include "configstore/bootstate/BootState.h"
 #include "platform/dbstore/DBStore.h"
@@ -18,27 +17,22 @@ void HostileTest::SetUp() {
   log_.Clear();
 }
 
-std::vector<std::string> HostileTest::Query(const std::string &path,
-                                            const std::string &sql) {
+std::vector<std::string> HostileTest::Query(const std::string& path, const std::string& sql) {
   std::vector<std::string> rows;
-  sqlite3 *db = nullptr;
-  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) !=
-      SQLITE_OK) {
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
     ADD_FAILURE() << path << ": " << sqlite3_errmsg(db);
     sqlite3_close_v2(db);
     return rows;
   }
-  auto collect = [](void *out, int argc, char **argv, char **) {
+  auto collect = [](void* out, int argc, char** argv, char**) {
     std::string row;
-    for (int i = 0; i < argc; ++i)
-      row += (i ? "|" : "") + std::string(argv[i] ? argv[i] : "NULL");
-    static_cast<std::vector<std::string> *>(out)->push_back(
-        MaskRunToRun(row));
+    for (int i = 0; i < argc; ++i) row += (i ? "|" : "") + std::string(argv[i] ? argv[i] : "NULL");
+    static_cast<std::vector<std::string>*>(out)->push_back(MaskRunToRun(row));
     return 0;
   };
-  char *error = nullptr;
-  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), collect, &rows, &error), SQLITE_OK)
-      << path << ": " << (error ? error : "");
+  char* error = nullptr;
+  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), collect, &rows, &error), SQLITE_OK) << path << ": " << (error ? error : "");
   sqlite3_free(error);
   sqlite3_close_v2(db);
   return rows;
@@ -57,20 +51,16 @@ std::vector<std::string> HostileTest::ConfigObjects() const {
 StoreDump HostileTest::MaskedDump() { return MaskRunToRun(DumpStores()); }
 
 std::string Nested(int depth) {
-  return std::string(static_cast<size_t>(depth), '[') +
-         std::string(static_cast<size_t>(depth), ']');
+  return std::string(static_cast<size_t>(depth), '[') + std::string(static_cast<size_t>(depth), ']');
 }
 
-std::string HugeString(size_t bytes) {
-  return "\"" + std::string(bytes, 'x') + "\"";
-}
+std::string HugeString(size_t bytes) { return "\"" + std::string(bytes, 'x') + "\""; }
 
 std::string HugeArray(size_t count) {
   std::string text = "[";
   text.reserve(count * 2 + 2);
-  for (size_t i = 0; i < count; ++i)
-    text += i ? ",7" : "7";
+  for (size_t i = 0; i < count; ++i) text += i ? ",7" : "7";
   return text + "]";
 }
 
-} // namespace cstest
+}  // namespace cstest

@@ -11,15 +11,14 @@
 namespace cstest {
 
 class HostileTest : public SandboxTest {
-protected:
+ protected:
   // The sample host after its first boot, set for an ordinary reboot (boot bank
   // recorded).
   void SetUp() override;
 
   // Rows of `sql` on the database file `path`, columns quoted and joined by
   // '|'; generated ids masked.
-  static std::vector<std::string> Query(const std::string &path,
-                                        const std::string &sql);
+  static std::vector<std::string> Query(const std::string& path, const std::string& sql);
   // The stored configuration objects without the restore flag, which every boot
   // resets.
   std::vector<std::string> ConfigObjects() const;
@@ -35,4 +34,4 @@ std::string HugeString(size_t bytes);
 // A JSON array of `count` small integers.
 std::string HugeArray(size_t count);
 
-} // namespace cstest
+}  // namespace cstest

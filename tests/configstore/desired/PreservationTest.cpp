@@ -148,6 +148,14 @@ TEST_F(DesiredTest, AgentAdvancedOptionsAreCarriedOver) {
                     R"({"name":"ZTN_OptionalServices"})"),
             }));
   EXPECT_TRUE(log_.Contains("Successfully preserved ZTN user-var advanced options."));
+
+  // The carry-over is a plain INSERT: a document naming a held agent option is refused whole.
+  const cstest::StoreDump before = cstest::DumpStores();
+  EXPECT_EQ(Thrown([&] {
+              Stage(R"({"profile": {"qor": {"advanced_options": {"user_vars": [{"name": "ZTN_IP", "value": "2"}]}}}})");
+            }),
+            "2000 SetDesiredUserConfig failed: Failed to preserve ZTN user-var advanced options");
+  EXPECT_EQ(cstest::DiffStores(before, cstest::DumpStores()), "");
 }
 
 // ---- Solution-user permissions.

@@ -1,26 +1,16 @@
 // The staging subcommands of configstorectl, run as a process on the sandbox root.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <sys/wait.h>
-
 #include "tests/configstore/desired/DesiredFixture.h"
+#include "tests/support/Ctl.h"
 
 namespace desiredtest {
 namespace {
 
 class DesiredCliTest : public DesiredTest {
  protected:
-  struct Result {
-    int status;
-    std::string out, err;
-  };
-  Result Run(const std::string& args) const {
-    std::string command = cstest::BinaryPath("tools/configstorectl/configstorectl") + " --root " + root_ + " " + args +
-                          " >" + Path("/cli.out") + " 2>" + Path("/cli.err");
-    int raw = std::system(command.c_str());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile("/cli.out"), ReadFile("/cli.err")};
-  }
+  using Result = cstest::CtlResult;
+  Result Run(const std::string& args) const { return cstest::RunCtl(root_, args); }
 };
 
 TEST_F(DesiredCliTest, SetDesiredPrintsEveryErrorAndStagesNothing) {

@@ -1,6 +1,4 @@
 // configstorectl's boot-state subcommands run as a real process against a sandbox host root.
-#include <sys/wait.h>
-
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -9,15 +7,12 @@
 #include "configstore/frame/core/Json.h"
 #include "platform/dbstore/DBStore.h"
 #include "platform/plon/Plon.h"
+#include "tests/support/Ctl.h"
 #include "tests/support/Sandbox.h"
 
 namespace {
 
-struct CtlResult {
-  int status;
-  std::string out;
-  std::string err;
-};
+using cstest::CtlResult;
 
 class BootStateCliTest : public cstest::SandboxTest {
  protected:
@@ -35,26 +30,8 @@ class BootStateCliTest : public cstest::SandboxTest {
     ASSERT_TRUE(PLON_WriteNodeFile(path, content)) << path;
   }
 
-  // Runs configstorectl on this root; the arguments hold no shell metacharacters.
-  CtlResult Ctl(const std::string& args) {
-    const std::string bin = cstest::BinaryPath("tools/configstorectl/configstorectl");
-    const std::string cmd = "'" + bin + "' --root '" + root_ + "' " + args + " >'" + root_ + "/ctl.out' 2>'" +
-                            root_ + "/ctl.err'";
-    int raw = std::system(cmd.c_str());
-    CtlResult r{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile("/ctl.out"), ReadFile("/ctl.err")};
-    return r;
-  }
-
-  static rapidjson::Document Json(const CtlResult& r) {
-    rapidjson::Document d;
-    d.Parse(r.out.c_str());
-    EXPECT_FALSE(d.HasParseError()) << r.out;
-    if (!d.IsObject()) {
-      ADD_FAILURE() << "not a JSON object: " << r.out;
-      d.SetObject();
-    }
-    return d;
-  }
+  CtlResult Ctl(const std::string& args) { return cstest::RunCtl(root_, args); }
+  static rapidjson::Document Json(const CtlResult& r) { return cstest::CtlJson(r); }
 };
 
 TEST_F(BootStateCliTest, BootModeSetThenGetRoundTrips) {

@@ -1,8 +1,6 @@
 // configstorectl as a process: get, schemas, and the rules every subcommand shares (help, --json,
 // exit status, colour). Arguments go to the process as they are, without a shell.
-#include <fcntl.h>
 #include <pty.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,62 +13,20 @@
 #include "configstore/frame/core/Json.h"
 #include "platform/dbstore/DBStore.h"
 #include "platform/schemastore/SchemaStore.h"
+#include "tests/support/Ctl.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/StoreDump.h"
 
-extern char** environ;
-
 namespace {
 
-struct CtlResult {
-  int status;
-  std::string out;
-  std::string err;
-};
+using cstest::CtlResult;
 
 class CliTest : public cstest::SandboxTest {
  protected:
-  // argv for configstorectl on this root.
-  std::vector<std::string> Argv(const std::vector<std::string>& args) const {
-    std::vector<std::string> argv = {cstest::BinaryPath("tools/configstorectl/configstorectl"), "--root", root_};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return argv;
-  }
-
-  // The test process's environment without NO_COLOR, plus `extra` ("NAME=VALUE").
-  static std::vector<std::string> Environment(const std::vector<std::string>& extra) {
-    std::vector<std::string> env;
-    for (char** e = environ; *e != nullptr; ++e) {
-      if (std::strncmp(*e, "NO_COLOR=", 9) != 0) env.emplace_back(*e);
-    }
-    env.insert(env.end(), extra.begin(), extra.end());
-    return env;
-  }
-
-  static std::vector<char*> Pointers(std::vector<std::string>& strings) {
-    std::vector<char*> p;
-    for (std::string& s : strings) p.push_back(s.data());
-    p.push_back(nullptr);
-    return p;
-  }
-
   // Runs the tool with standard output and error going to files (never a terminal). Output that is
   // not a terminal must never carry colour, so every run checks that.
   CtlResult Ctl(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
-    std::vector<std::string> argv = Argv(args), envp = Environment(env);
-    std::vector<char*> argvp = Pointers(argv), envpp = Pointers(envp);
-    const std::string out = Path("/ctl.out"), err = Path("/ctl.err");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t pid = -1;
-    int rc = posix_spawn(&pid, argvp[0], &actions, nullptr, argvp.data(), envpp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    EXPECT_EQ(rc, 0) << std::strerror(rc);
-    int raw = 0;
-    if (rc == 0) waitpid(pid, &raw, 0);
-    CtlResult r{rc == 0 && WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile("/ctl.out"), ReadFile("/ctl.err")};
+    CtlResult r = cstest::RunCtl(root_, args, env);
     EXPECT_EQ(r.out.find('\033'), std::string::npos) << "colour on a pipe: " << r.out;
     EXPECT_EQ(r.err.find('\033'), std::string::npos) << "colour on a pipe: " << r.err;
     return r;
@@ -78,8 +34,8 @@ class CliTest : public cstest::SandboxTest {
 
   // Runs the tool with standard output on a terminal; what the terminal received.
   std::string OnTerminal(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
-    std::vector<std::string> argv = Argv(args), envp = Environment(env);
-    std::vector<char*> argvp = Pointers(argv), envpp = Pointers(envp);
+    std::vector<std::string> argv = cstest::CtlArgv(root_, args), envp = cstest::CtlEnvironment(env);
+    std::vector<char*> argvp = cstest::ExecPointers(argv), envpp = cstest::ExecPointers(envp);
     int master = -1;
     pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
     if (pid == 0) {
@@ -99,12 +55,7 @@ class CliTest : public cstest::SandboxTest {
     return seen;
   }
 
-  static rapidjson::Document Json(const CtlResult& r) {
-    rapidjson::Document d;
-    d.Parse(r.out.c_str());
-    EXPECT_FALSE(d.HasParseError()) << r.out;
-    return d;
-  }
+  static rapidjson::Document Json(const CtlResult& r) { return cstest::CtlJson(r); }
 
   // A Config row; `user` etc. are stored as given (nullptr stores NULL).
   void AddObject(const std::string& component, const std::string& group, const std::string& key,

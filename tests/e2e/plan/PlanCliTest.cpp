@@ -12,15 +12,12 @@
 #include "configstore/frame/core/Json.h"
 #include "platform/dbstore/DBStore.h"
 #include "tests/support/Sandbox.h"
+#include "tests/support/Ctl.h"
 #include "tests/support/StoreDump.h"
 
 namespace {
 
-struct CtlResult {
-  int status;
-  std::string out;
-  std::string err;
-};
+using cstest::CtlResult;
 
 using Objects = std::set<std::string>;  // "component/group/key/identifier"
 
@@ -35,24 +32,8 @@ class PlanCliTest : public cstest::SandboxTest {
     CopyExampleHost();
   }
 
-  // Runs configstorectl on this root; the arguments hold no shell metacharacters.
-  CtlResult Ctl(const std::string& args) {
-    const std::string bin = cstest::BinaryPath("tools/configstorectl/configstorectl");
-    const std::string cmd = "'" + bin + "' --root '" + root_ + "' " + args + " >'" + root_ + "/ctl.out' 2>'" +
-                            root_ + "/ctl.err'";
-    int raw = std::system(cmd.c_str());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile("/ctl.out"), ReadFile("/ctl.err")};
-  }
-
-  static rapidjson::Document Json(const CtlResult& r) {
-    rapidjson::Document d;
-    d.Parse(r.out.c_str());
-    if (d.HasParseError() || !d.IsObject()) {
-      ADD_FAILURE() << "not a JSON object: " << r.out << r.err;
-      d.SetObject();
-    }
-    return d;
-  }
+  CtlResult Ctl(const std::string& args) { return cstest::RunCtl(root_, args); }
+  static rapidjson::Document Json(const CtlResult& r) { return cstest::CtlJson(r); }
 
   // The first boot of the installed host, then the state an ordinary reboot finds.
   void FirstBoot() {

@@ -1,0 +1,81 @@
+#include "tests/support/Ctl.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "tests/support/Sandbox.h"
+
+extern char** environ;
+
+namespace cstest {
+namespace {
+
+std::string Slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+}  // namespace
+
+std::vector<char*> ExecPointers(std::vector<std::string>& strings) {
+  std::vector<char*> p;
+  for (std::string& s : strings) p.push_back(s.data());
+  p.push_back(nullptr);
+  return p;
+}
+
+std::vector<std::string> CtlArgv(const std::string& root, const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {BinaryPath("tools/configstorectl/configstorectl"), "--root", root};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return argv;
+}
+
+std::vector<std::string> CtlEnvironment(const std::vector<std::string>& extra) {
+  std::vector<std::string> env;
+  for (char** e = environ; *e != nullptr; ++e) {
+    if (std::strncmp(*e, "NO_COLOR=", 9) != 0) env.emplace_back(*e);
+  }
+  env.insert(env.end(), extra.begin(), extra.end());
+  return env;
+}
+
+CtlResult RunCtl(const std::string& root, const std::vector<std::string>& args, const std::vector<std::string>& env) {
+  std::vector<std::string> argv = CtlArgv(root, args), envp = CtlEnvironment(env);
+  std::vector<char*> argvp = ExecPointers(argv), envpp = ExecPointers(envp);
+  const std::string out = root + "/ctl.out", err = root + "/ctl.err";
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  pid_t pid = -1;
+  int rc = posix_spawn(&pid, argvp[0], &actions, nullptr, argvp.data(), envpp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  EXPECT_EQ(rc, 0) << std::strerror(rc);
+  int raw = 0;
+  if (rc == 0) waitpid(pid, &raw, 0);
+  return {rc == 0 && WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, Slurp(out), Slurp(err)};
+}
+
+CtlResult RunCtl(const std::string& root, const std::string& line) {
+  std::vector<std::string> args;
+  std::istringstream words(line);
+  for (std::string word; words >> word;) args.push_back(word);
+  return RunCtl(root, args);
+}
+
+rapidjson::Document CtlJson(const CtlResult& result) {
+  rapidjson::Document d;
+  d.Parse(result.out.c_str());
+  EXPECT_FALSE(d.HasParseError()) << "not JSON: " << result.out << result.err;
+  return d;
+}
+
+}  // namespace cstest

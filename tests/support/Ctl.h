@@ -1,0 +1,35 @@
+// configstorectl run as a real process on a test's host root, for the end-to-end tests.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "configstore/frame/core/Json.h"
+
+namespace cstest {
+
+struct CtlResult {
+  int status = -1;  // exit status; -1 when it did not start or did not exit
+  std::string out;
+  std::string err;
+};
+
+// argv of configstorectl on `root` followed by `args`.
+std::vector<std::string> CtlArgv(const std::string& root, const std::vector<std::string>& args);
+// This process's environment without NO_COLOR, plus `extra` entries ("NAME=VALUE").
+std::vector<std::string> CtlEnvironment(const std::vector<std::string>& extra);
+
+// NULL-terminated pointers into `strings`, for exec and spawn.
+std::vector<char*> ExecPointers(std::vector<std::string>& strings);
+
+// Runs configstorectl on `root` without a shell (arguments pass as they are), standard output and
+// error captured through files under the root (never a terminal), and waits for it.
+CtlResult RunCtl(const std::string& root, const std::vector<std::string>& args,
+                 const std::vector<std::string>& env = {});
+// The same with the arguments written as one line split at spaces (no quoting).
+CtlResult RunCtl(const std::string& root, const std::string& line);
+
+// Standard output parsed as JSON; a parse error is a test failure.
+rapidjson::Document CtlJson(const CtlResult& result);
+
+}  // namespace cstest

@@ -17,16 +17,20 @@ int CollectRow(void* context, int argc, char** argv, char** /*columnNames*/) {
 
 Rows Run(const DBStore::Connection& conn, std::string_view sql, const std::vector<Column>& params,
          const char* failure) {
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
-  if (!stmt) throw ConfigStoreException(CS_ERR_GENERIC, failure);
+  // Kept on the connection: staging runs the same per-object INSERT once for every object.
+  const DBStore::Statement* stmt = DBStore::internal::PrepareKept(conn, sql, DBStore::kTimeoutMs);
+  if (stmt == nullptr) throw ConfigStoreException(CS_ERR_GENERIC, failure);
   int index = 1;
   for (const Column& param : params) {
     std::optional<std::string_view> value;
     if (param) value = *param;
-    if (DBStore::internal::Bind(conn, stmt, index, value) != 0) throw ConfigStoreException(CS_ERR_GENERIC, failure);
+    if (DBStore::internal::Bind(conn, *stmt, index, value) != 0) {
+      sqlite3_clear_bindings(stmt->get());  // the kept statement starts its next use unbound
+      throw ConfigStoreException(CS_ERR_GENERIC, failure);
+    }
   }
   Rows rows;
-  if (DBStore::ExecuteStmt(conn, stmt, CollectRow, &rows, DBStore::kTimeoutMs) != 0) {
+  if (DBStore::ExecuteStmt(conn, *stmt, CollectRow, &rows, DBStore::kTimeoutMs) != 0) {
     throw ConfigStoreException(CS_ERR_GENERIC, failure);
   }
   return rows;

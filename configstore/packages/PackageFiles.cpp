@@ -4,10 +4,12 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <unordered_set>
 
 #include "platform/host/HostRoot.h"
@@ -21,7 +23,6 @@ namespace {
 
 const char* const kCategories[] = {"vital", "cached", "config"};
 const char* kSkipListFile = "/var/run/talvex/files/skip-backup-list";
-const char* kInodeNodeRoot = "/system/lumafs/inodes";
 constexpr size_t kArchiveNameOffset = 36;
 
 // Declared files by category: process-wide and only ever added to, as the backup flow expects.
@@ -80,54 +81,61 @@ std::string ShadowName(const std::string& path) {
   return path.substr(0, slash) + "/.#" + path.substr(slash + 1);
 }
 
-// The archive the in-memory filesystem maps an inode to; "" when none can be had.
-std::string ArchiveOfInode(unsigned long inode) {
-  char nodePath[128];
-  std::snprintf(nodePath, sizeof nodePath, "%s/%lu/%s", kInodeNodeRoot, inode, "stats");
-  PLONSHPath* path = nullptr;
-  if (PLONSHPath_Form(nodePath, &path) != NUK_OK) return "";
-  std::unique_ptr<PLONSHPath, decltype(&PLONSHPath_Delete)> pathOwner(path, &PLONSHPath_Delete);
-  PLON_NodeId node = PLON_NODE_INVALID;
-  size_t size = 0;
-  if (PLONSHPath_GetLeafElement(path, &node, &size) != NUK_OK || size <= kArchiveNameOffset) return "";
-  PLON_ParamList* args = nullptr;
-  if (PLONSHPath_GetInstArgs(path, &args) != NUK_OK) return "";
-  std::unique_ptr<PLON_ParamList, decltype(&PLON_ParamListDestroy)> argsOwner(args, &PLON_ParamListDestroy);
+// What the archive check of undeclared files needs, worked out once per FilterStickyBitFiles.
+struct ArchiveCheck {
+  std::unordered_set<std::string> allowed;  // archives of kits that do not restrict sticky files
+  std::optional<bool> signatureOk;          // the node tree's signature, read by the first check
+  size_t recordSize = 0;                    // of the inode stats node; 0 when it cannot be read
+};
+
+size_t InodeRecordSize() {
   PLON_Type* type = nullptr;
-  if (PLON_LookupOutputTypeOfGet(node, &type) != NUK_OK) return "";
+  if (PLON_LookupOutputTypeOfGet(PLON_NODE_system_lumafs_inodes_stats, &type) != NUK_OK) return 0;
+  size_t size = type->size;
   PLON_ReleaseType(type);
-  std::vector<char> record(size + 1, '\0');
-  if (PLON_Get(node, args, record.data(), size) != NUK_OK) return "";
-  return std::string(record.data() + kArchiveNameOffset);  // NUL-terminated within the record
+  return size;
 }
 
-bool InAllowedArchive(const std::string& path, const std::unordered_set<std::string>& allowed) {
+// The archive the in-memory filesystem maps an inode to; "" when none can be had.
+std::string ArchiveOfInode(unsigned long inode, size_t recordSize) {
+  // The node takes the inode number as its instance argument (".../inodes/<ino>/stats").
+  if (recordSize <= kArchiveNameOffset || inode > static_cast<unsigned long>(INT64_MAX)) return "";
+  std::unique_ptr<PLON_ParamList, decltype(&PLON_ParamListDestroy)> args(PLON_ParamListCreate(1),
+                                                                          &PLON_ParamListDestroy);
+  if (!args || PLON_ParamListAddInt(args.get(), static_cast<int64_t>(inode)) != NUK_OK) return "";
+  std::string record(recordSize + 1, '\0');
+  if (PLON_Get(PLON_NODE_system_lumafs_inodes_stats, args.get(), record.data(), recordSize) != NUK_OK) return "";
+  return std::string(record.c_str() + kArchiveNameOffset);  // NUL-terminated within the record
+}
+
+bool InAllowedArchive(const std::string& path, ArchiveCheck& check) {
   struct stat st{};
   if (stat(Host::Resolve(ShadowName(path)).c_str(), &st) != 0) {
     CSLogger::SystemLog(CSLogger::PRIO_ERROR, "File stat(%s) failed with error %d", path.c_str(), errno);
     return false;
   }
-  if (PLON_CheckSig() != NUK_OK) CSLogger::SystemLog(CSLogger::PRIO_ERROR, "Failed to init plon");
-  std::string archive = ArchiveOfInode(static_cast<unsigned long>(st.st_ino));
+  if (!check.signatureOk) check.signatureOk = PLON_CheckSig() == NUK_OK;
+  if (!*check.signatureOk) CSLogger::SystemLog(CSLogger::PRIO_ERROR, "Failed to init plon");
+  std::string archive = ArchiveOfInode(static_cast<unsigned long>(st.st_ino), check.recordSize);
   if (archive.empty()) {
     CSLogger::SystemLog(CSLogger::PRIO_ERROR,
                         "File %s cannot be mapped to an archive, hence it should not be persisted.", path.c_str());
     return false;
   }
-  if (allowed.count(archive) != 0) return true;
+  if (check.allowed.count(archive) != 0) return true;
   CSLogger::SystemLog(CSLogger::PRIO_ERROR,
                       "File %s in archive %s does not belong to kit which allows persistence of sticky bit files",
                       path.c_str(), archive.c_str());
   return false;
 }
 
-bool MayPersist(const std::string& path, const std::unordered_set<std::string>& allowed) {
+bool MayPersist(const std::string& path, ArchiveCheck& check) {
   if (path.rfind("/opt", 0) == 0 && path.find("vital") != std::string::npos) {
-    return DeclaredFiles()["vital"].count(path) != 0 || InAllowedArchive(path, allowed);
+    return DeclaredFiles()["vital"].count(path) != 0 || InAllowedArchive(path, check);
   }
   if (IsDeclaredFile(path)) return true;
   if (HasSymlinkOnPath(path) && ResolvesToDeclaredFile(path)) return true;
-  return InAllowedArchive(path, allowed);
+  return InAllowedArchive(path, check);
 }
 
 }  // namespace
@@ -152,17 +160,18 @@ std::vector<std::string> FilterStickyBitFiles(const std::vector<std::string>& fi
   ForEachDeclaredFile([](const std::string& category, const std::string& path) {
     if (IsCategory(category)) DeclaredFiles()[category].insert(path);
   });
-  std::unordered_set<std::string> allowed;
+  ArchiveCheck check;
   auto image = QorImage::QorImage::GetQorImage();
   for (const auto& package : image->GetPackages()) {
     if (package.HasTag(QorImage::kRestrictStickyFilesTag)) continue;
-    allowed.insert(package.archives.begin(), package.archives.end());
+    check.allowed.insert(package.archives.begin(), package.archives.end());
   }
+  check.recordSize = InodeRecordSize();
 
   std::vector<std::string> kept, skipped;
   kept.reserve(files.size());
   for (const std::string& path : files) {
-    if (MayPersist(path, allowed)) {
+    if (MayPersist(path, check)) {
       kept.push_back(path);
     } else {
       CSLogger::SystemLog(CSLogger::PRIO_ERROR, "File %s will not be persisted.", path.c_str());

@@ -1,5 +1,8 @@
 #include "platform/schemastore/SchemaDocument.h"
 
+#include <sys/random.h>
+
+#include <cerrno>
 #include <cstdint>
 #include <map>
 #include <random>
@@ -100,11 +103,19 @@ const rapidjson::Value* GeneratedIdName(const rapidjson::Value& schema) {
 }
 
 std::string NewInstanceId() {
-  std::random_device source;
   uint8_t bytes[16];
-  for (size_t i = 0; i < sizeof bytes; i += 4) {
-    uint32_t word = source();
-    for (size_t j = 0; j < 4; ++j) bytes[i + j] = static_cast<uint8_t>(word >> (8 * j));
+  // getrandom reads the kernel's source in one call; std::random_device costs an open and close
+  // (and a CPU probe) per id. It stays the fallback for a kernel without the call.
+  ssize_t got = -1;
+  do {
+    got = getrandom(bytes, sizeof bytes, 0);
+  } while (got < 0 && errno == EINTR);
+  if (got != static_cast<ssize_t>(sizeof bytes)) {
+    std::random_device source;
+    for (size_t i = 0; i < sizeof bytes; i += 4) {
+      uint32_t word = source();
+      for (size_t j = 0; j < 4; ++j) bytes[i + j] = static_cast<uint8_t>(word >> (8 * j));
+    }
   }
   bytes[6] = static_cast<uint8_t>((bytes[6] & 0x0f) | 0x40);  // version 4
   bytes[8] = static_cast<uint8_t>((bytes[8] & 0x3f) | 0x80);  // RFC 4122 variant
@@ -204,6 +215,9 @@ void GenerateSchemaDocument(const rapidjson::Value& desiredDoc, const std::share
 }
 
 bool PopulateGeneratedInstanceId(const SchemaObject& schema, rapidjson::Value& instance, Alloc& allocator) {
+  // Registration names a generated id kGeneratedIdMember and refuses that name for anything else,
+  // so the schema value (parsed on first use) is needed only for keys with generated ids.
+  if (!schema.IsGeneratedInstanceId()) return false;
   return PopulateGeneratedInstanceId(schema.GetSchemaValue(), instance, allocator);
 }
 

@@ -28,8 +28,8 @@ void GenerateSchemaDocument(const rapidjson::Value& desiredDoc, const std::share
                             rapidjson::Document& schemaDoc, UnknownObjects unknown = UnknownObjects::Refuse);
 
 // Fills a generated instance id into `instance` when its schema asks for one (the property with
-// "instanceId": true and "generatedId": true, kGeneratedIdMember in registered schemas) and the
-// instance has no member of that name; a present member is never overwritten, whatever its value.
+// "instanceId": true and "generatedId": true, kGeneratedIdMember in registered schemas, so a schema
+// object is read only when IsGeneratedInstanceId()) and the instance has no member of that name; a present member is never overwritten, whatever its value.
 // The id is a random version-4 UUID text ("xxxxxxxx-xxxx-4xxx-yxxx-xxxxxxxxxxxx") from the system's
 // random source: it never matches an id made elsewhere, such as a default instance's.
 // Returns true when it added the id; false (and no change) for a non-object instance or schema.

@@ -17,10 +17,22 @@ size_t SchemaObjectIdHash::operator()(const SchemaObjectId& id) const {
   return seed;
 }
 
+namespace {
+
+constexpr unsigned kSchemaParseFlags = rapidjson::kParseIterativeFlag;  // a hostile depth cannot exhaust the stack
+
+// Reads `text` as the DOM parse of GetSchemaValue does, building nothing.
+bool IsJson(const std::string& text) {
+  rapidjson::MemoryStream memory(text.data(), text.size());
+  rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> input(memory);
+  rapidjson::BaseReaderHandler<> ignore;
+  return !rapidjson::Reader().Parse<kSchemaParseFlags>(input, ignore).IsError();
+}
+
+}  // namespace
+
 SchemaObject::SchemaObject(SchemaRecord record) : record_(std::move(record)) {
-  if (record_.schemaJson.empty()) return;  // schema_ stays null
-  if (schema_.Parse<rapidjson::kParseIterativeFlag>(record_.schemaJson.c_str(), record_.schemaJson.size())
-          .HasParseError()) {
+  if (!record_.schemaJson.empty() && !IsJson(record_.schemaJson)) {
     throw QorConfigStore::ConfigStoreException(QorConfigStore::CS_ERR_GENERIC,
                                                "Schema store holds an unreadable schema for " + record_.id.toString());
   }
@@ -30,7 +42,14 @@ SchemaObject::~SchemaObject() = default;
 
 const std::string& SchemaObject::GetInstanceIdName() const { return record_.instanceIdName; }
 const SchemaObjectId& SchemaObject::GetObjectId() const { return record_.id; }
-const rapidjson::Value& SchemaObject::GetSchemaValue() const { return schema_; }
+const rapidjson::Value& SchemaObject::GetSchemaValue() const {
+  std::call_once(parsed_, [this] {
+    if (record_.schemaJson.empty()) return;  // schema_ stays null
+    // The text was read once already, so only running out of memory can fail here.
+    schema_.Parse<kSchemaParseFlags>(record_.schemaJson.c_str(), record_.schemaJson.size());
+  });
+  return schema_;
+}
 const std::string& SchemaObject::GetSchemaId() const { return record_.schemaId; }
 SchemaObjectKind SchemaObject::GetKind() const { return record_.kind; }
 bool SchemaObject::IsSingleton() const { return record_.singleton; }

@@ -2,11 +2,13 @@
 // declared package file or one data-file key.
 //
 // Objects are immutable once built and are handed out as shared pointers; each owns its copy of
-// the schema JSON. Nothing here touches the database.
+// the schema JSON, parsed into a value on first use (a cache holds thousands of keys, and most
+// callers read only a few columns of each). Nothing here touches the database.
 #pragma once
 
 #include <compare>
 #include <cstddef>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -77,7 +79,8 @@ struct SchemaRecord {
 
 class SchemaObject {
  public:
-  // Parses record.schemaJson (an empty text stands for no schema: a null value).
+  // Checks that record.schemaJson is JSON (an empty text stands for no schema: a null value); the
+  // value itself is built by the first GetSchemaValue.
   // Throws ConfigStoreException 2000 naming the object when the text is not JSON.
   explicit SchemaObject(SchemaRecord record);
 
@@ -85,6 +88,7 @@ class SchemaObject {
   virtual const std::string& GetInstanceIdName() const;
   virtual const SchemaObjectId& GetObjectId() const;
   // The JSON Schema of a configuration key (null for other kinds); lives as long as the object.
+  // Safe to call from several threads at once.
   virtual const rapidjson::Value& GetSchemaValue() const;
   virtual const std::string& GetSchemaId() const;
   virtual SchemaObjectKind GetKind() const;
@@ -120,8 +124,9 @@ class SchemaObject {
   SchemaRecord record_;
   // A schema is a few KiB: rapidjson's default 64 KiB chunk per object made a cache of thousands of
   // keys cost hundreds of MiB. Declared before schema_, which allocates from it.
-  rapidjson::MemoryPoolAllocator<> pool_{4096};
-  rapidjson::Document schema_{&pool_};
+  mutable rapidjson::MemoryPoolAllocator<> pool_{4096};
+  mutable rapidjson::Document schema_{&pool_};
+  mutable std::once_flag parsed_;
 };
 
 }  // namespace QorSchemaStore

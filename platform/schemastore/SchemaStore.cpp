@@ -6,7 +6,6 @@
 #include <initializer_list>
 #include <optional>
 #include <string_view>
-#include <unordered_map>
 #include <variant>
 
 #include "configstore/frame/core/ConfigStoreException.h"
@@ -25,15 +24,28 @@ using QorConfigStore::CS_ERR_GENERIC;
 // Statements
 
 using Arg = std::variant<std::string_view, int64_t>;
-using Row = std::unordered_map<std::string, std::optional<std::string>>;  // column name -> text or NULL
+using Column = std::optional<std::string>;  // text or NULL
+
+// Result rows: the column names once (a cache load reads thousands of rows of 16 columns), then
+// each row's values in column order.
+struct Rows {
+  std::vector<std::string> names;
+  std::vector<std::vector<Column>> values;
+};
+
+// One row of a Rows, read by column name; each value is read once and moved out.
+struct Row {
+  const std::vector<std::string>& names;
+  std::vector<Column>& values;
+};
 
 int CollectRow(void* context, int argc, char** argv, char** names) {
   try {  // no exception may cross back into SQLite
-    Row row;
-    for (int i = 0; i < argc; ++i) {
-      row[names[i]] = argv[i] ? std::optional<std::string>(argv[i]) : std::nullopt;
-    }
-    static_cast<std::vector<Row>*>(context)->push_back(std::move(row));
+    auto* rows = static_cast<Rows*>(context);
+    if (rows->names.empty()) rows->names.assign(names, names + argc);
+    std::vector<Column>& row = rows->values.emplace_back();
+    row.reserve(static_cast<size_t>(argc));
+    for (int i = 0; i < argc; ++i) row.push_back(argv[i] ? Column(argv[i]) : std::nullopt);
     return 0;
   } catch (...) {
     return 1;
@@ -44,7 +56,7 @@ int CollectRow(void* context, int argc, char** argv, char** names) {
 // same few statements thousands of times); `rows` (when given) receives every result row.
 // 0 on success, 1 on failure (DBStore logs the cause).
 int Run(const DBStore::Connection& conn, std::string_view sql, std::initializer_list<Arg> args,
-        std::vector<Row>* rows = nullptr) {
+        Rows* rows = nullptr) {
   const DBStore::Statement* stmt = DBStore::internal::PrepareKept(conn, sql, DBStore::kTimeoutMs);
   if (stmt == nullptr) return 1;
   int index = 1;
@@ -61,10 +73,15 @@ int Run(const DBStore::Connection& conn, std::string_view sql, std::initializer_
 // ---------------------------------------------------------------------------------------------
 // Rows to records
 
-std::string Text(const Row& row, const char* column) {
-  auto it = row.find(column);
-  return it != row.end() && it->second ? *it->second : std::string();
+// The value of `column`, moved out of the row; nullopt for NULL or a column the row lacks.
+Column Take(const Row& row, const char* column) {
+  for (size_t i = 0; i < row.names.size() && i < row.values.size(); ++i) {
+    if (row.names[i] == column) return std::move(row.values[i]);
+  }
+  return std::nullopt;
 }
+
+std::string Text(const Row& row, const char* column) { return Take(row, column).value_or(std::string()); }
 
 int64_t Integer(const Row& row, const char* column) {
   std::string text = Text(row, column);
@@ -110,7 +127,7 @@ std::shared_ptr<SchemaObject> ConfigObject(const Row& row) {
   rec.schemaType = static_cast<int>(Integer(row, "SchemaType"));
   rec.solutionUserInstances = FromJsonArray(row, "SolutionUserInstances", rec.id);
   rec.preservedInstanceIds = FromJsonArray(row, "PreservedInstanceIds", rec.id);
-  if (auto it = row.find("ValueType"); it != row.end() && it->second) rec.smartnicValueType = *it->second;
+  rec.smartnicValueType = Take(row, "ValueType");
   return std::make_shared<SchemaObject>(std::move(rec));
 }
 
@@ -232,11 +249,11 @@ std::shared_ptr<SchemaObjectCache> SchemaStore::GetCache() {
 }
 
 std::shared_ptr<SchemaObject> SchemaStore::GetSchema(const SchemaObjectId& id) const {
-  std::vector<Row> rows;
+  Rows rows;
   std::string sql = std::string(kSelectConfig) + " WHERE c.Component = ? AND c.ConfigGroup = ? AND c.Name = ?";
   if (Run(conn_, sql, {id.component, id.group, id.key}, &rows) != 0)
     Fail("Failed to read the schema of " + id.toString());
-  return rows.empty() ? nullptr : ConfigObject(rows.front());
+  return rows.values.empty() ? nullptr : ConfigObject(Row{rows.names, rows.values.front()});
 }
 
 std::vector<std::shared_ptr<SchemaObject>> SchemaStore::GetSchemaObjects(const std::string& kind) const {
@@ -254,11 +271,11 @@ std::vector<std::shared_ptr<SchemaObject>> SchemaStore::GetSchemaObjects(const s
   } else {
     Fail("Unknown schema object kind \"" + kind + "\"");
   }
-  std::vector<Row> rows;
+  Rows rows;
   if (Run(conn_, sql, {}, &rows) != 0) Fail("Failed to read the schema objects of kind " + kind);
   std::vector<std::shared_ptr<SchemaObject>> objects;
-  objects.reserve(rows.size());
-  for (const Row& row : rows) objects.push_back(make(row));
+  objects.reserve(rows.values.size());
+  for (std::vector<Column>& values : rows.values) objects.push_back(make(Row{rows.names, values}));
   return objects;
 }
 

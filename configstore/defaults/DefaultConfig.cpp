@@ -37,7 +37,9 @@ void WriteDefaultInstance(rapidjson::MemoryPoolAllocator<>& allocator, const DBS
                           const std::string& key, const std::shared_ptr<QorSchemaStore::SchemaObject>& schema,
                           rapidjson::Value& instance, rapidjson::Value& keyErrors) {
   rapidjson::Document errors;
-  JsonValidator::Validate(schema->GetSchemaValue(), instance, errors, kRulesDefaultConfig, "");
+  // The stored text is the cache key's part: no serialization of the schema per instance.
+  JsonValidator::Validate(schema->GetSchemaValue(), schema->Record().schemaJson, instance, errors, kRulesDefaultConfig,
+                          "");
   if (!errors.Empty()) {
     for (const rapidjson::Value& entry : errors.GetArray()) keyErrors.PushBack(rapidjson::Value(entry, allocator), allocator);
     return;
@@ -119,7 +121,7 @@ bool ProcessDefaultConfiguration(bool isQorio) {
     for (const std::string& name : selection.Files()) {
       if (!selection.Select(name)) continue;
       CSLogger::Log(CSLogger::PRIO_INFO, "Processing default config from '%s'", name.c_str());
-      std::shared_ptr<JsonDoc> doc = CreateDocumentFromFile(directory + "/" + name);
+      std::shared_ptr<JsonDoc> doc = selection.TakeDocument(name);
       rapidjson::MemoryPoolAllocator<>& allocator = doc->document->GetAllocator();
       rapidjson::Value fileErrors(rapidjson::kArrayType);
       for (rapidjson::Value& element : (*doc->document)["data"].GetArray()) {

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <fstream>
 #include <sstream>
+#include <string_view>
 
 #include <rapidjson/memorystream.h>
 
@@ -176,15 +177,114 @@ bool ProcessConfig(rapidjson::Value& config, const rapidjson::Value& schema, con
   return isUser;
 }
 
+namespace {
+
+// Appends the compact text of `config` pruned to `part` the way ProcessConfig prunes it, without
+// copying or erasing anything; true when anything of it is to be kept. What a false leaves in
+// `out` is the caller's to drop. Reads the schema in the same order as ProcessConfig, so a mistyped
+// schema throws exactly where it would.
+class PartWriter {
+ public:
+  explicit PartWriter(const char* part) : part_(part), isUser_(std::string_view(part) == "user"), writer_(out_) {}
+
+  bool Write(const rapidjson::Value& config, const rapidjson::Value& schema) {
+    if (schema.HasMember("instanceId") && schema["instanceId"].IsBool() && schema["instanceId"].GetBool()) {
+      return WriteWhole(config);
+    }
+    if (isUser_) {
+      if (schema.HasMember("vital") || schema.HasMember("cached")) return false;
+    } else if (schema.HasMember(part_)) {
+      return WriteWhole(config);
+    }
+
+    if (config.IsObject()) {
+      if (config.MemberCount() == 0) return Put("{}") && isUser_;
+      const rapidjson::Value& properties = schema["properties"];
+      out_.Put('{');
+      size_t kept = 0;
+      const rapidjson::Value* lastKept = nullptr;
+      for (const auto& member : config.GetObject()) {
+        const size_t mark = out_.GetSize();
+        if (kept != 0) out_.Put(',');
+        WriteScalar(member.name);
+        out_.Put(':');
+        if (Write(member.value, properties[member.name])) {
+          ++kept;
+          lastKept = &member.name;
+        } else {
+          out_.Pop(out_.GetSize() - mark);
+        }
+      }
+      out_.Put('}');
+      if (kept == 0) return false;
+      if (isUser_ || kept > 1) return true;
+      // One member left: an object reduced to its instance identifier is not worth keeping.
+      const rapidjson::Value& ps = properties[*lastKept];
+      if (ps.HasMember(part_) && ps[part_].GetBool()) return true;
+      if (!ps.HasMember("instanceId")) return true;
+      return !ps["instanceId"].GetBool();
+    }
+
+    if (config.IsArray()) {
+      if (config.Empty()) return Put("[]") && isUser_;
+      const rapidjson::Value& items = schema["items"];
+      if (std::string_view(items["type"].GetString()) != "object") return WriteWhole(config) && isUser_;
+      out_.Put('[');
+      size_t kept = 0;
+      for (const rapidjson::Value& element : config.GetArray()) {
+        const size_t mark = out_.GetSize();
+        if (kept != 0) out_.Put(',');
+        if (Write(element, items)) {
+          ++kept;
+        } else {
+          out_.Pop(out_.GetSize() - mark);
+        }
+      }
+      out_.Put(']');
+      return kept != 0;
+    }
+    return WriteWhole(config) && isUser_;
+  }
+
+  // The text written so far.
+  std::string Text() const { return std::string(out_.GetString(), out_.GetSize()); }
+
+ private:
+  bool Put(std::string_view text) {
+    for (char c : text) out_.Put(c);
+    return true;
+  }
+
+  void WriteScalar(const rapidjson::Value& value) {
+    writer_.Reset(out_);  // one root per scalar: the writer keeps no state between them
+    value.Accept(writer_);
+  }
+
+  // Containers go through SerializeValue, which does not recurse on deep values.
+  bool WriteWhole(const rapidjson::Value& value) {
+    if (!value.IsObject() && !value.IsArray()) {
+      WriteScalar(value);
+      return true;
+    }
+    ConfigStoreDocument::SerializeValue(value, scratch_);
+    return Put(scratch_);
+  }
+
+  const char* part_;
+  bool isUser_;
+  rapidjson::StringBuffer out_;
+  rapidjson::Writer<rapidjson::StringBuffer> writer_;
+  std::string scratch_;
+};
+
+}  // namespace
+
 std::unordered_map<std::string, std::string> SplitConfig(const rapidjson::Value& config,
                                                          const rapidjson::Value& schema) {
   std::unordered_map<std::string, std::string> parts;
   for (const char* part : {"user", "vital", "cached"}) {
-    rapidjson::Document copy;
-    copy.CopyFrom(config, copy.GetAllocator());
-    std::string text;
-    if (ProcessConfig(copy, schema, part)) ConfigStoreDocument::SerializeValue(copy, text);
-    parts[part] = text;
+    PartWriter writer(part);
+    parts[part] = writer.Write(config, schema) ? writer.Text() : std::string();
   }
   return parts;
 }

@@ -75,15 +75,28 @@ std::string GetSchemaIDfromFile(const std::string& fileName, const rapidjson::Va
   return "";
 }
 
-SchemaIdMap GenerateSchemaIdMap(const std::vector<std::string>& files, const std::string& directory) {
+namespace {
+
+// GenerateSchemaIdMap, also keeping the parsed document of each file with an identifier (by file
+// name) in `documents` when given.
+SchemaIdMap ReadSchemaIds(const std::vector<std::string>& files, const std::string& directory,
+                          std::map<std::string, std::shared_ptr<JsonDoc>>* documents) {
   SchemaIdMap idMap;
   for (const std::string& name : files) {
     std::string path = directory + "/" + name;
     std::shared_ptr<JsonDoc> doc = CreateDocumentFromFile(path);
     std::string schemaId = GetSchemaIDfromFile(name, *doc->document);
-    if (!schemaId.empty()) idMap[path] = std::move(schemaId);
+    if (schemaId.empty()) continue;
+    idMap[path] = std::move(schemaId);
+    if (documents != nullptr) (*documents)[name] = std::move(doc);
   }
   return idMap;
+}
+
+}  // namespace
+
+SchemaIdMap GenerateSchemaIdMap(const std::vector<std::string>& files, const std::string& directory) {
+  return ReadSchemaIds(files, directory, nullptr);
 }
 
 // Hand-written equivalent of matching "(.*)-\d+(\.\d+)+_\d+(\.\d+)*" against the whole identifier.
@@ -145,7 +158,7 @@ SchemaFileSelection::SchemaFileSelection(const std::string& directory, std::vect
     files_ = std::move(files);
     return;
   }
-  idMap_ = GenerateSchemaIdMap(files, directory_);
+  idMap_ = ReadSchemaIds(files, directory_, &documents_);
   for (std::string& name : files) {
     if (idMap_.count(directory_ + "/" + name) != 0) files_.push_back(std::move(name));
   }
@@ -163,11 +176,20 @@ bool SchemaFileSelection::Select(const std::string& fileName) {
   if (!schemaName.empty() && seenNames_.count(schemaName) != 0) {
     CSLogger::Log(CSLogger::PRIO_INFO, "Skipping schema file '%s' since latest version already processed.",
                   fileName.c_str());
+    documents_.erase(fileName);
     return false;
   }
   CSLogger::Log(CSLogger::PRIO_INFO, "Processing schema file '%s'.", fileName.c_str());
   seenNames_.insert(std::move(schemaName));
   return true;
+}
+
+std::shared_ptr<JsonDoc> SchemaFileSelection::TakeDocument(const std::string& fileName) {
+  auto held = documents_.find(fileName);
+  if (held == documents_.end()) return CreateDocumentFromFile(directory_ + "/" + fileName);
+  std::shared_ptr<JsonDoc> doc = std::move(held->second);
+  documents_.erase(held);
+  return doc;
 }
 
 }  // namespace QorConfigStore

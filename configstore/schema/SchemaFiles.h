@@ -13,6 +13,8 @@
 
 namespace QorConfigStore {
 
+struct JsonDoc;
+
 // Host path of the directory where packages drop their schema files.
 inline constexpr const char* kSchemaDir = "/usr/lib/talvex/configmanager/schemas";
 
@@ -81,6 +83,9 @@ class VersionCompare {
 // parse propagates), files without an identifier are left out, and the rest are stably sorted
 // newest first (equal versions, and identifiers without a version, keep the listing order).
 // Without versioning: every listed file, in listing order, with no identifiers.
+//
+// The documents parsed for the identifiers are kept until taken (TakeDocument) or skipped
+// (Select), so that processing does not parse a file again.
 class SchemaFileSelection {
  public:
   SchemaFileSelection(const std::string& directory, std::vector<std::string> files, bool versioning);
@@ -97,12 +102,17 @@ class SchemaFileSelection {
   // A file with an empty schema name is never skipped. Without versioning: always true, no log.
   bool Select(const std::string& fileName);
 
+  // The parsed document of `fileName` (one of Files()), handed over to the caller: the one read at
+  // construction, or else the file parsed now (InvalidArgumentException 1081 when it does not parse).
+  std::shared_ptr<JsonDoc> TakeDocument(const std::string& fileName);
+
  private:
   std::string directory_;
   bool versioning_;
   std::vector<std::string> files_;
   SchemaIdMap idMap_;
   std::set<std::string> seenNames_;
+  std::map<std::string, std::shared_ptr<JsonDoc>> documents_;  // by file name, until taken or skipped
 };
 
 }  // namespace QorConfigStore

@@ -13,7 +13,6 @@
 #include "platform/host/HostRoot.h"
 #include "platform/image/QorImage.h"
 #include "platform/logging/Events.h"
-#include "platform/validator/ConfigStoreDocument.h"
 
 namespace QorConfigStore {
 namespace {
@@ -63,9 +62,9 @@ bool RegisterSchemaElements(const std::shared_ptr<QorSchemaStore::SchemaStore>& 
                       component.c_str(), group.c_str(), key.c_str(), isQorio ? 1 : 0);
         continue;
       }
-      std::string text;
-      ConfigStoreDocument::SerializeValue(element, text);
-      QorSchemaStore::SetSchema(schemaId, component, group, key, text, store, element.HasMember("smartnic"));
+      // The parsed element goes to the store as it is: no text round trip.
+      store->SetSchema(schemaId, QorSchemaStore::SchemaObjectId(component, group, key), element,
+                       element.HasMember("smartnic"));
     }
     CSLogger::Log(CSLogger::PRIO_INFO, "[SchemaProcessor] Schema file processed successfully");
     return true;
@@ -98,7 +97,7 @@ bool ProcessSchemaFiles(const std::vector<std::string>& schemaIds, bool isQorio)
       if (!selection.Select(name)) continue;
       // With versioning the selection has already logged this line for the file.
       if (!selection.Versioning()) CSLogger::Log(CSLogger::PRIO_INFO, "Processing schema file '%s'.", name.c_str());
-      std::shared_ptr<JsonDoc> doc = CreateDocumentFromFile(directory + "/" + name);
+      std::shared_ptr<JsonDoc> doc = selection.TakeDocument(name);
       const rapidjson::Value& root = *doc->document;
 
       std::string schemaId;

@@ -24,7 +24,7 @@ inline constexpr const char* kSmartnicQorioOnly = "qorio-only";   // on the DPU 
 bool ElementAppliesToHost(const rapidjson::Value& element, bool isQorio, bool smartnicFiltering);
 
 // Registers the applying elements of one parsed schema file under `schemaId` with
-// QorSchemaStore::SetSchema, in order. False (after logging why) when the root is not an object
+// SchemaStore::SetSchema on `store` (not null), in order. False (after logging why) when the root is not an object
 // with a "data" array, an element lacks "key", "group" or "component", or anything throws (a
 // refused element included); elements registered before the failure stay registered. Never throws.
 bool RegisterSchemaElements(const std::shared_ptr<QorSchemaStore::SchemaStore>& store, const std::string& schemaId,

@@ -44,10 +44,9 @@ detail::Checks ChecksFor(const std::set<int>& rules) {
   return checks;
 }
 
-std::shared_ptr<const detail::CompiledSchema> CompiledFor(const rapidjson::Value& schema, const std::set<int>& rules,
-                                                          const std::string& name) {
-  std::string text;
-  ConfigStoreDocument::SerializeValue(schema, text);
+// `text` is the schema's text: what the cache key and its guard are made of.
+std::shared_ptr<const detail::CompiledSchema> CompiledFor(const rapidjson::Value& schema, const std::string& text,
+                                                          const std::set<int>& rules, const std::string& name) {
   std::string key = name;
   key += '\0';
   for (int rule : rules) key += std::to_string(rule) + ",";
@@ -72,7 +71,7 @@ std::shared_ptr<const detail::CompiledSchema> CompiledFor(const rapidjson::Value
   }
   std::lock_guard<std::mutex> lock(cache.mutex);
   if (cache.entries.size() >= kMaxCacheEntries) cache.entries.clear();
-  cache.entries[key] = CacheEntry{std::move(text), compiled};
+  cache.entries[key] = CacheEntry{text, compiled};
   ++cache.stats.compiles;
   return compiled;
 }
@@ -85,13 +84,17 @@ void AddError(rapidjson::Document& errors, const std::string& field, const std::
   errors.PushBack(entry, a);
 }
 
-}  // namespace
-
-void Validate(const rapidjson::Value& schema, const rapidjson::Value& value, rapidjson::Document& errors,
-              const std::set<int>& rules, const std::string& name) {
+// Validate, with the schema's text given (`schemaText`) or made here (null).
+void ValidateWithKey(const rapidjson::Value& schema, const std::string* schemaText, const rapidjson::Value& value,
+                     rapidjson::Document& errors, const std::set<int>& rules, const std::string& name) {
   errors.SetArray();
   try {
-    std::shared_ptr<const detail::CompiledSchema> compiled = CompiledFor(schema, rules, name);
+    std::string ownText;
+    if (schemaText == nullptr) {
+      ConfigStoreDocument::SerializeValue(schema, ownText);
+      schemaText = &ownText;
+    }
+    std::shared_ptr<const detail::CompiledSchema> compiled = CompiledFor(schema, *schemaText, rules, name);
     if (!compiled->error.empty()) {
       AddError(errors, "", "invalid schema" + (name.empty() ? std::string() : " " + name) + ": " + compiled->error);
       return;
@@ -103,6 +106,18 @@ void Validate(const rapidjson::Value& schema, const rapidjson::Value& value, rap
     errors.SetArray();
     AddError(errors, "", std::string("validation failed: ") + e.what());
   }
+}
+
+}  // namespace
+
+void Validate(const rapidjson::Value& schema, const rapidjson::Value& value, rapidjson::Document& errors,
+              const std::set<int>& rules, const std::string& name) {
+  ValidateWithKey(schema, nullptr, value, errors, rules, name);
+}
+
+void Validate(const rapidjson::Value& schema, const std::string& schemaText, const rapidjson::Value& value,
+              rapidjson::Document& errors, const std::set<int>& rules, const std::string& name) {
+  ValidateWithKey(schema, &schemaText, value, errors, rules, name);
 }
 
 void SetRemoteResolver(RemoteResolver resolver) {

@@ -31,6 +31,12 @@ namespace JsonValidator {
 void Validate(const rapidjson::Value& schema, const rapidjson::Value& value, rapidjson::Document& errors,
               const std::set<int>& rules, const std::string& name);
 
+// As above, with the schema's text supplied by a caller that already holds it (a stored schema and
+// its parsed value), so that the cache key is not made by serializing the schema on every call.
+// `schemaText` must be a text that parses to exactly `schema`; it need not be compact.
+void Validate(const rapidjson::Value& schema, const std::string& schemaText, const rapidjson::Value& value,
+              rapidjson::Document& errors, const std::set<int>& rules, const std::string& name);
+
 // Supplies the schema behind a remote reference ("http://host/path.json", given without its
 // fragment), or null when there is none. The returned value is copied before the resolver is called
 // again and need not outlive that. Without a resolver every remote reference is unresolvable.

@@ -108,7 +108,6 @@ TEST_F(BootStateTest, SetLiveInstallBootReportsAFailedWriteAndIgnoresNoStatus) {
   DBStore::faults::Disarm();
   EXPECT_NE(rc, 0);
   EXPECT_TRUE(Logged("POST_LIVE_INSTALL_BOOT=true completed with rc = " + std::to_string(rc), 2));
-  EXPECT_EQ(Stored(POST_LIVE_INSTALL_BOOT), "");
 
   Store(POST_LIVE_INSTALL_BOOT, "true");
   EXPECT_EQ(SetLiveInstallBoot(nullptr), 1);

@@ -261,6 +261,16 @@ TEST_F(JsonValidatorTest, CompilesOncePerKeyAndAgainWhenTheSchemaChanges) {
   ErrorsOf(schema, bad, kDefaultRules, "qor/network/nics");
   EXPECT_EQ(JsonValidator::CacheStats().compiles, 3u);
 
+  // A caller's own text of the schema, laid out otherwise, names the same schema: one more compile
+  // at most, and the bound of the value it was given holds.
+  const std::string text = R"({ "type": "object", "properties": { "mtu": { "type": "integer", "maximum": 9216 } } })";
+  rapidjson::Document errors;
+  for (int i = 0; i < 3; ++i) {
+    JsonValidator::Validate(schema, text, bad, errors, kUserRules, "qor/network/nics");
+    EXPECT_TRUE(errors.IsArray() && errors.Empty()) << i;
+  }
+  EXPECT_EQ(JsonValidator::CacheStats().compiles, 4u);
+
   JsonValidator::ClearCache();
   EXPECT_EQ(JsonValidator::CacheStats().entries, 0u);
   EXPECT_EQ(JsonValidator::CacheStats().compiles, 0u);

@@ -23,7 +23,9 @@ constexpr const char* kDesiredDocument = R"({"profile": {"qor": {
     "network": {"dns": {"hostname": "host02", "servers": ["192.0.2.99"]},
                 "nuknics": [{"name": "nuk0", "mtu": 1500}, {"name": "nuk7", "mtu": 9000}]},
     "authentication": {"user_accounts": [{"name": "ops", "shell_access": false}]},
-    "authorization": {"permissions": [{"principal": "ops", "role": "ReadOnly"}]}}}})";
+    "authorization": {"permissions": [{"principal": "ops", "role": "ReadOnly"}]},
+    "advanced_options": {"user_vars": [{"name": "Agent_LogLevel", "value": "debug"}]},
+    "system": {"advanced_options": [{"name": "Syslog.global.logDir", "string_value": "/scratch/other"}]}}}})";
 
 constexpr const char* kSmartnicDocument =
     R"({"qor": {"network": {"nuknics": [{"name": "nuk3", "mtu": 1500}], "dns": "DELETE_DEFAULT"}}})";

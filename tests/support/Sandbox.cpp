@@ -1,5 +1,7 @@
 #include "tests/support/Sandbox.h"
 
+#include "configstore/frame/core/ConfigStoreException.h"
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -67,5 +69,14 @@ std::vector<std::string> SandboxTest::RecordedAlerts() const {
 
 std::string SourcePath(const std::string& relative) { return std::string(CONFIGSTORE_SOURCE_DIR) + "/" + relative; }
 std::string BinaryPath(const std::string& relative) { return std::string(CONFIGSTORE_BINARY_DIR) + "/" + relative; }
+
+std::string Thrown(const std::function<void()>& op) {
+  try {
+    op();
+  } catch (const QorConfigStore::ConfigStoreException& e) {
+    return std::to_string(e.code()) + " " + e.what();
+  }
+  return "no exception";
+}
 
 }  // namespace cstest

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,10 @@ class SandboxTest : public ::testing::Test {
   std::string root_;
   CSLogger::Capture log_;
 };
+
+// "<code> <message>" of the ConfigStoreException `op` throws; "no exception" when it throws none
+// (any other exception goes on to the test).
+std::string Thrown(const std::function<void()>& op);
 
 // Repository paths.
 std::string SourcePath(const std::string& relative);

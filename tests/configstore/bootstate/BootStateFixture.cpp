@@ -61,13 +61,4 @@ bool BootStateTest::Logged(const std::string& text, int priority) const {
   return false;
 }
 
-std::string BootStateTest::Thrown(const std::function<void()>& op) {
-  try {
-    op();
-  } catch (const QorConfigStore::ConfigStoreException& e) {
-    return std::to_string(e.code()) + " " + e.what();
-  }
-  return "no exception";
-}
-
 }  // namespace cstest

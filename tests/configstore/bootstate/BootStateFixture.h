@@ -32,8 +32,6 @@ class BootStateTest : public SandboxTest {
 
   // True when some line of that priority holds exactly `text`.
   bool Logged(const std::string& text, int priority) const;
-  // "<code> <message>" of the ConfigStoreException `op` throws; "no exception" when it throws none.
-  static std::string Thrown(const std::function<void()>& op);
 };
 
 }  // namespace cstest

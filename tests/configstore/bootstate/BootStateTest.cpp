@@ -15,6 +15,7 @@ namespace {
 
 using namespace QorConfigStore;
 using cstest::BootStateTest;
+using cstest::Thrown;
 using DBStore::faults::Kind;
 
 TEST_F(BootStateTest, BootModeIsStoredAsPlainDecimalAndReadBack) {

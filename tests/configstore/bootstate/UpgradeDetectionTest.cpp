@@ -14,6 +14,7 @@ namespace {
 
 using namespace QorConfigStore;
 using cstest::BootStateTest;
+using cstest::Thrown;
 
 // Every line that announces an upgrade decision; a decided boot logs exactly one of them.
 const std::vector<std::string> kDecisionLines = {

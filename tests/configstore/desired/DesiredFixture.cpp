@@ -161,15 +161,6 @@ void DesiredTest::Stage(const std::string& text) {
   QorConfigStore::SetDesiredUserConfig(*doc->document);
 }
 
-std::string DesiredTest::Thrown(const std::function<void()>& op) {
-  try {
-    op();
-  } catch (const QorConfigStore::ConfigStoreException& e) {
-    return std::to_string(e.code()) + " " + e.what();
-  }
-  return "no exception";
-}
-
 std::string Row(const char* action, const std::string& group, const std::string& key, const std::string& id,
                 const char* version, const char* value, const char* vital, const char* cached) {
   return Text(action) + "|qor|" + group + "|" + key + "|" + id + "|" + Text(version) + "|" + Text(value) + "|" +

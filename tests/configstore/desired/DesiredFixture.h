@@ -13,6 +13,8 @@
 
 namespace desiredtest {
 
+using cstest::Thrown;
+
 // Registered keys (component "qor").
 //   network/nuknics            instance id "name", "mac" vital, SmartNIC "qor-shared"
 //   network_zsw/switches       instance id "uuid"
@@ -63,8 +65,6 @@ class DesiredTest : public cstest::SandboxTest {
   static std::shared_ptr<QorConfigStore::JsonDoc> Doc(const std::string& text);
   // Stages `text` as a desired document.
   static void Stage(const std::string& text);
-  // "<code> <message>" of the ConfigStoreException `op` throws; "no exception" when it throws none.
-  static std::string Thrown(const std::function<void()>& op);
 
   void WriteHostConfigFile() const { WriteFile("/etc/talvex/host_configuration.json", "{}"); }
 

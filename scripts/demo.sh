@@ -1,7 +1,8 @@
 #!/bin/bash
 # The main job on a fresh copy of the sample host root: the first boot of a newly installed host
 # (a new store filled from the boot configuration document), then an ordinary reboot (the store
-# restored from its backup), each with its boot report and the resulting metrics.
+# restored from its backup) that applies a desired configuration an operator staged and previewed
+# in between, each with its boot report and the resulting metrics.
 set -euo pipefail
 ctl=$1
 root=$2
@@ -29,6 +30,11 @@ boot() {
 
 step "host root: $root"
 boot "first boot"
+
+step "during the day an operator stages a desired configuration: configstorectl set-desired examples/desired.json"
+cs set-desired "$src/../desired.json"
+step "and previews what the next boot will do with it: configstorectl plan"
+cs plan
 
 step "the host's backup process saves the store; the reboot empties the ramdisk and the installer's first-boot marker is gone"
 mkdir -p "$root/var/lib/talvex/configstore/backup"

@@ -174,4 +174,13 @@ int CurrentExceptionCode() {
   }
 }
 
+std::shared_ptr<QorConfigStore::JsonDoc> ParsedInput(const uint8_t* data, size_t size) {
+  std::shared_ptr<QorConfigStore::JsonDoc> doc;
+  if (Refused([&] { doc = QorConfigStore::CreateDocumentFromString(Text(data, size)); },
+              {QorConfigStore::CS_ERR_JSON_PARSE_STRING})) {
+    return nullptr;
+  }
+  return doc;
+}
+
 }  // namespace csfuzz

@@ -7,9 +7,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <memory>
 #include <string>
 
-#include "configstore/frame/core/Json.h"
+#include "configstore/frame/Documents.h"
 
 namespace csfuzz {
 
@@ -49,6 +50,10 @@ void CheckValidationErrors(const rapidjson::Value& errors);
 
 // The input as text (embedded NUL bytes kept).
 inline std::string Text(const uint8_t* data, size_t size) { return std::string(reinterpret_cast<const char*>(data), size); }
+
+// The input read as a JSON document by CreateDocumentFromString; null when the reader refuses it
+// with its parse error (any other exception is a finding).
+std::shared_ptr<QorConfigStore::JsonDoc> ParsedInput(const uint8_t* data, size_t size);
 
 // Runs `call`. A QorConfigStore::ConfigStoreException with one of `codes` (any code when the list is
 // empty) is the library's documented refusal of the input and gives true (with its description in

@@ -69,10 +69,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::shared_ptr<JsonDoc> doc;
-  if (csfuzz::Refused([&] { doc = CreateDocumentFromString(csfuzz::Text(data, size)); }, {CS_ERR_JSON_PARSE_STRING})) {
-    return 0;
-  }
+  std::shared_ptr<JsonDoc> doc = csfuzz::ParsedInput(data, size);
+  if (!doc) return 0;
   const rapidjson::Value& root = *doc->document;
   if (root.IsObject() && root.HasMember("schema") && root.HasMember("value")) {
     Split(root["value"], root["schema"]);

@@ -17,10 +17,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::shared_ptr<JsonDoc> doc;
-  if (csfuzz::Refused([&] { doc = CreateDocumentFromString(csfuzz::Text(data, size)); }, {CS_ERR_JSON_PARSE_STRING})) {
-    return 0;
-  }
+  std::shared_ptr<JsonDoc> doc = csfuzz::ParsedInput(data, size);
+  if (!doc) return 0;
   rapidjson::Document errors;
   csfuzz::NoThrow([&] { errors = DesiredDocumentErrors(*doc->document, registered); }, "DesiredDocumentErrors");
   csfuzz::CheckValidationErrors(errors);

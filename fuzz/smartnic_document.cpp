@@ -11,10 +11,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::shared_ptr<JsonDoc> doc;
-  if (csfuzz::Refused([&] { doc = CreateDocumentFromString(csfuzz::Text(data, size)); }, {CS_ERR_JSON_PARSE_STRING})) {
-    return 0;
-  }
+  std::shared_ptr<JsonDoc> doc = csfuzz::ParsedInput(data, size);
+  if (!doc) return 0;
   std::string why;
   if (csfuzz::Refused([&] { SetDesiredSmartnicConfiguration(*doc->document); }, {}, &why) &&
       !csfuzz::StoresPristine()) {

@@ -34,10 +34,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::shared_ptr<JsonDoc> schema;
-  if (csfuzz::Refused([&] { schema = CreateDocumentFromString(csfuzz::Text(data, size)); }, {CS_ERR_JSON_PARSE_STRING})) {
-    return 0;
-  }
+  std::shared_ptr<JsonDoc> schema = csfuzz::ParsedInput(data, size);
+  if (!schema) return 0;
   JsonValidator::ClearCache();
   currentSchema = schema->document.get();
   rapidjson::Document errors;

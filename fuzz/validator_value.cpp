@@ -54,10 +54,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::shared_ptr<JsonDoc> value;
-  if (csfuzz::Refused([&] { value = CreateDocumentFromString(csfuzz::Text(data, size)); }, {CS_ERR_JSON_PARSE_STRING})) {
-    return 0;
-  }
+  std::shared_ptr<JsonDoc> value = csfuzz::ParsedInput(data, size);
+  if (!value) return 0;
   rapidjson::Document errors;
   for (const Fixed& fixed : schemas) {
     for (const RuleSet* rules : {&kRulesUserObject, &kRulesDefaultConfig, &kDraft}) {

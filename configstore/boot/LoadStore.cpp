@@ -2,13 +2,13 @@
 
 #include <dirent.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <unordered_set>
 #include <memory>
 
 #include "configstore/boot/BootApplyRecord.h"
@@ -181,15 +181,13 @@ void RemoveFilesWithoutSchema(Stage& stage) {
   }
   try {
     std::ifstream in(listPath);
-    auto kitFiles = GetKitFiles();
+    // Every path a package declares, in any category: one lookup per listed file.
+    std::unordered_set<std::string> declaredPaths;
+    for (const auto& [category, paths] : GetKitFiles()) declaredPaths.insert(paths.begin(), paths.end());
     std::vector<std::string> removals;
     for (std::string word; in >> word;) {
       std::string path = "/" + word;
-      bool declared = false;
-      for (const auto& [category, paths] : kitFiles) {
-        if (std::find(paths.begin(), paths.end(), path) != paths.end()) declared = true;
-      }
-      if (declared) {
+      if (declaredPaths.contains(path)) {
         CSLogger::Log(CSLogger::PRIO_INFO, "[%s] file has schema.", word.c_str());
       } else {
         CSLogger::Log(CSLogger::PRIO_INFO, "[%s] file does not have schema.", word.c_str());

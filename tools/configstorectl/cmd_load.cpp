@@ -5,9 +5,7 @@
 #include <iostream>
 
 #include "configstore/boot/LoadStore.h"
-#include "configstore/frame/Documents.h"
 #include "configstore/packages/PackageFiles.h"
-#include "platform/host/HostRoot.h"
 #include "tools/configstorectl/Cli.h"
 
 namespace {
@@ -56,7 +54,7 @@ int RunLastBoot(const cli::Invocation& inv) {
                                                "No boot report: no load has run on this host since it started");
   }
   if (inv.json) {
-    cli::PrintJson(*QorConfigStore::CreateDocumentFromFile(Host::Resolve(QorConfigStore::kLastBootReport))->document);
+    cli::PrintJson(QorConfigStore::BootReportToJson(*report));  // the file's document, read once
   } else {
     PrintReport(*report);
   }

@@ -17,6 +17,7 @@
 #include "configstore/boot/StoreRestore.h"
 #include "configstore/bootstate/BootState.h"
 #include "configstore/bootstate/UpgradeDetection.h"
+#include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 #include "configstore/frame/Documents.h"
 #include "configstore/maintenance/Cleanup.h"
@@ -123,9 +124,25 @@ void RunUpgrade(Stage& stage) {
   stage.Note(std::to_string(before - ConfigRows()) + " objects without schema pruned");
 }
 
-// Applies what the boot mode selects and folds desired values, in one transaction. Returns the boot
-// type to record, or -1 when the schema store could not be attached (nothing is recorded then).
-int ApplyDesiredConfiguration(BOOTMODE mode, Stage& stage) {
+// A stored boot mode that is not a number must not stop every boot of the host: no mode step runs,
+// the mode is reset with the rest, and the operator is told.
+void ReportUnknownBootMode(const std::string& text, BootReport& report, Stage& stage) {
+  std::string shown = text.size() > 40 ? text.substr(0, 40) + "..." : text;
+  for (char& c : shown) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+  }
+  std::string message = "ConfigStore boot mode \"" + shown +
+                        "\" is not a number: treated as an unknown mode, no staged configuration applied";
+  CSLogger::Log(CSLogger::PRIO_ERROR, "%s", message.c_str());
+  RaiseAlert(report, message);
+  stage.Note("unknown boot mode \"" + shown + "\"");
+}
+
+// Reads the boot mode, applies what it selects, folds desired values and resets the mode, all in one
+// write transaction: a staging committed before it is applied whole, one committed after it waits
+// for the next boot, and a boot killed after the commit does not apply the mode again. Returns the
+// boot type to record, or -1 when the schema store could not be attached (nothing is recorded then).
+int ApplyDesiredConfiguration(BootReport& report, Stage& stage) {
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
   if (DBStore::AttachSchemaStore(conn) != 0) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to attach schema store");
@@ -140,10 +157,16 @@ int ApplyDesiredConfiguration(BOOTMODE mode, Stage& stage) {
     stage.Note("transaction not begun: nothing applied");
   } else {
     try {
-      bootType = ApplyBootModeStep(conn, mode);
+      std::string text;
+      std::optional<BOOTMODE> mode = ReadBootMode(conn, &text);
+      if (mode) {
+        CSLogger::Log(CSLogger::PRIO_INFO, "Generating desired user config: BootMode = %d", static_cast<int>(*mode));
+        stage.Note("boot mode " + std::to_string(static_cast<int>(*mode)));
+        bootType = ApplyBootModeStep(conn, *mode);
+      } else {
+        ReportUnknownBootMode(text, report, stage);
+      }
       FoldDesiredValues(conn);
-      // The mode ends in the transaction that applied it: a boot killed after the commit must not
-      // apply it again (mode 1 over the emptied staging table removes what was just applied).
       if (DBStore::WriteKeyValue("BOOT_MODE", std::to_string(BOOT_MODE_DEFAULT), conn) != 0) {
         throw ConfigStoreException(CS_ERR_GENERIC, "Failed to reset the boot mode");
       }
@@ -263,15 +286,12 @@ int RunLoadStore(bool restoreStore, BootReport& report) {
   }
   {
     Stage stage(report, "desired configuration");
-    BOOTMODE mode = GetBootMode();
-    CSLogger::Log(CSLogger::PRIO_INFO, "Generating desired user config: BootMode = %d", static_cast<int>(mode));
-    int bootType = ApplyDesiredConfiguration(mode, stage);
+    int bootType = ApplyDesiredConfiguration(report, stage);
     if (bootType >= 0) {
       RecordBootType(bootType);
       CSLogger::Log(CSLogger::PRIO_INFO, "Desired user config generated successfully.");
     }
-    stage.Note("boot mode " + std::to_string(static_cast<int>(mode)) + ", boot type " +
-               (bootType >= 0 ? std::to_string(bootType) : "not recorded"));
+    stage.Note("boot type " + (bootType >= 0 ? std::to_string(bootType) : std::string("not recorded")));
   }
   StartAutoConf();
   SetBootMode(BOOT_MODE_DEFAULT);
@@ -350,7 +370,10 @@ int LoadStore(bool restoreStore, BootReport* callerReport) {
   report.startTime = UtcNow();
   report.restore = restoreStore;
   Clock::time_point start = Clock::now();
+  std::optional<BootLock> lock;  // held until the report is saved
   try {
+    lock.emplace(Host::FileLock::Mode::Exclusive);
+    if (!lock->Unavailable().empty()) RaiseAlert(report, "ConfigStore boot load ran without its lock: " + lock->Unavailable());
     report.status = RunLoadStore(restoreStore, report);
   } catch (const std::exception& e) {
     std::string message = std::string("Generic ConfigStore Failure: ") + e.what();

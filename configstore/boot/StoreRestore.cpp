@@ -19,10 +19,24 @@ constexpr const char* kBackupDataFileStore = "/var/lib/talvex/configstore/backup
 constexpr const char* kCopyBackupEvent = "zeb.user.cs.createstore.copy.backup.error";
 constexpr const char* kDataFileRestoreEvent = "zeb.user.cs.dfs.restore.error";
 
+// A rollback journal beside a store file belongs to that file: SQLite would play it back into any
+// file that takes the name (a restored backup included), so it goes when the file is replaced.
+void RemoveJournalOf(const std::string& store) {
+  std::error_code ignored;
+  std::filesystem::remove(store + "-journal", ignored);
+}
+
 // The host's shell commands take the resolved paths joined by single blanks, unquoted: the host
-// root is limited to characters that need no quoting.
+// root is absolute and limited to characters that need no quoting. A copy that fails (a full
+// ramdisk, say) leaves no part of the file behind: a truncated store would be kept and opened as
+// the store, and the new store that must replace it could not be created.
 bool CopyFile(const std::string& source, const std::string& target) {
-  return Host::RunShell("/bin/cp " + source + " " + target) == 0;
+  if (Host::RunShell("/bin/cp " + source + " " + target) == 0) return true;
+  std::error_code ec;
+  std::filesystem::remove(target, ec);
+  if (ec) CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to remove the partial copy %s: %s", target.c_str(), ec.message().c_str());
+  RemoveJournalOf(target);
+  return false;
 }
 
 // The regular backup when it exists, else the first-boot one, else "".
@@ -32,13 +46,6 @@ std::string ConfigStoreBackup() {
     if (FileExists(path.c_str())) return path;
   }
   return "";
-}
-
-// A rollback journal beside a store file belongs to that file: SQLite would play it back into any
-// file that takes the name (a restored backup included), so it goes when the file is replaced.
-void RemoveJournalOf(const std::string& store) {
-  std::error_code ignored;
-  std::filesystem::remove(store + "-journal", ignored);
 }
 
 // True when the configuration store was copied from a sound backup.

@@ -1,9 +1,11 @@
 #include "configstore/bootstate/BootState.h"
 
 #include <cstring>
+#include <stdexcept>
 
 #include "configstore/bootstate/KeyValueAccess.h"
 #include "configstore/bootstate/UpgradeDetection.h"
+#include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 
 namespace QorConfigStore {
@@ -23,6 +25,7 @@ DBStore::Connection GetStoreConnection() {
 }
 
 void SetBootMode(BOOTMODE mode) {
+  BootLock lock(Host::FileLock::Mode::Shared);  // never between a load's read of the mode and its reset
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
   IgnoreStatus(DBStore::WriteKeyValue("BOOT_MODE", Format("%d", static_cast<int>(mode)), conn));
   CSLogger::Log(CSLogger::PRIO_INFO, "Next boot mode set to %d", static_cast<int>(mode));
@@ -34,6 +37,16 @@ BOOTMODE GetBootMode() {
   if (text.empty()) return BOOT_MODE_DEFAULT;
   // BOOTMODE has int as its underlying type, so every number stoi can return is a valid value.
   return static_cast<BOOTMODE>(std::stoi(text, nullptr, 10));
+}
+
+std::optional<BOOTMODE> ReadBootMode(const DBStore::Connection& conn, std::string* text) {
+  *text = ReadKeyValueOrThrow("BOOT_MODE", conn);
+  if (text->empty()) return BOOT_MODE_DEFAULT;
+  try {
+    return static_cast<BOOTMODE>(std::stoi(*text, nullptr, 10));
+  } catch (const std::logic_error&) {  // invalid_argument and out_of_range
+    return std::nullopt;
+  }
 }
 
 // The auto-configuration writers and EnableNexdNotification take the connection unchecked: on a

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "configstore/defaults/DefaultConfigSteps.h"
+#include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 #include "configstore/frame/Documents.h"
 #include "configstore/schema/SchemaFiles.h"
@@ -97,6 +98,7 @@ void ProcessDefaultElement(rapidjson::MemoryPoolAllocator<>& allocator, rapidjso
 }
 
 bool ProcessDefaultConfiguration(bool isQorio) {
+  BootLock lock(Host::FileLock::Mode::Shared);  // a load's restore must not replace the store under it
   CSLogger::Log(CSLogger::PRIO_INFO, "Processing default configuration.");
   const std::string directory = Host::Resolve(kDefaultConfigDir);
   DBStore::Connection conn;

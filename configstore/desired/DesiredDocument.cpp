@@ -5,6 +5,7 @@
 
 #include "configstore/desired/DesiredConfig.h"
 #include "configstore/desired/Staging.h"
+#include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 #include "platform/host/Features.h"
 #include "platform/host/HostRoot.h"
@@ -138,6 +139,7 @@ void PreserveAdvancedOptions(const DBStore::Connection& conn) {
 }  // namespace
 
 void SetDesiredUserConfig(rapidjson::Document& doc) {
+  BootLock lock(Host::FileLock::Mode::Shared);  // staged wholly before or wholly after a boot load
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
   if (DBStore::BeginTransaction(conn) != 0) {
     throw ConfigStoreException(CS_ERR_GENERIC, "Failed to start set desired transaction");

@@ -1,6 +1,7 @@
 // Removal of one configuration key at the next boot, on behalf of the host management interface.
 #include "configstore/desired/DesiredConfig.h"
 #include "configstore/desired/Staging.h"
+#include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 
 namespace QorConfigStore {
@@ -43,6 +44,7 @@ void DeleteHostAPIConfiguration(const char* component, const char* group, const 
         Format("desired configuration for component %s group %s key %s", component, group, key));
   }
 
+  BootLock lock(Host::FileLock::Mode::Shared);  // staged wholly before or wholly after a boot load
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
   if (DBStore::BeginTransaction(conn) != 0) {
     throw ConfigStoreException(CS_ERR_GENERIC, "Failed to start Delete HostAPI transaction");

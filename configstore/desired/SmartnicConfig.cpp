@@ -1,6 +1,7 @@
 // Staging of a SmartNIC's configuration, handed in by the host the unit sits in.
 #include "configstore/desired/DesiredConfig.h"
 #include "configstore/desired/Staging.h"
+#include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 #include "platform/schemastore/SchemaDocument.h"
 #include "platform/validator/ConfigStoreDocument.h"
@@ -68,6 +69,7 @@ bool StageSmartnicDocument(rapidjson::Document& doc, const DBStore::Connection& 
 }  // namespace
 
 void SetDesiredSmartnicConfiguration(rapidjson::Document& doc) {
+  BootLock lock(Host::FileLock::Mode::Shared);  // staged wholly before or wholly after a boot load
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
   if (DBStore::AttachSchemaStore(conn) != 0) throw ConfigStoreException(CS_ERR_GENERIC, "Failed to attach schema store");
   try {

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 
+#include "platform/host/HostRoot.h"
 #include "platform/host/Process.h"
 #include "platform/plon/Plon.h"
 
@@ -24,6 +25,11 @@ bool FileExists(const char* path) {
 }
 
 bool RemoveFile(const char* path) {
+  if (!Host::InsideRoot(path)) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Refused to remove %s: it lies outside the host root %s", path,
+                  Host::Root().empty() ? "/" : Host::Root().c_str());
+    return false;
+  }
   int rc;
   do {
     rc = remove(path);

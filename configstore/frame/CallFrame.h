@@ -42,7 +42,8 @@ DBStore::Connection GetDBConnection(DBStore::Type type, bool mustConnect);
 bool FileExists(const char* path);
 
 // remove(), retried while interrupted. Logs "[%s] file removed." or, at error priority,
-// "Failed to remove: %s, err: %d". `path` is a resolved path.
+// "Failed to remove: %s, err: %d". `path` is a resolved path; one outside the host root
+// (Host::InsideRoot) is never removed: false, logged.
 bool RemoveFile(const char* path);
 
 // Runs argv[0] with the NULL-terminated argv, no shell; true only when it exits with status 0.

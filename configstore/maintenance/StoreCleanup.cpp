@@ -101,6 +101,11 @@ void RunLogged(Half half) {
 }  // namespace
 
 void RemoveDataFilePath(const std::string& resolvedPath) {
+  if (!Host::InsideRoot(resolvedPath)) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Datafile cleanup refused to remove %s: it lies outside the host root",
+                  resolvedPath.c_str());
+    return;
+  }
   std::error_code ec;
   std::filesystem::remove_all(resolvedPath, ec);
   if (ec) {

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "configstore/boot/BootTimeApply.h"
+#include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 
 namespace QorConfigStore {
@@ -149,8 +150,8 @@ bool RunAsTheBootDoes(NextBootPlan& plan, Work work) {
 }  // namespace
 
 NextBootPlan PlanNextBoot() {
+  BootLock lock(Host::FileLock::Mode::Shared);  // the store as a load leaves it, never one half-loaded
   NextBootPlan plan;
-  plan.bootMode = GetBootMode();
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
   if (DBStore::AttachSchemaStore(conn) != 0) {
     throw ConfigStoreException(CS_ERR_GENERIC, "Failed to attach schema store");
@@ -164,6 +165,10 @@ NextBootPlan PlanNextBoot() {
     const DBStore::Connection& conn;
     ~RollBack() { DBStore::CancelTransaction(conn); }
   } rollBack{conn};
+
+  // Read inside the transaction, as the load reads it: the mode that goes with the staged rows.
+  std::string modeText;
+  plan.bootMode = ReadBootMode(conn, &modeText).value_or(kUnknownBootMode);
 
   Snapshot before = ReadConfig(conn);
   if (!RunAsTheBootDoes(plan, [&] { ApplyBootModeStep(conn, plan.bootMode); })) return plan;

@@ -32,6 +32,9 @@ struct PlannedObject {
   std::vector<std::string> membersAdded, membersRemoved, membersChanged;
 };
 
+// The plan's boot mode when the stored one is not a number: the boot then runs no mode step.
+inline constexpr BOOTMODE kUnknownBootMode = static_cast<BOOTMODE>(-1);
+
 struct NextBootPlan {
   BOOTMODE bootMode = BOOT_MODE_DEFAULT;
   // Set when the step or the fold fails: the boot then rolls its transaction back, so the lists
@@ -51,8 +54,8 @@ struct NextBootPlan {
 // Plans the next boot as described above; every list is ordered by component, group, key and
 // identifier. Afterwards Config, DesiredUserConfig and the key-value table hold what they held
 // before. Throws ConfigStoreException 2000 when the store cannot be opened or read, the schema
-// store cannot be attached, or the transaction cannot be begun or rolled back; the boot mode's read
-// errors are GetBootMode's.
+// store cannot be attached, the transaction cannot be begun or rolled back, or the boot mode cannot be
+// read. Waits, as staging does, while a boot load runs (BootLock.h).
 NextBootPlan PlanNextBoot();
 
 }  // namespace QorConfigStore

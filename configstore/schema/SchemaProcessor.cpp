@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "configstore/defaults/DefaultConfig.h"
+#include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 #include "configstore/frame/Documents.h"
 #include "configstore/schema/SchemaFiles.h"
@@ -131,6 +132,7 @@ bool ProcessSchemaFiles(const std::vector<std::string>& schemaIds, bool isQorio)
 }
 
 bool ProcessSchemas(const std::vector<std::string>& schemaIds) {
+  BootLock lock(Host::FileLock::Mode::Shared);  // a load's restore must not replace the store under it
   const bool isQorio = FileExists(Host::Resolve(kQorioMarkerFile).c_str());
   if (isQorio) CSLogger::Log(CSLogger::PRIO_INFO, "[SchemaProcessor]: This is qorio booting up.");
   FeatureState_InitSilentMode();

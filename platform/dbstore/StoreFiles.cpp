@@ -137,6 +137,9 @@ bool FirstColumn(sqlite3* db, const char* sql, std::vector<std::string>* rows, s
 // Why the store at `path` is not sound; "" when it is.
 std::string Unsoundness(const std::string& path) {
   if (!FileExists(path)) return "file does not exist";
+  // Opening a FIFO would wait for a writer forever, and a device is no database.
+  struct stat st{};
+  if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return "not a regular file";
   sqlite3* raw = nullptr;
   int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
   OwnedDb db(raw);

@@ -15,7 +15,9 @@ namespace Host {
 // Throws std::invalid_argument when TALVEX_ROOT holds a refused character.
 const std::string& Root();
 
-// Replaces the root. Throws std::invalid_argument naming the first refused character.
+// Replaces the root. A relative root is made absolute against the working directory. Throws
+// std::invalid_argument for an empty root (say "/" for the live host) and naming the first refused
+// character.
 void SetRoot(const std::string& root);
 
 // True when the root is not "/": mounts and system-log lines are then recorded under the root.
@@ -23,6 +25,11 @@ bool IsSandbox();
 
 // "/etc/talvex/x" -> "<root>/etc/talvex/x". A relative path is returned unchanged.
 std::string Resolve(std::string_view hostPath);
+
+// True when a resolved path lies strictly inside the root once the links of its directories are
+// followed (its last element is not: a link there is removed, not followed). Always true on "/".
+// Whatever the library removes is checked with this first.
+bool InsideRoot(const std::string& resolvedPath);
 
 // Creates a directory and its parents (mode 0755); true when it exists afterwards.
 bool MakeDirs(const std::string& resolvedPath);

@@ -47,21 +47,31 @@ std::vector<std::string> CtlEnvironment(const std::vector<std::string>& extra) {
   return env;
 }
 
-CtlResult RunCtl(const std::string& root, const std::vector<std::string>& args, const std::vector<std::string>& env) {
+CtlProcess StartCtl(const std::string& root, const std::vector<std::string>& args, const std::string& tag,
+                    const std::vector<std::string>& env) {
   std::vector<std::string> argv = CtlArgv(root, args), envp = CtlEnvironment(env);
   std::vector<char*> argvp = ExecPointers(argv), envpp = ExecPointers(envp);
-  const std::string out = root + "/ctl.out", err = root + "/ctl.err";
+  CtlProcess process{-1, root + "/" + tag + ".out", root + "/" + tag + ".err"};
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&actions, 1, process.out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&actions, 2, process.err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   pid_t pid = -1;
   int rc = posix_spawn(&pid, argvp[0], &actions, nullptr, argvp.data(), envpp.data());
   posix_spawn_file_actions_destroy(&actions);
   EXPECT_EQ(rc, 0) << std::strerror(rc);
+  if (rc == 0) process.pid = pid;
+  return process;
+}
+
+CtlResult WaitCtl(const CtlProcess& process) {
   int raw = 0;
-  if (rc == 0) waitpid(pid, &raw, 0);
-  return {rc == 0 && WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, Slurp(out), Slurp(err)};
+  if (process.pid < 0 || waitpid(process.pid, &raw, 0) != process.pid) return {-1, "", ""};
+  return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, Slurp(process.out), Slurp(process.err)};
+}
+
+CtlResult RunCtl(const std::string& root, const std::vector<std::string>& args, const std::vector<std::string>& env) {
+  return WaitCtl(StartCtl(root, args, "ctl", env));
 }
 
 CtlResult RunCtl(const std::string& root, const std::string& line) {

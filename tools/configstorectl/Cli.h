@@ -84,4 +84,10 @@ void ExpectNoMoreArgs(const std::vector<std::string>& args);
 // so values that begin with "-" can follow it.
 std::vector<std::string> Positionals(const std::vector<std::string>& args);
 
+// The library's setters of boot flags do not report a write the store did not take (another writer
+// held the store past the busy time-out, say; the logged error says why). A command that set a flag
+// reads it back and fails (ConfigStoreException 2000 naming the key and both values) when the store
+// does not hold what was asked for.
+void ExpectStored(const std::string& key, const std::string& stored, const std::string& wanted);
+
 }  // namespace cli

@@ -58,7 +58,14 @@ int RunApplyRecord(const cli::Invocation& inv) {
   if (action == "set") setBootApplyRecord(record);
   if (action == "clear") clearBootApplyRecord();
   // The record is a JSON document either way; every action shows what is stored now.
-  cli::PrintJson(getBootApplyRecord());
+  rapidjson::Document stored = getBootApplyRecord();
+  if (action != "get") {
+    rapidjson::Document wanted(rapidjson::kObjectType);
+    wanted.AddMember("isBootComplete", action == "set", wanted.GetAllocator());
+    if (action == "set") wanted.AddMember("bootApplyRecord", cli::JsonText(record, wanted.GetAllocator()), wanted.GetAllocator());
+    cli::ExpectStored("BOOT_APPLY_RESULT", cli::CompactJson(stored), cli::CompactJson(wanted));
+  }
+  cli::PrintJson(stored);
   return 0;
 }
 

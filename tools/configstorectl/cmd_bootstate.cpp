@@ -64,7 +64,9 @@ int RunBootMode(const cli::Invocation& inv) {
   if (n.size() != 1 || n[0] < '0' || n[0] > '4') throw cli::UsageError("boot mode must be 0..4, not '" + n + "'");
   int mode = n[0] - '0';
   SetBootMode(static_cast<BOOTMODE>(mode));
-  PrintBootMode(mode, inv.json);
+  int stored = GetBootMode();
+  cli::ExpectStored("BOOT_MODE", std::to_string(stored), n);
+  PrintBootMode(stored, inv.json);
   return 0;
 }
 
@@ -79,7 +81,9 @@ int RunAutoConf(const cli::Invocation& inv) {
   } else if (action != "status") {
     throw cli::UsageError("unknown action '" + action + "'");
   }
-  PrintBool("autoconf", IsAutoConf(), inv.json);
+  bool running = IsAutoConf();
+  if (action != "status") cli::ExpectStored("IS_BOOT", running ? "true" : "", action == "start" ? "true" : "");
+  PrintBool("autoconf", running, inv.json);
   return 0;
 }
 
@@ -104,6 +108,7 @@ int RunInstallInfo(const cli::Invocation& inv) {
     std::string text = TakeArg(rest, "install information text");
     cli::ExpectNoMoreArgs(rest);
     SetInstallInfo(text);
+    cli::ExpectStored(kInstallInfoKey, GetInstallInfo(), text);
   } else if (action != "get") {
     throw cli::UsageError("unknown action '" + action + "'");
   }

@@ -204,6 +204,13 @@ std::vector<std::string> Positionals(const std::vector<std::string>& args) {
   return values;
 }
 
+void ExpectStored(const std::string& key, const std::string& stored, const std::string& wanted) {
+  if (stored == wanted) return;
+  throw QorConfigStore::ConfigStoreException(
+      QorConfigStore::CS_ERR_GENERIC, key + " was not written: the store holds \"" + Printable(stored) +
+                                          "\", not \"" + Printable(wanted) + "\" (the logged error says why)");
+}
+
 }  // namespace cli
 
 int main(int argc, char** argv) {

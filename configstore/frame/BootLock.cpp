@@ -1,0 +1,46 @@
+#include "configstore/frame/BootLock.h"
+
+#include <exception>
+
+#include "configstore/frame/ConfigStoreException.h"
+#include "platform/logging/CSLogger.h"
+#include "platform/host/HostRoot.h"
+
+namespace QorConfigStore {
+namespace {
+
+// The holds of this process, counted: the library starts no threads, and flock would make a second
+// hold of the same process wait on the first.
+int gHolds = 0;
+Host::FileLock::Mode gHeldMode = Host::FileLock::Mode::Shared;
+
+}  // namespace
+
+BootLock::BootLock(Host::FileLock::Mode mode, int waitMs) {
+  if (gHolds > 0) {
+    if (mode == Host::FileLock::Mode::Exclusive && gHeldMode != mode) {
+      throw ConfigStoreException(CS_ERR_GENERIC, "A boot load cannot start inside a staging operation");
+    }
+    ++gHolds;
+    return;
+  }
+  const bool exclusive = mode == Host::FileLock::Mode::Exclusive;
+  try {
+    lock_ = std::make_unique<Host::FileLock>(Host::Resolve(kBootLockFile), mode, waitMs);
+  } catch (const Host::LockBusy& e) {
+    throw ConfigStoreException(CS_ERR_GENERIC, std::string(exclusive
+                                                               ? "Another boot load or a staging operation is running: "
+                                                               : "A boot load is running: ") +
+                                                   e.what());
+  } catch (const std::exception& e) {
+    if (!exclusive) throw ConfigStoreException(CS_ERR_GENERIC, std::string("No boot lock: ") + e.what());
+    unavailable_ = e.what();
+    CSLogger::Log(CSLogger::PRIO_ERROR, "The boot load runs without its lock: %s", e.what());
+  }
+  gHeldMode = mode;
+  ++gHolds;
+}
+
+BootLock::~BootLock() { --gHolds; }
+
+}  // namespace QorConfigStore

@@ -140,7 +140,7 @@ void PreserveAdvancedOptions(const DBStore::Connection& conn) {
 void SetDesiredUserConfig(rapidjson::Document& doc) {
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
   if (DBStore::BeginTransaction(conn) != 0) {
-    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to start set desired transaction");
+    ThrowStoreFailure("Failed to start set desired transaction");
   }
   try {
     Run(conn, "DELETE from DesiredUserConfig", {}, "Failed to cleanup desired configuration.");

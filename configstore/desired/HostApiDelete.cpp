@@ -45,7 +45,7 @@ void DeleteHostAPIConfiguration(const char* component, const char* group, const 
 
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
   if (DBStore::BeginTransaction(conn) != 0) {
-    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to start Delete HostAPI transaction");
+    ThrowStoreFailure("Failed to start Delete HostAPI transaction");
   }
   try {
     WriteDeleteRow(conn, component, group, key);

@@ -264,10 +264,17 @@ int RunLoadStore(bool restoreStore, BootReport& report) {
   {
     Stage stage(report, "schemas");
     if (HasBootbankChanged() || IsFerrinInstalled()) {
-      bool ok = ProcessSchemas({});
+      std::string failure;
+      bool ok = ProcessSchemas({}, &failure);
       stage.Note(std::to_string(CountRows("SELECT COUNT(*) FROM ss.ConfigSchema", true)) + " schemas registered, " +
                  std::to_string(CountRows("SELECT COUNT(*) FROM DefaultConfig")) + " default instances" +
                  (ok ? "" : ", with failures"));
+      // The schemas of the installed image were not registered at all: the boot goes on with the
+      // schemas the store already held, and says so.
+      if (!failure.empty()) {
+        stage.Note("schemas not processed: " + failure);
+        RaiseAlert(report, "Error processing schemas - '" + failure + "'.");
+      }
     } else {
       stage.Note("boot image unchanged: not processed");
     }

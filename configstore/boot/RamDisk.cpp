@@ -26,7 +26,10 @@ constexpr int kErrorLimit = 90;
 }
 
 void MountRamdisk(const char* mountPoint, const char* spec, const char* failure) {
-  if (Host::Mount("none", mountPoint, "lumafs", 0, spec) != 0) Fail("SetupStoreRamDisk", failure);
+  std::string cause;
+  if (Host::Mount("none", mountPoint, "lumafs", 0, spec, &cause) != 0) {
+    Fail("SetupStoreRamDisk", std::string(failure) + ": " + cause);
+  }
 }
 
 using ParamList = std::unique_ptr<PLON_ParamList, decltype(&PLON_ParamListDestroy)>;

@@ -113,6 +113,7 @@ bool RestoreOrCreateStore(bool restoreStore) {
   RestoreDataFileStore();
 
   if (DBStore::CreateDatabases() != 0) DumpZeb("zeb.user.cs.db.operation.error", 0);
+  GetDBConnection(DBStore::CONFIG_STORE, true);  // a store that cannot be opened fails here, with its cause
   if (isNewStore) SetBootMode(BOOT_MODE_NEW_STORE);
   return isNewStore;
 }

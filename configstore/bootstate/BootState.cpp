@@ -19,9 +19,7 @@ std::string ReadKeyValueOrThrow(const std::string& key, const DBStore::Connectio
 }
 
 DBStore::Connection GetStoreConnection() {
-  DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
-  if (!conn) throw ConfigStoreException(CS_ERR_GENERIC, "Failed to connect to database.");
-  return conn;
+  return ConnectOrThrow(DBStore::CONFIG_STORE, "Failed to connect to database.");
 }
 
 void SetBootMode(BOOTMODE mode) {

@@ -113,7 +113,7 @@ bool ProcessDefaultConfiguration(bool isQorio) {
     }
 
     if (DBStore::BeginTransaction(conn) != 0) {
-      throw ConfigStoreException(CS_ERR_GENERIC, "Failed to begin default config transaction");
+      ThrowStoreFailure("Failed to begin default config transaction");
     }
     if (DBStore::Execute(conn, "DELETE from DefaultConfig", {}, {}, DBStore::kTimeoutMs) != 0) {
       throw ConfigStoreException(CS_ERR_GENERIC, "Failed to cleanup default config");

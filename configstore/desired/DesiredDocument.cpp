@@ -142,7 +142,7 @@ void SetDesiredUserConfig(rapidjson::Document& doc) {
   BootLock lock(Host::FileLock::Mode::Shared);  // staged wholly before or wholly after a boot load
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
   if (DBStore::BeginTransaction(conn) != 0) {
-    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to start set desired transaction");
+    ThrowStoreFailure("Failed to start set desired transaction");
   }
   try {
     Run(conn, "DELETE from DesiredUserConfig", {}, "Failed to cleanup desired configuration.");

@@ -47,7 +47,7 @@ void DeleteHostAPIConfiguration(const char* component, const char* group, const 
   BootLock lock(Host::FileLock::Mode::Shared);  // staged wholly before or wholly after a boot load
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
   if (DBStore::BeginTransaction(conn) != 0) {
-    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to start Delete HostAPI transaction");
+    ThrowStoreFailure("Failed to start Delete HostAPI transaction");
   }
   try {
     WriteDeleteRow(conn, component, group, key);

@@ -74,7 +74,7 @@ void SetDesiredSmartnicConfiguration(rapidjson::Document& doc) {
   if (DBStore::AttachSchemaStore(conn) != 0) throw ConfigStoreException(CS_ERR_GENERIC, "Failed to attach schema store");
   try {
     if (DBStore::BeginTransaction(conn) != 0) {
-      throw ConfigStoreException(CS_ERR_GENERIC, "Failed to start set desired transaction");
+      ThrowStoreFailure("Failed to start set desired transaction");
     }
     Run(conn, "DELETE from DesiredUserConfig", {}, "Failed to cleanup desired configuration.");
     if (!StageSmartnicDocument(doc, conn)) {

@@ -13,9 +13,20 @@
 
 namespace QorConfigStore {
 
+void ThrowStoreFailure(const std::string& message) {
+  const std::string& cause = DBStore::LastError();
+  if (cause.empty()) throw ConfigStoreException(CS_ERR_GENERIC, message);
+  throw ConfigStoreException(CS_ERR_GENERIC, message + (message.ends_with('.') ? " " : ": ") + cause);
+}
+
 DBStore::Connection GetDBConnection(DBStore::Type type, bool mustConnect) {
+  if (!mustConnect) return DBStore::GetConnection(type, true);
+  return ConnectOrThrow(type, "Failed to connect to database");
+}
+
+DBStore::Connection ConnectOrThrow(DBStore::Type type, const char* message) {
   DBStore::Connection conn = DBStore::GetConnection(type, true);
-  if (!conn && mustConnect) throw ConfigStoreException(CS_ERR_GENERIC, "Failed to connect to database");
+  if (!conn) ThrowStoreFailure(message);
   return conn;
 }
 

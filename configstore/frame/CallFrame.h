@@ -33,10 +33,19 @@ template <typename E, typename... Args>
   throw E(code, Format(ErrorMessageForId(code), args...).c_str());
 }
 
+// Throws ConfigStoreException(2000) with `message` followed by the cause DBStore kept for the
+// failure just seen (DBStore::LastError: the file and SQLite's error text), so that the one line a
+// caller prints says what went wrong and where. Call it right after the DBStore call that failed.
+[[noreturn]] void ThrowStoreFailure(const std::string& message);
+
 // Always asks DBStore::GetConnection(type, true). An empty result throws
-// ConfigStoreException(2000, "Failed to connect to database") when mustConnect is set, and is
-// returned for the caller to test otherwise.
+// ConfigStoreException(2000, "Failed to connect to database" and the cause) when mustConnect is
+// set, and is returned for the caller to test otherwise.
 DBStore::Connection GetDBConnection(DBStore::Type type, bool mustConnect);
+
+// DBStore::GetConnection(type, true), or ThrowStoreFailure(message): for the operations whose
+// failure text differs from GetDBConnection's.
+DBStore::Connection ConnectOrThrow(DBStore::Type type, const char* message);
 
 // True when stat() of the path succeeds (any file type). `path` is a resolved path.
 bool FileExists(const char* path);

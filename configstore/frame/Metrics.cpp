@@ -6,9 +6,7 @@ namespace QorConfigStore {
 namespace {
 
 DBStore::Connection MetricsConnection() {
-  DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
-  if (!conn) throw ConfigStoreException(CS_ERR_GENERIC, "Failed to connect to database.");
-  return conn;
+  return ConnectOrThrow(DBStore::CONFIG_STORE, "Failed to connect to database.");
 }
 
 // Column 0 of the row, as it stands. SUM over no value is NULL: read as "0" (see Metrics.h).

@@ -157,7 +157,7 @@ NextBootPlan PlanNextBoot() {
     throw ConfigStoreException(CS_ERR_GENERIC, "Failed to attach schema store");
   }
   if (DBStore::BeginTransaction(conn) != 0) {
-    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to begin the plan's transaction");
+    ThrowStoreFailure("Failed to begin the plan's transaction");
   }
   // Rolls back on every way out; the connection's own destructor would roll back too, this one
   // just does it before anything else reads the store.

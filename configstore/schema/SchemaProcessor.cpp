@@ -75,7 +75,7 @@ bool RegisterSchemaElements(const std::shared_ptr<QorSchemaStore::SchemaStore>& 
   }
 }
 
-bool ProcessSchemaFiles(const std::vector<std::string>& schemaIds, bool isQorio) {
+bool ProcessSchemaFiles(const std::vector<std::string>& schemaIds, bool isQorio, std::string* failure) {
   CSLogger::Log(CSLogger::PRIO_INFO, "[SchemaProcessor] Processing schemas..");
   std::shared_ptr<QorSchemaStore::SchemaStore> store;
   try {
@@ -125,18 +125,19 @@ bool ProcessSchemaFiles(const std::vector<std::string>& schemaIds, bool isQorio)
     return result;
   } catch (const std::exception& e) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "[SchemaProcessor] Error processing schemas - '%s'.", e.what());
+    if (failure != nullptr) *failure = e.what();
     if (store) store->CancelUpdate();
     LogCompletion(false);
     return false;
   }
 }
 
-bool ProcessSchemas(const std::vector<std::string>& schemaIds) {
+bool ProcessSchemas(const std::vector<std::string>& schemaIds, std::string* failure) {
   BootLock lock(Host::FileLock::Mode::Shared);  // a load's restore must not replace the store under it
   const bool isQorio = FileExists(Host::Resolve(kQorioMarkerFile).c_str());
   if (isQorio) CSLogger::Log(CSLogger::PRIO_INFO, "[SchemaProcessor]: This is qorio booting up.");
   FeatureState_InitSilentMode();
-  const bool schemasProcessed = ProcessSchemaFiles(schemaIds, isQorio);
+  const bool schemasProcessed = ProcessSchemaFiles(schemaIds, isQorio, failure);
   const bool defaultsProcessed = ProcessDefaultConfiguration(isQorio);
   return schemasProcessed && defaultsProcessed;
 }

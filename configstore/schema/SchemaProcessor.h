@@ -10,6 +10,9 @@ namespace QorConfigStore {
 // the kind of host that is booting, then loads the packages' default configuration. `schemaIds`
 // are expected identifiers besides the installed image's own (empty: the image's only).
 // True when every schema file and the default configuration were processed without failure.
-bool ProcessSchemas(const std::vector<std::string>& schemaIds);
+// When registration stopped as a whole (the installed image could not be read, the schema store
+// could not be opened or updated), the schema store is left as it was and `failure`, when given,
+// gets the cause; it stays empty otherwise (failures of single files only make the result false).
+bool ProcessSchemas(const std::vector<std::string>& schemaIds, std::string* failure = nullptr);
 
 }  // namespace QorConfigStore

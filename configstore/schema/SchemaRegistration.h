@@ -34,7 +34,8 @@ bool RegisterSchemaElements(const std::shared_ptr<QorSchemaStore::SchemaStore>& 
 // SetSchema per applying element of each selected file, commit. `schemaIds` are expected besides the
 // installed image's. A file that fails posts its events and makes the result false while the pass
 // goes on; any exception (a file that does not parse, an unreadable image database, a store
-// failure) cancels the update, so the schema store keeps what it held, and gives false. Never throws.
-bool ProcessSchemaFiles(const std::vector<std::string>& schemaIds, bool isQorio);
+// failure) cancels the update, so the schema store keeps what it held, gives false and puts the
+// exception's text into `failure` when given. Never throws.
+bool ProcessSchemaFiles(const std::vector<std::string>& schemaIds, bool isQorio, std::string* failure = nullptr);
 
 }  // namespace QorConfigStore

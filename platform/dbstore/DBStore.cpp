@@ -68,36 +68,69 @@ constexpr const char* kCacheSizePragma = "PRAGMA cache_size=-65536";  // 64 MiB:
 
 bool Usable(const Connection& conn) { return conn && conn->db != nullptr; }
 
-void LogError(const char* what, const char* detail) { CSLogger::Log(CSLogger::PRIO_ERROR, "%s: %s", what, detail); }
+thread_local std::string gLastError;
+
+void Keep(std::string cause) { gLastError = std::move(cause); }
+
+void LogError(const char* what, const char* detail) {
+  CSLogger::Log(CSLogger::PRIO_ERROR, "%s: %s", what, detail);
+  Keep(detail);
+}
+
+// "<file>: <SQLite's error text>" for a failure on an open connection.
+std::string Cause(sqlite3* db) {
+  const char* file = sqlite3_db_filename(db, "main");
+  return std::string(file != nullptr ? file : "") + ": " + sqlite3_errmsg(db);
+}
 
 // Runs fixed SQL that needs no parameters (transaction control, pragmas). Logs and returns 1 on failure.
 int RunControl(sqlite3* db, const char* sql, const char* what, int timeoutMs) {
   sqlite3_busy_timeout(db, timeoutMs);
   if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK) return 0;
-  LogError(what, sqlite3_errmsg(db));
+  LogError(what, Cause(db).c_str());
   return 1;
 }
 
 // Connection settings; also reads the file's header, so a file that is not a database fails here.
-bool Configure(sqlite3* db, bool readWrite, const std::string& path) {
+// SQLITE_OK or the extended code of the failure; `journal` gets the journal mode a read-write
+// connection ends up in.
+int Configure(sqlite3* db, bool readWrite, std::string* journal) {
   sqlite3_busy_timeout(db, kTimeoutMs);
-  std::string journal;
   auto keepMode = [](void* out, int, char** argv, char**) {
     if (argv[0]) *static_cast<std::string*>(out) = argv[0];
     return 0;
   };
   bool ok = sqlite3_exec(db, kCacheSizePragma, nullptr, nullptr, nullptr) == SQLITE_OK &&
             sqlite3_exec(db, "PRAGMA schema_version", nullptr, nullptr, nullptr) == SQLITE_OK &&
-            (!readWrite || sqlite3_exec(db, "PRAGMA journal_mode=DELETE", keepMode, &journal, nullptr) == SQLITE_OK);
-  if (!ok) {
-    CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to open database %s: %s", path.c_str(), sqlite3_errmsg(db));
-    return false;
+            (!readWrite || sqlite3_exec(db, "PRAGMA journal_mode=DELETE", keepMode, journal, nullptr) == SQLITE_OK);
+  return ok ? SQLITE_OK : sqlite3_extended_errcode(db);
+}
+
+// Opens and configures the file; an empty handle on failure, with *rc the extended SQLite code.
+// Failures are logged and kept, except a read-only open over a hot journal
+// (SQLITE_READONLY_ROLLBACK), which the caller answers.
+Connection Open(const std::string& path, Type type, bool readWrite, int* rc) {
+  auto conn = std::make_shared<StoreConnection>();
+  conn->type = type;
+  int flags = (readWrite ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY) | SQLITE_OPEN_NOMUTEX;
+  // The handle is owned by `conn` from here on, even when opening fails.
+  *rc = sqlite3_open_v2(path.c_str(), &conn->db, flags, nullptr);
+  std::string journal;
+  if (*rc == SQLITE_OK) *rc = Configure(conn->db, readWrite, &journal);
+  if (*rc == SQLITE_READONLY_ROLLBACK) return nullptr;
+  if (*rc != SQLITE_OK) {
+    std::string error = conn->db ? sqlite3_errmsg(conn->db) : sqlite3_errstr(*rc);
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to open database %s: %s", path.c_str(), error.c_str());
+    Keep(path + ": " + error);
+    return nullptr;
   }
   if (readWrite && journal != "delete") {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Database %s stays in journal mode %s", path.c_str(), journal.c_str());
-    return false;
+    Keep(path + " stays in journal mode " + journal);
+    *rc = SQLITE_ERROR;
+    return nullptr;
   }
-  return true;
+  return conn;
 }
 
 }  // namespace
@@ -109,28 +142,38 @@ StoreConnection::~StoreConnection() {
   sqlite3_close_v2(db);
 }
 
+const std::string& LastError() { return gLastError; }
+
 Connection GetConnection(Type type, bool readWrite) {
+  gLastError.clear();
   std::string path = StorePath(type);
   if (path.empty()) {
-    CSLogger::Log(CSLogger::PRIO_ERROR, "Unknown store database type %d", static_cast<int>(type));
+    LogError("Failed to open database", ("unknown store database type " + std::to_string(type)).c_str());
     return nullptr;
   }
   struct stat st{};
   if (stat(path.c_str(), &st) != 0) {
     CSLogger::Log(CSLogger::PRIO_INFO, "Store database %s does not exist", path.c_str());
+    Keep(path + " does not exist");
     return nullptr;
   }
-  auto conn = std::make_shared<StoreConnection>();
-  conn->type = type;
-  int flags = (readWrite ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY) | SQLITE_OPEN_NOMUTEX;
-  // The handle is owned by `conn` from here on, even when opening fails.
-  int rc = sqlite3_open_v2(path.c_str(), &conn->db, flags, nullptr);
-  if (rc != SQLITE_OK) {
-    CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to open database %s: %s", path.c_str(),
-                  conn->db ? sqlite3_errmsg(conn->db) : sqlite3_errstr(rc));
+  if (S_ISDIR(st.st_mode)) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to open database %s: it is a directory", path.c_str());
+    Keep(path + " is a directory");
     return nullptr;
   }
-  if (!Configure(conn->db, readWrite, path)) return nullptr;
+  int rc = SQLITE_OK;
+  Connection conn = Open(path, type, readWrite, &rc);
+  if (conn || rc != SQLITE_READONLY_ROLLBACK) return conn;
+  // A writer died mid-transaction and left its journal; only a read-write connection may play it
+  // back. Opening one does so (under SQLite's own locks), then the read-only open is tried again.
+  CSLogger::Log(CSLogger::PRIO_INFO, "Rolling back %s-journal, left by an interrupted transaction", path.c_str());
+  if (Open(path, type, true, &rc)) conn = Open(path, type, false, &rc);
+  if (!conn) {
+    std::string cause = rc == SQLITE_READONLY_ROLLBACK ? sqlite3_errstr(rc) : gLastError;
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Cannot roll back %s-journal: %s", path.c_str(), cause.c_str());
+    Keep(path + "-journal, left by an interrupted transaction, cannot be rolled back: " + cause);
+  }
   return conn;
 }
 
@@ -147,7 +190,7 @@ int AttachSchemaStore(const Connection& conn) {
   std::string path = SchemaStorePath();
   struct stat st{};
   if (stat(path.c_str(), &st) != 0) {
-    CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to attach schema store: %s does not exist", path.c_str());
+    LogError("Failed to attach schema store", (path + " does not exist").c_str());
     return 1;
   }
   sqlite3_busy_timeout(conn->db, kTimeoutMs);
@@ -157,7 +200,7 @@ int AttachSchemaStore(const Connection& conn) {
   if (rc == SQLITE_OK) rc = sqlite3_bind_text(raw, 1, path.c_str(), -1, SQLITE_TRANSIENT);
   if (rc == SQLITE_OK) rc = sqlite3_step(raw);
   if (rc != SQLITE_DONE) {
-    LogError("Failed to attach schema store", sqlite3_errmsg(conn->db));
+    LogError("Failed to attach schema store", (path + ": " + sqlite3_errmsg(conn->db)).c_str());
     return 1;
   }
   conn->schemaStoreAttached = true;
@@ -181,6 +224,7 @@ int DetachSchemaStore(const Connection& conn) {
 int BeginTransaction(const Connection& conn) { return BeginTransaction(conn, kTimeoutMs); }
 
 int BeginTransaction(const Connection& conn, int timeoutMs) {
+  gLastError.clear();
   if (faults::Injected(faults::Kind::Begin)) {
     LogError("Failed to begin transaction", faults::kInjected);
     return 1;
@@ -195,6 +239,7 @@ int BeginTransaction(const Connection& conn, int timeoutMs) {
 int CommitTransaction(const Connection& conn) { return CommitTransaction(conn, kTimeoutMs); }
 
 int CommitTransaction(const Connection& conn, int timeoutMs) {
+  gLastError.clear();
   if (faults::Injected(faults::Kind::Commit)) {
     LogError("Failed to commit transaction", faults::kInjected);
     return 1;
@@ -244,6 +289,7 @@ Statement PrepareNow(const Connection& conn, std::string_view sql, int timeoutMs
   if (rc != SQLITE_OK) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to prepare statement \"%.*s\": %s", static_cast<int>(sql.size()),
                   sql.data(), sqlite3_errmsg(conn->db));
+    Keep(Cause(conn->db));
     return nullptr;
   }
   if (!stmt) {
@@ -379,6 +425,7 @@ int ExecuteStmt(const Connection& conn, const Statement& stmt, RowCallback callb
     if (rc != SQLITE_ROW) {
       CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to execute statement \"%s\": %s", sqlite3_sql(s),
                     sqlite3_errmsg(conn->db));
+      Keep(Cause(conn->db));
       status = 1;
       break;
     }

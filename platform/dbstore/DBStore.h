@@ -12,7 +12,7 @@
 // Connections are shared handles, statements unique handles; nothing is cached between calls.
 // No function here throws: results are statuses (0 success) or empty handles. Failures are logged
 // at error priority, with SQLite's message, before the status is returned (a store file that does
-// not exist is the one exception: see GetConnection).
+// not exist is the one exception: see GetConnection), and their cause is kept for LastError.
 // A connection is used by one thread at a time (opened without SQLite's own mutex).
 #pragma once
 
@@ -59,7 +59,16 @@ std::string SchemaStorePath();
 // database that can be opened (the file is never created here: see CreateDatabases).
 // `readWrite` false opens it read-only. A missing file is logged at information priority only
 // (callers that tolerate a missing store ask for it routinely).
+// A rollback journal left by a writer that died mid-transaction is rolled back on opening, also
+// for a read-only connection (which briefly opens the file read-write for it), so readers see the
+// store as it was before that transaction.
 Connection GetConnection(Type type, bool readWrite);
+
+// The cause of the last failure of a call here on this thread: the file and SQLite's error text
+// ("<path>: database is locked", "<path> does not exist", "<path> is a directory"). Kept until the
+// next failure; GetConnection, BeginTransaction and CommitTransaction clear it when they start, so
+// right after one of them fails it is that failure's cause.
+const std::string& LastError();
 
 // Attach/detach the schema store under the name "ss". 0 on success. Attaching never creates the
 // schema store file: a missing one is a failure. Attaching an attached connection and detaching a

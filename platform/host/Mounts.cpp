@@ -3,6 +3,7 @@
 #include <sys/mount.h>
 
 #include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -24,26 +25,34 @@ std::string TmpfsOptions(const std::string& spec) {
 
 }  // namespace
 
-int Mount(const char* source, const char* target, const char* fstype, unsigned long flags, const char* data) {
+int Mount(const char* source, const char* target, const char* fstype, unsigned long flags, const char* data,
+          std::string* failure) {
+  // errno is cleared before each step, and the step's own errno wins over `fallback`: MakeDirs
+  // sets none when a file stands where a directory belongs.
+  auto fail = [failure](const std::string& what, int fallback) {
+    if (errno == 0) errno = fallback;
+    if (failure != nullptr) *failure = what + ": " + std::strerror(errno);
+    return -1;
+  };
   std::string dir = Resolve(target);
-  if (!MakeDirs(dir)) return -1;
+  errno = 0;
+  if (!MakeDirs(dir)) return fail("cannot create " + dir, ENOTDIR);
   if (!IsSandbox()) {
     std::string options = TmpfsOptions(data ? data : "");
-    if (options.empty()) {
-      errno = EINVAL;
-      return -1;
-    }
-    return ::mount(source, dir.c_str(), "tmpfs", flags, options.c_str());
+    errno = 0;
+    if (options.empty()) return fail("cannot mount " + dir + " with \"" + (data ? data : "") + "\"", EINVAL);
+    if (::mount(source, dir.c_str(), "tmpfs", flags, options.c_str()) != 0) return fail("cannot mount " + dir, EIO);
+    return 0;
   }
   std::string log = Resolve(kMountLog);
-  if (!MakeDirs(log.substr(0, log.find_last_of('/')))) return -1;
+  std::string logDir = log.substr(0, log.find_last_of('/'));
+  errno = 0;
+  if (!MakeDirs(logDir)) return fail("cannot create " + logDir, ENOTDIR);
+  errno = 0;
   std::ofstream out(log, std::ios::app);
   out << source << ' ' << target << ' ' << fstype << ' ' << flags << ' ' << (data ? data : "") << '\n';
   out.flush();
-  if (!out) {
-    errno = EIO;
-    return -1;
-  }
+  if (!out) return fail("cannot write " + log, EIO);
   return 0;
 }
 

@@ -48,7 +48,7 @@ std::vector<ConfigObject> ReadObjects(const std::vector<std::string>& filters) {
                                                     " (it is made at boot by load, or by create-store)");
   }
   DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, false);
-  if (!conn) throw ConfigStoreException(CS_ERR_GENERIC, "cannot open the configuration store " + path);
+  if (!conn) QorConfigStore::ThrowStoreFailure("cannot open the configuration store");
   std::string sql = kSelect;
   for (size_t i = 0; i < filters.size(); ++i) {
     sql += (i == 0 ? " WHERE " : " AND ");
@@ -61,7 +61,7 @@ std::vector<ConfigObject> ReadObjects(const std::vector<std::string>& filters) {
   std::vector<ConfigObject> objects;
   if (!stmt || DBStore::internal::Bind(conn, stmt, index, filters) != 0 ||
       DBStore::ExecuteStmt(conn, stmt, CollectRow, &objects, DBStore::kTimeoutMs) != 0) {
-    throw ConfigStoreException(CS_ERR_GENERIC, "cannot read the configuration objects of " + path);
+    QorConfigStore::ThrowStoreFailure("cannot read the configuration objects");
   }
   return objects;
 }

@@ -193,23 +193,25 @@ TEST_F(BootStateTest, InstallInfoIsStoredExactlyAsGiven) {
 
 TEST_F(BootStateTest, FailedReadsAndAMissingStoreNameWhatFailed) {
   Store(BOOT_FS_UUID, "5f1e2d3c-aaaa-bbbb-cccc-000000000001");
+  const std::string missing = Path("/etc/talvex/configstore/current-store-1") + " does not exist";
   struct Row {
     const char* name;
     bool noStore;  // else the first key read fails
     std::function<void()> op;
-    const char* thrown;
+    std::string thrown;
   } rows[] = {
       {"GetBootMode", false, [] { GetBootMode(); }, "2000 Failed to read value for key BOOT_MODE"},
       {"IsAutoConf", false, [] { IsAutoConf(); }, "2000 Failed to read value for key IS_BOOT"},
       {"GetInstallInfo", false, [] { GetInstallInfo(); }, "2000 Failed to read value for key CS_INST_INFO_KEY"},
       {"CleanupBootState", false, CleanupBootState, "2000 Failed to read value for key BOOT_FS_UUID"},
       {"HasBootbankChanged", false, [] { HasBootbankChanged(); }, "2000 Failed to read value for key BOOT_FS_UUID"},
-      {"SetBootMode", true, [] { SetBootMode(BOOT_MODE_NEW_STORE); }, "2000 Failed to connect to database"},
-      {"GetBootMode", true, [] { GetBootMode(); }, "2000 Failed to connect to database"},
-      {"SetLiveInstallBoot", true, [] { SetLiveInstallBoot("true"); }, "2000 Failed to connect to database"},
-      {"CleanupBootState", true, CleanupBootState, "2000 Failed to connect to database"},
-      {"SetInstallInfo", true, [] { SetInstallInfo("x"); }, "2000 Failed to connect to database."},
-      {"GetInstallInfo", true, [] { GetInstallInfo(); }, "2000 Failed to connect to database."},
+      {"SetBootMode", true, [] { SetBootMode(BOOT_MODE_NEW_STORE); }, "2000 Failed to connect to database: " + missing},
+      {"GetBootMode", true, [] { GetBootMode(); }, "2000 Failed to connect to database: " + missing},
+      {"SetLiveInstallBoot", true, [] { SetLiveInstallBoot("true"); },
+       "2000 Failed to connect to database: " + missing},
+      {"CleanupBootState", true, CleanupBootState, "2000 Failed to connect to database: " + missing},
+      {"SetInstallInfo", true, [] { SetInstallInfo("x"); }, "2000 Failed to connect to database. " + missing},
+      {"GetInstallInfo", true, [] { GetInstallInfo(); }, "2000 Failed to connect to database. " + missing},
       {"IsAutoConf", true, [] { IsAutoConf(); }, "2000 Failed to read value for key IS_BOOT"},
   };
   for (const Row& row : rows) {

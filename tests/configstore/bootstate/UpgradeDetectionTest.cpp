@@ -144,7 +144,7 @@ TEST_F(UpgradeDetectionTest, UpgradeCheckFailureAnswersFalseWithEventWhileOthers
   struct Breakage {
     const char* name;
     std::function<void()> apply;
-    const char* error;
+    std::string error;
     bool bootbankThrows;  // HasBootbankChanged needs the same fact
   } rows[] = {
       {"uuid node missing", [this] { RemoveNode("/system/bootFsUUID"); }, "Failed to get boot fs uuid.", true},
@@ -154,7 +154,8 @@ TEST_F(UpgradeDetectionTest, UpgradeCheckFailureAnswersFalseWithEventWhileOthers
       {"boot MAC missing", [this] { RemoveNode("/system/bootMAC"); }, "Failed to get boot nic mac address.", false},
       {"boot option missing", [this] { RemoveNode("/system/bootOption"); }, "Failed to get PLON /system/bootOption",
        false},
-      {"store missing", [this] { RemoveStore(); }, "Failed to connect to database.", true},
+      {"store missing", [this] { RemoveStore(); },
+       "Failed to connect to database. " + Path("/etc/talvex/configstore/current-store-1") + " does not exist", true},
       {"marker read fails", [] { DBStore::faults::Arm(DBStore::faults::Kind::KvRead, 1, false); },
        "Failed to read value for key POST_LIVE_INSTALL_BOOT", false},
   };

@@ -231,7 +231,8 @@ TEST_F(DefaultConfigTest, MissingStoresFailTheRunCleanly) {
   Remove("/etc/talvex/configstore/current-store-1");
   log_.Clear();
   EXPECT_FALSE(ProcessDefaultConfiguration(false));
-  EXPECT_TRUE(Logged("DefaultConfiguration Failed Failed to connect to database", 0));
+  EXPECT_TRUE(Logged("DefaultConfiguration Failed Failed to connect to database: " +
+                     Path("/etc/talvex/configstore/current-store-1") + " does not exist", 0));
 }
 
 }  // namespace

@@ -113,7 +113,7 @@ TEST_F(DesiredTest, HostApiWriteAndCommitFailuresCarryTheirCodes) {
       {DBStore::faults::Kind::Step, 1, 1005, "desired configuration for component qor group ntp key servers"},
       {DBStore::faults::Kind::Prepare, 1, 1005, "desired configuration for component qor group ntp key servers"},
       {DBStore::faults::Kind::KvWrite, 0, 2000, "Failed to set next boot mode"},
-      {DBStore::faults::Kind::Begin, 0, 2000, "Failed to start Delete HostAPI transaction"},
+      {DBStore::faults::Kind::Begin, 0, 2000, "Failed to start Delete HostAPI transaction: injected fault"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.message);

@@ -74,7 +74,8 @@ TEST_F(FrameTest, ConnectionToMissingStore) {
     FAIL() << "no throw";
   } catch (const ConfigStoreException& e) {
     EXPECT_EQ(e.code(), 2000);
-    EXPECT_STREQ(e.what(), "Failed to connect to database");
+    EXPECT_EQ(e.what(), "Failed to connect to database: " + Path("/etc/talvex/configstore/current-store-1") +
+                            " does not exist");
   }
   ASSERT_EQ(DBStore::CreateDatabases(), 0);
   EXPECT_TRUE(GetDBConnection(DBStore::CONFIG_STORE, true));

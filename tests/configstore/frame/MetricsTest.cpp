@@ -69,7 +69,7 @@ TEST_F(MetricsTest, TotalPastInt32Throws) {
 
 TEST_F(MetricsTest, FailedQueryNamesTheOperation) {
   ASSERT_EQ(DBStore::Execute(conn_, "DROP TABLE Config", {}, {}, DBStore::kTimeoutMs), 0);
-  const std::pair<std::function<void()>, const char*> cases[] = {
+  const std::pair<std::function<void()>, std::string> cases[] = {
       {GetVitalConfigSize, "Failed to get data from GetVitalConfigSize"},
       {GetUserConfigSize, "Failed to get data from GetUserConfigSize"},
       {GetCachedConfigSize, "Failed to get data from GetCachedConfigSize"},
@@ -80,7 +80,7 @@ TEST_F(MetricsTest, FailedQueryNamesTheOperation) {
          Remove("/etc/talvex/configstore/current-store-1");
          GetConfigRowCount();
        },
-       "Failed to connect to database."},
+       "Failed to connect to database. " + Path("/etc/talvex/configstore/current-store-1") + " does not exist"},
   };
   for (const auto& [call, message] : cases) {
     SCOPED_TRACE(message);
@@ -89,7 +89,7 @@ TEST_F(MetricsTest, FailedQueryNamesTheOperation) {
       ADD_FAILURE() << "no throw";
     } catch (const ConfigStoreException& e) {
       EXPECT_EQ(e.code(), 2000);
-      EXPECT_STREQ(e.what(), message);
+      EXPECT_EQ(e.what(), message);
     }
   }
 }

@@ -78,7 +78,8 @@ TEST_F(RamDiskTest, SignatureMismatchStopsBeforeTheBackupMount) {
 TEST_F(RamDiskTest, WorkingMountFailureMountsAndLimitsNothing) {
   WriteFile("/etc/talvex", "a file where the mount point's parent belongs");
 
-  ExpectSetupFailure("SetupStoreRamDisk", "Failed to reserve memory for ConfigStore");
+  ExpectSetupFailure("SetupStoreRamDisk", "Failed to reserve memory for ConfigStore: cannot create " +
+                                              Path("/etc/talvex/configstore") + ": Not a directory");
 
   EXPECT_THAT(Host::RecordedMounts(), IsEmpty());
   EXPECT_FALSE(Exists(kStoreLimits));
@@ -87,7 +88,8 @@ TEST_F(RamDiskTest, WorkingMountFailureMountsAndLimitsNothing) {
 TEST_F(RamDiskTest, BackupMountFailureComesAfterTheWorkingRamdiskIsReady) {
   WriteFile("/var/lib/talvex", "a file where the mount point's parent belongs");
 
-  ExpectSetupFailure("SetupStoreRamDisk", "Failed to reserve memory for ConfigStore backup");
+  ExpectSetupFailure("SetupStoreRamDisk", "Failed to reserve memory for ConfigStore backup: cannot create " +
+                                              Path("/var/lib/talvex/configstore/backup") + ": Not a directory");
 
   EXPECT_THAT(Host::RecordedMounts(), ElementsAre(kStoreMount));
   EXPECT_EQ(ReadFile(kStoreLimits), "80 90\n");

@@ -271,7 +271,7 @@ TEST_F(StoreRestoreTest, UndeletableWorkingStoreEndsInTheConnectionFailure) {
     ADD_FAILURE() << "no throw";
   } catch (const ConfigStoreException& e) {
     EXPECT_EQ(e.code(), 2000);
-    EXPECT_STREQ(e.what(), "Failed to connect to database");
+    EXPECT_EQ(e.what(), "Failed to connect to database: " + Path(kStore) + " is a directory");
   }
   EXPECT_TRUE(log_.Contains("Error removing sticky ConfigStore file", CSLogger::PRIO_ERROR));
   EXPECT_TRUE(log_.Contains("Cannot copy ConfigStore from backup [" + Path(kBackup) + "], creating new ConfigStore."));

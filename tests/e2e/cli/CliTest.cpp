@@ -1,12 +1,16 @@
 // configstorectl as a process: get, schemas, and the rules every subcommand shares (help, --json,
 // exit status, colour). Arguments go to the process as they are, without a shell.
+#include <gmock/gmock.h>
 #include <pty.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -182,6 +186,38 @@ TEST_F(CliTest, GetShowsValuesVersionRevisionAndTheDefault) {
       << r.out;
 }
 
+// A writer killed mid-transaction leaves its journal and its changed pages in the file; a reader
+// must see the store as it was before that transaction, not fail on the journal.
+TEST_F(CliTest, GetRollsBackWhatAKilledWriterLeft) {
+  ASSERT_EQ(DBStore::CreateDatabases(), 0);
+  AddObject("qor", "network", "dns", "", R"({"a":"before"})");
+  const std::string storeBefore = ReadFile("/etc/talvex/configstore/current-store-1");
+  pid_t pid = fork();
+  if (pid == 0) {
+    // A one-page cache makes the changed pages spill into the file before the commit.
+    auto conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
+    bool written = DBStore::Execute(conn, "PRAGMA cache_size=1", {}, {}, DBStore::kTimeoutMs) == 0 &&
+                   DBStore::BeginTransaction(conn) == 0 &&
+                   DBStore::Execute(conn, R"(UPDATE Config SET UserValue = '{"a":"after"}')", {}, {},
+                                    DBStore::kTimeoutMs) == 0 &&
+                   DBStore::Execute(conn, "INSERT INTO KeyValue VALUES ('filler', randomblob(1000000))", {}, {},
+                                    DBStore::kTimeoutMs) == 0;
+    if (written) raise(SIGKILL);
+    _exit(1);
+  }
+  int raw = 0;
+  ASSERT_EQ(waitpid(pid, &raw, 0), pid);
+  ASSERT_TRUE(WIFSIGNALED(raw)) << "the writer did not get as far as its kill";
+  ASSERT_TRUE(Exists("/etc/talvex/configstore/current-store-1-journal"));
+  ASSERT_NE(ReadFile("/etc/talvex/configstore/current-store-1"), storeBefore) << "no page of the writer spilled";
+
+  CtlResult r = Ctl({"get", "--json"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  rapidjson::Document d = Json(r);
+  ASSERT_TRUE(d.IsArray() && d.Size() == 1) << r.out;
+  EXPECT_STREQ(d[0]["user"]["a"].GetString(), "before");
+}
+
 TEST_F(CliTest, SchemasListsRegisteredKeysOfTheNamedComponents) {
   ASSERT_EQ(DBStore::CreateDatabases(), 0);
   RegisterKeys({{"qor", "network", "nuknics"}, {"net ü", "g", "k"}, {"x'y", "g", "k"}});
@@ -271,24 +307,66 @@ TEST_F(CliTest, BadUsageExitsTwoWithTheUsageOnStandardError) {
   EXPECT_EQ(cstest::DiffStores(before, cstest::DumpStores()), "") << "bad usage changes nothing";
 }
 
-TEST_F(CliTest, FailureExitsOneWithTheErrorCode) {
+// Each failure line names the cause and the file. The root changes as the table goes: no store,
+// then a store held by a writer, then a run-time directory that cannot be made (var/run is a
+// regular file: root itself cannot create anything under a file), then a store that is a directory.
+TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
+  const std::string store = Path("/etc/talvex/configstore/current-store-1");
+  const std::string missing = store + " does not exist\n";
+  const std::string imageLockFailure =
+      "Cannot open the image database lock file " + Path("/var/run/liveimgdb.pid") + ": Not a directory";
+  DBStore::Connection writer;
   struct Case {
+    std::function<void()> arrange;  // run before the command, when given
     std::vector<std::string> args;
-    std::string line;  // beginning of the standard error line
+    int status;
+    std::string line;  // part of standard error, or of standard output for a load that ran on
   } cases[] = {
-      {{"get"}, "configstorectl get: error 2000: no configuration store at " + Path("/etc/talvex/configstore/")},
-      {{"--json", "get", "qor"}, "configstorectl get: error 2000: no configuration store at "},
-      {{"schemas"}, "configstorectl schemas: error 2000: "},
-      {{"set-desired", Path("/missing.json")}, "configstorectl set-desired: error 1081: "},
+      {nullptr, {"get"}, 1, "configstorectl get: error 2000: no configuration store at " + store + " ("},
+      {nullptr, {"--json", "get", "qor"}, 1, "configstorectl get: error 2000: no configuration store at "},
+      {nullptr, {"schemas"}, 1, "configstorectl schemas: error 2000: "},
+      {nullptr, {"set-desired", Path("/missing.json")}, 1, "configstorectl set-desired: error 1081: "},
+      {nullptr, {"plan"}, 1, "plan: error 2000: Failed to connect to database: " + missing},
+      {nullptr, {"staged"}, 1, "staged: error 2000: Failed to connect to database: " + missing},
+      {nullptr, {"boot-mode"}, 1, "boot-mode: error 2000: Failed to connect to database: " + missing},
+      {nullptr, {"metrics"}, 1, "metrics: error 2000: Failed to connect to database. " + missing},
+      {[&] {
+         EXPECT_FALSE(Exists("/etc/talvex/configstore/current-store-1")) << "no command above creates the store";
+         ASSERT_EQ(DBStore::CreateDatabases(), 0);
+         WriteFile("/desired.json", R"({"profile": {}})");
+         writer = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
+         ASSERT_EQ(DBStore::BeginTransaction(writer), 0);
+       },
+       {"set-desired", Path("/desired.json")}, 1,
+       "set-desired: error 2000: Failed to start set desired transaction: " + store + ": database is locked\n"},
+      {[&] {
+         writer.reset();
+         CopyExampleHost();
+         WriteFile("/var/run", "a file where the run-time directory belongs");
+       },
+       {"setup-ramdisk"}, 1,
+       "setup-ramdisk: error 2000: Failed to reserve memory for ConfigStore: cannot create " + Path("/var/run/talvex") +
+           ": Not a directory\n"},
+      {nullptr, {"load"}, 0, "schemas not processed: " + imageLockFailure + "\n"},
+      {[&] {
+         Remove("/etc/talvex/configstore/current-store-1");
+         std::filesystem::create_directory(store);
+       },
+       {"load"}, 1, "load: error 2000: Failed to connect to database: " + store + " is a directory\n"},
+      {nullptr, {"get"}, 1, "get: error 2000: cannot open the configuration store: " + store + " is a directory\n"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.args));
+    if (c.arrange) c.arrange();
     CtlResult r = Ctl(c.args);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find(c.line), std::string::npos) << r.err;
-    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_NE((c.status == 0 ? r.out : r.err).find(c.line), std::string::npos) << r.err << r.out;
+    if (c.args[0] != "load") {
+      EXPECT_EQ(r.out, "");
+    }
   }
-  EXPECT_FALSE(Exists("/etc/talvex/configstore/current-store-1")) << "get never creates the store";
+  EXPECT_THAT(RecordedAlerts(), testing::Contains("Error processing schemas - '" + imageLockFailure + "'."))
+      << "a boot that could not read the installed image raises an alert";
 }
 
 TEST_F(CliTest, ColourOnlyOnATerminalWithoutNoColorAndNeverInJson) {

@@ -7,6 +7,7 @@
 #include "configstore/frame/CallFrame.h"
 #include "configstore/maintenance/Cleanup.h"
 #include "configstore/maintenance/CleanupSupport.h"
+#include "configstore/maintenance/RowSetSql.h"
 #include "platform/host/HostRoot.h"
 
 namespace QorConfigStore {
@@ -24,6 +25,41 @@ bool IsPlainName(const std::string& name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
 }
 
+// Configuration rows whose key has no schema: "DELETE FROM Config WHERE (Component, ConfigGroup, Name)
+// NOT IN (SELECT Component, ConfigGroup, Name FROM ss.ConfigSchema)", run as NOT EXISTS.
+constexpr const char* kOrphanConfigReferenceSql =
+    "DELETE FROM Config WHERE (Component, ConfigGroup, Name) NOT IN "
+    "(SELECT Component, ConfigGroup, Name FROM ss.ConfigSchema)";
+const std::string& OrphanConfigSql() {
+  static const std::string sql =
+      "DELETE FROM Config WHERE " + NotInRowSet({{"Config.Component", "s.Component"},
+                                                 {"Config.ConfigGroup", "s.ConfigGroup"},
+                                                 {"Config.Name", "s.Name"}},
+                                                "ss.ConfigSchema AS s", "");
+  return sql;
+}
+
+// Data-file records whose key has no data-file schema, as in "... WHERE (Component, KEY) NOT IN
+// (SELECT Component, KEY FROM ss.DataFileSchema)".
+constexpr const char* kOrphanDirsReferenceSql =
+    "SELECT DISTINCT DirName FROM DataFileMetadata WHERE (Component, KEY) NOT IN "
+    "(SELECT Component, KEY FROM ss.DataFileSchema)";
+constexpr const char* kOrphanDataFilesReferenceSql =
+    "DELETE FROM DataFileMetadata WHERE (Component, KEY) NOT IN (SELECT Component, KEY FROM ss.DataFileSchema)";
+const std::string& OrphanDataFileTerm() {
+  static const std::string term = NotInRowSet(
+      {{"DataFileMetadata.Component", "s.Component"}, {"DataFileMetadata.KEY", "s.KEY"}}, "ss.DataFileSchema AS s", "");
+  return term;
+}
+const std::string& OrphanDirsSql() {
+  static const std::string sql = "SELECT DISTINCT DirName FROM DataFileMetadata WHERE " + OrphanDataFileTerm();
+  return sql;
+}
+const std::string& OrphanDataFilesSql() {
+  static const std::string sql = "DELETE FROM DataFileMetadata WHERE " + OrphanDataFileTerm();
+  return sql;
+}
+
 void DetachLogged(const DBStore::Connection& conn) {
   if (DBStore::DetachSchemaStore(conn) != 0) CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to detach schema store");
 }
@@ -39,9 +75,7 @@ void CleanupConfigRows() {
     CSLogger::Log(CSLogger::PRIO_ERROR, "ConfigStore cleanup failed: could not attach to SchemaStore");
     return;
   }
-  int rc = RunStatement(conn,
-                        "DELETE FROM Config WHERE (Component, ConfigGroup, Name) NOT IN "
-                        "(SELECT Component, ConfigGroup, Name FROM ss.ConfigSchema)");
+  int rc = RunStatement(conn, OrphanConfigSql());
   DetachLogged(conn);
   if (rc == 1) CSLogger::Log(CSLogger::PRIO_ERROR, "ConfigStore cleanup failed: SQL command unsuccessful");
   CSLogger::Log(CSLogger::PRIO_INFO, "Cleanup config store completed");
@@ -60,17 +94,12 @@ void CleanupDataFileRows(bool atBoot) {
   }
   // Read before the rows go: afterwards nothing tells which directories were orphaned.
   std::vector<std::string> orphanedDirs;
-  if (!atBoot && RunStatement(conn,
-                              "SELECT DISTINCT DirName FROM DataFileMetadata WHERE (Component, KEY) NOT IN "
-                              "(SELECT Component, KEY FROM ss.DataFileSchema)",
-                              CollectFirstColumn, &orphanedDirs) == 1) {
+  if (!atBoot && RunStatement(conn, OrphanDirsSql(), CollectFirstColumn, &orphanedDirs) == 1) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Datafile live cleanup failed: read dir SQL command unsuccessful");
     DetachLogged(conn);
     return;
   }
-  int rc = RunStatement(conn,
-                        "DELETE FROM DataFileMetadata WHERE (Component, KEY) NOT IN "
-                        "(SELECT Component, KEY FROM ss.DataFileSchema)");
+  int rc = RunStatement(conn, OrphanDataFilesSql());
   DetachLogged(conn);
   if (rc == 1) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Datafile cleanup failed: SQL command unsuccessful");
@@ -117,6 +146,19 @@ void RemoveDataFilePath(const std::string& resolvedPath) {
 int RunStatement(const DBStore::Connection& conn, std::string_view sql, DBStore::RowCallback callback, void* context) {
   DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
   return DBStore::ExecuteStmt(conn, stmt, callback, context, DBStore::kTimeoutMs) == 0 ? 0 : 1;
+}
+
+std::vector<EquivalentStatement> CleanupEquivalentStatements() {
+  auto text = [](std::string sql) -> EquivalentStatement::Run {
+    return [sql](const DBStore::Connection& conn, std::vector<std::string>& rows) {
+      return RunStatement(conn, sql, CollectFirstColumn, &rows);
+    };
+  };
+  return {
+      {"orphan config rows", text(kOrphanConfigReferenceSql), text(OrphanConfigSql())},
+      {"orphan data-file directories", text(kOrphanDirsReferenceSql), text(OrphanDirsSql())},
+      {"orphan data-file rows", text(kOrphanDataFilesReferenceSql), text(OrphanDataFilesSql())},
+  };
 }
 
 void CleanupStore(bool atBoot) {

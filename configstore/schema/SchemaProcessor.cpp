@@ -130,13 +130,19 @@ bool ProcessSchemaFiles(const std::vector<std::string>& schemaIds, bool isQorio)
   }
 }
 
-bool ProcessSchemas(const std::vector<std::string>& schemaIds) {
+SchemaProcessingResult ProcessSchemasAndDefaults(const std::vector<std::string>& schemaIds) {
   const bool isQorio = FileExists(Host::Resolve(kQorioMarkerFile).c_str());
   if (isQorio) CSLogger::Log(CSLogger::PRIO_INFO, "[SchemaProcessor]: This is qorio booting up.");
   FeatureState_InitSilentMode();
-  const bool schemasProcessed = ProcessSchemaFiles(schemaIds, isQorio);
-  const bool defaultsProcessed = ProcessDefaultConfiguration(isQorio);
-  return schemasProcessed && defaultsProcessed;
+  SchemaProcessingResult result;
+  result.schemasRegistered = ProcessSchemaFiles(schemaIds, isQorio);
+  result.defaultsLoaded = ProcessDefaultConfiguration(isQorio);
+  return result;
+}
+
+bool ProcessSchemas(const std::vector<std::string>& schemaIds) {
+  const SchemaProcessingResult result = ProcessSchemasAndDefaults(schemaIds);
+  return result.schemasRegistered && result.defaultsLoaded;
 }
 
 }  // namespace QorConfigStore

@@ -12,4 +12,12 @@ namespace QorConfigStore {
 // True when every schema file and the default configuration were processed without failure.
 bool ProcessSchemas(const std::vector<std::string>& schemaIds);
 
+// The two halves of ProcessSchemas, each run whatever the other gave.
+struct SchemaProcessingResult {
+  bool schemasRegistered = false;  // every schema file was registered
+  bool defaultsLoaded = false;     // the default configuration was loaded without failure
+};
+// ProcessSchemas, telling the halves apart.
+SchemaProcessingResult ProcessSchemasAndDefaults(const std::vector<std::string>& schemaIds);
+
 }  // namespace QorConfigStore

@@ -200,7 +200,8 @@ const cli::Registrar kProcessSchemas(
      "/usr/lib/talvex/configmanager/schemas (filtered for a DPU when /etc/.qorio exists), then\n"
      "reloads the default configuration. The installed image's schema ids are expected; each\n"
      "SCHEMA_ID given is expected as well. Prints the registered keys (as 'schemas' does), the\n"
-     "default configuration and the result; exit status 1 when anything failed.",
+     "default configuration and the result of each half (--json: schemasRegistered, defaultsLoaded);\n"
+     "exit status 1 when either failed. Needs the store databases (load or create-store makes them).",
      RunProcessSchemas});
 
 const cli::Registrar kProcessDefaults(

@@ -8,9 +8,9 @@
 namespace QorConfigStore {
 
 // Totals of the three value columns as SQL's LENGTH counts them (characters of text: "ééé" is 3),
-// and the row count. A table that is empty or whose
-// column holds only NULLs has a NULL sum, read as "0": the figure is 0, never an exception.
-// A total above 2147483647 throws std::out_of_range ("stoi").
+// and the row count. A table that is empty or whose column holds only NULLs has a NULL sum, read
+// as "0": the figure is 0, never an exception. A total above 2147483647 throws std::out_of_range
+// ("stoi").
 int GetVitalConfigSize();
 int GetUserConfigSize();
 int GetCachedConfigSize();

@@ -1,5 +1,7 @@
 #include "configstore/frame/Metrics.h"
 
+#include <cstdlib>
+
 #include "configstore/frame/CallFrame.h"
 
 namespace QorConfigStore {
@@ -15,13 +17,13 @@ int ScalarCallback(void* context, int /*argc*/, char** argv, char** /*columnName
   return 0;
 }
 
+// Columns: Component, ConfigGroup, Name, then the three sizes; a NULL column reads as "0".
 int MetricsRowCallback(void* context, int argc, char** argv, char** /*columnNames*/) {
-  std::string row;
-  for (int i = 0; i < argc; ++i) {
-    row += argv[i] ? argv[i] : "0";
-    if (i + 1 < argc) row += ",";
-  }
-  static_cast<std::vector<std::string>*>(context)->push_back(std::move(row));
+  if (argc != 6) return 1;
+  auto text = [&](int i) { return std::string(argv[i] != nullptr ? argv[i] : "0"); };
+  auto size = [&](int i) { return argv[i] != nullptr ? std::strtoll(argv[i], nullptr, 10) : int64_t{0}; };
+  static_cast<std::vector<ConfigMetricsRow>*>(context)->push_back(
+      {text(0), text(1), text(2), size(3), size(4), size(5)});
   return 0;
 }
 
@@ -56,18 +58,27 @@ int GetConfigRowCount() {
   return QueryScalar("SELECT COUNT(*) as RowCount FROM Config", "Failed to get data from GetConfigRowCount");
 }
 
-std::vector<std::string> GetConfigMetrics() {
+std::vector<ConfigMetricsRow> GetConfigMetricsRows() {
   static const char* kSql = R"(
       SELECT Component, ConfigGroup, Name, LENGTH (VitalValue) VitalConfigSize,
       LENGTH (UserValue) UserConfigSize, LENGTH (CachedValue) CachedConfigSize
       FROM Config)";
   DBStore::Connection conn = MetricsConnection();
   DBStore::Statement stmt = DBStore::internal::Prepare(conn, kSql, DBStore::kTimeoutMs);
-  std::vector<std::string> rows;
+  std::vector<ConfigMetricsRow> rows;
   if (DBStore::ExecuteStmt(conn, stmt, MetricsRowCallback, &rows, DBStore::kTimeoutMs) == 1) {
     throw ConfigStoreException(CS_ERR_GENERIC, "Failed to get data from GetConfigMetrics");
   }
   return rows;
+}
+
+std::vector<std::string> GetConfigMetrics() {
+  std::vector<std::string> joined;
+  for (const ConfigMetricsRow& r : GetConfigMetricsRows()) {
+    joined.push_back(r.component + "," + r.group + "," + r.key + "," + std::to_string(r.vitalSize) + "," +
+                     std::to_string(r.userSize) + "," + std::to_string(r.cachedSize));
+  }
+  return joined;
 }
 
 }  // namespace QorConfigStore

@@ -132,14 +132,20 @@ bool ProcessSchemaFiles(const std::vector<std::string>& schemaIds, bool isQorio,
   }
 }
 
-bool ProcessSchemas(const std::vector<std::string>& schemaIds, std::string* failure) {
+SchemaProcessingResult ProcessSchemasAndDefaults(const std::vector<std::string>& schemaIds, std::string* failure) {
   BootLock lock(Host::FileLock::Mode::Shared);  // a load's restore must not replace the store under it
   const bool isQorio = FileExists(Host::Resolve(kQorioMarkerFile).c_str());
   if (isQorio) CSLogger::Log(CSLogger::PRIO_INFO, "[SchemaProcessor]: This is qorio booting up.");
   FeatureState_InitSilentMode();
-  const bool schemasProcessed = ProcessSchemaFiles(schemaIds, isQorio, failure);
-  const bool defaultsProcessed = ProcessDefaultConfiguration(isQorio);
-  return schemasProcessed && defaultsProcessed;
+  SchemaProcessingResult result;
+  result.schemasRegistered = ProcessSchemaFiles(schemaIds, isQorio, failure);
+  result.defaultsLoaded = ProcessDefaultConfiguration(isQorio);
+  return result;
+}
+
+bool ProcessSchemas(const std::vector<std::string>& schemaIds, std::string* failure) {
+  const SchemaProcessingResult result = ProcessSchemasAndDefaults(schemaIds, failure);
+  return result.schemasRegistered && result.defaultsLoaded;
 }
 
 }  // namespace QorConfigStore

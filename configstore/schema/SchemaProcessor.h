@@ -15,4 +15,13 @@ namespace QorConfigStore {
 // gets the cause; it stays empty otherwise (failures of single files only make the result false).
 bool ProcessSchemas(const std::vector<std::string>& schemaIds, std::string* failure = nullptr);
 
+// The two halves of ProcessSchemas, each run whatever the other gave.
+struct SchemaProcessingResult {
+  bool schemasRegistered = false;  // every schema file was registered
+  bool defaultsLoaded = false;     // the default configuration was loaded without failure
+};
+// ProcessSchemas, telling the halves apart.
+SchemaProcessingResult ProcessSchemasAndDefaults(const std::vector<std::string>& schemaIds,
+                                                 std::string* failure = nullptr);
+
 }  // namespace QorConfigStore

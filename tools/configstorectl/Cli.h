@@ -4,6 +4,7 @@
 // adding a family touches no other file. The rules every subcommand shares are kept in main.cpp,
 // not in the subcommands:
 //   - "--help" / "-h" anywhere before "--": usage and help on standard output, exit 0;
+//   - "--" ends the options, the same in every subcommand (the argument helpers below);
 //   - "--json" before or after the subcommand sets Invocation::json; a subcommand registered with
 //     printsData = false refuses it as bad usage;
 //   - exit status 0 success; 1 failure, with "configstorectl NAME: error CODE: MESSAGE" on standard
@@ -70,18 +71,36 @@ std::string StoredValueText(const std::optional<std::string>& stored);
 // `text` safe to show on a terminal: control bytes (below 0x20, and 0x7f) written as "\xNN".
 std::string Printable(std::string_view text);
 
+// A ConfigStoreException 2000 "no WHAT at PATH (it is made at boot by load, or by create-store)"
+// when the store database at `path` does not exist: for subcommands that must not create one.
+void RequireStore(const std::string& path, const char* what);
+
+// Columns a terminal gives UTF-8 text: East Asian wide and fullwidth characters and emoji take
+// two, combining marks and zero-width characters none, a byte that starts no character one.
+size_t DisplayWidth(std::string_view text);
+
+// Rows under a bold heading, cells made Printable, each column as wide as its widest cell on a
+// terminal (DisplayWidth), two spaces apart; the last column is not padded.
+void PrintTable(const std::vector<std::string>& heading, const std::vector<std::vector<std::string>>& rows);
+
 enum class Style { Bold, Red, Green, Yellow };
 // `text` wrapped in the style's terminal escape sequence when colour is on, else `text` itself.
 std::string Paint(Style style, std::string_view text);
 
-// Argument helpers. "--" ends the options: nothing after it is taken as a flag.
+// Argument helpers, the only readers of Invocation::args, so every subcommand treats options alike:
+// an option ("-x", "--name") is taken only before the first "--"; after it every word is a value,
+// "--" included; an option the subcommand does not take is bad usage ("unknown option '-x'").
 // TakeFlag removes the first `flag` before "--" and says whether there was one.
 bool TakeFlag(std::vector<std::string>& args, const std::string& flag);
-// Removes and returns the first argument; a UsageError "missing WHAT" when there is none.
-std::string TakeArg(std::vector<std::string>& args, const char* what);
+// Removes the first "`flag` VALUE" before "--" and returns VALUE; nullopt when there is none, a
+// UsageError when the value is missing or empty.
+std::optional<std::string> TakeOption(std::vector<std::string>& args, const std::string& flag);
+// Removes and returns the next value. When none is left: `otherwise` if given, else a UsageError
+// "missing WHAT".
+std::string TakeArg(std::vector<std::string>& args, const char* what, const char* otherwise = nullptr);
+// A UsageError for any value or option left.
 void ExpectNoMoreArgs(const std::vector<std::string>& args);
-// The arguments as plain values: a UsageError for an option ("-x") before "--"; the "--" is dropped,
-// so values that begin with "-" can follow it.
+// The values left, in order, without the "--".
 std::vector<std::string> Positionals(const std::vector<std::string>& args);
 
 // The library's setters of boot flags do not report a write the store did not take (another writer

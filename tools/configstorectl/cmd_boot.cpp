@@ -1,6 +1,7 @@
 // Boot-time store operations the host's boot scripts and tools call on their own: setup-ramdisk,
 // refresh, apply-record and restore-failures.
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,14 +28,11 @@ int RunSetupRamdisk(const cli::Invocation& inv) {
 
 // "--schema ID" and "--module NAME", each as often as needed, in any order.
 int RunRefresh(const cli::Invocation& inv) {
-  const std::vector<std::string>& args = inv.args;
+  std::vector<std::string> args = inv.args;
   std::vector<std::string> schemaIds, modules;
-  for (size_t i = 0; i < args.size(); i += 2) {
-    const std::string& flag = args[i];
-    if (flag != "--schema" && flag != "--module") throw cli::UsageError("unexpected argument '" + flag + "'");
-    if (i + 1 >= args.size() || args[i + 1].empty()) throw cli::UsageError(flag + " needs a value");
-    (flag == "--schema" ? schemaIds : modules).push_back(args[i + 1]);
-  }
+  while (std::optional<std::string> id = cli::TakeOption(args, "--schema")) schemaIds.push_back(*id);
+  while (std::optional<std::string> name = cli::TakeOption(args, "--module")) modules.push_back(*name);
+  cli::ExpectNoMoreArgs(args);
   bool refreshed = RefreshConfigStore(schemaIds, modules);
   if (inv.json) {
     rapidjson::Document d(rapidjson::kObjectType);

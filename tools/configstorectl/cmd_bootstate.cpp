@@ -52,7 +52,7 @@ void PrintBool(const char* name, bool value, bool json) {
 
 int RunBootMode(const cli::Invocation& inv) {
   std::vector<std::string> rest = inv.args;
-  std::string action = rest.empty() ? "get" : TakeArg(rest, "action");
+  std::string action = TakeArg(rest, "action", "get");
   if (action == "get") {
     cli::ExpectNoMoreArgs(rest);
     PrintBootMode(GetBootMode(), inv.json);
@@ -103,7 +103,7 @@ int RunLiveInstall(const cli::Invocation& inv) {
 
 int RunInstallInfo(const cli::Invocation& inv) {
   std::vector<std::string> rest = inv.args;
-  std::string action = rest.empty() ? "get" : TakeArg(rest, "action");
+  std::string action = TakeArg(rest, "action", "get");
   if (action == "set") {
     std::string text = TakeArg(rest, "install information text");
     cli::ExpectNoMoreArgs(rest);

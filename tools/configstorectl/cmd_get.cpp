@@ -43,10 +43,7 @@ int CollectRow(void* context, int argc, char** argv, char**) {
 
 std::vector<ConfigObject> ReadObjects(const std::vector<std::string>& filters) {
   const std::string path = DBStore::StorePath(DBStore::CONFIG_STORE);
-  if (!QorConfigStore::FileExists(path.c_str())) {
-    throw ConfigStoreException(CS_ERR_GENERIC, "no configuration store at " + path +
-                                                    " (it is made at boot by load, or by create-store)");
-  }
+  cli::RequireStore(path, "configuration store");
   DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, false);
   if (!conn) QorConfigStore::ThrowStoreFailure("cannot open the configuration store");
   std::string sql = kSelect;

@@ -82,7 +82,7 @@ int RunKitFiles(const cli::Invocation& inv) {
 }
 
 int RunFilterSticky(const cli::Invocation& inv) {
-  std::vector<std::string> files = inv.args;
+  std::vector<std::string> files = cli::Positionals(inv.args);
   if (files.empty()) {
     for (std::string line; std::getline(std::cin, line);) {
       if (!line.empty()) files.push_back(line);
@@ -100,7 +100,7 @@ int RunFilterSticky(const cli::Invocation& inv) {
 }
 
 int RunTrackFiles(const cli::Invocation& inv) {
-  std::vector<std::string> args = inv.args;
+  std::vector<std::string> args = cli::Positionals(inv.args);
   if (args.empty()) throw cli::UsageError("which list: backup or nonschema");
   QorConfigStore::FileType type;
   if (args[0] == "backup") type = QorConfigStore::FILE_TYPE_BACKUP_LIST;

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -57,38 +58,12 @@ std::vector<Row> RegisteredRows(const std::vector<std::string>& components) {
 }
 const char* kRegisteredColumns[] = {"component", "group", "key", "schemaId", "version", "smartnic"};
 
-// Characters a terminal shows for UTF-8 text (continuation bytes take no column).
-size_t DisplayWidth(const std::string& text) {
-  size_t width = 0;
-  for (char c : text) width += (static_cast<unsigned char>(c) & 0xC0) != 0x80;
-  return width;
-}
-
-// The registered keys as a table with a heading, columns as wide as their widest cell.
-void PrintRegisteredTable(const std::vector<Row>& rows) {
-  const Row heading = {"COMPONENT", "GROUP", "KEY", "SCHEMA ID", "VERSION", "SMARTNIC"};
-  std::vector<Row> cells;
-  for (const Row& r : rows) {
-    Row printable;
-    for (const std::string& cell : r) printable.push_back(cli::Printable(cell));
-    if (printable[5].empty()) printable[5].push_back('-');  // (assigning "-" trips a false -Wrestrict in GCC 12 at -O2)
-    cells.push_back(std::move(printable));
+// The registered keys as a table; a key without SmartNIC placement shows "-".
+void PrintRegisteredTable(std::vector<Row> rows) {
+  for (Row& r : rows) {
+    if (r[5].empty()) r[5].push_back('-');  // (assigning "-" trips a false -Wrestrict in GCC 12 at -O2)
   }
-  std::vector<size_t> widths;
-  for (const std::string& h : heading) widths.push_back(h.size());
-  for (const Row& r : cells) {
-    for (size_t i = 0; i < r.size(); ++i) widths[i] = std::max(widths[i], DisplayWidth(r[i]));
-  }
-  auto line = [&](const Row& r) {
-    std::string text;
-    for (size_t i = 0; i < r.size(); ++i) {
-      text += r[i];
-      if (i + 1 < r.size()) text += std::string(widths[i] - DisplayWidth(r[i]) + 2, ' ');
-    }
-    return text;
-  };
-  std::printf("%s\n", cli::Paint(cli::Style::Bold, line(heading)).c_str());
-  for (const Row& r : cells) std::printf("%s\n", line(r).c_str());
+  cli::PrintTable({"COMPONENT", "GROUP", "KEY", "SCHEMA ID", "VERSION", "SMARTNIC"}, rows);
 }
 
 template <size_t N>
@@ -129,11 +104,29 @@ std::vector<Row> TryList(const char* what, F list) {
   }
 }
 
-int Report(bool result, bool json, const std::vector<Row>* registered, const std::vector<Row>& defaults) {
+// What a run gave: the default configuration's half, and for process-schemas the registration's.
+struct Outcome {
+  std::optional<bool> schemasRegistered;
+  bool defaultsLoaded = false;
+  bool Success() const { return schemasRegistered.value_or(true) && defaultsLoaded; }
+};
+
+std::string FailureText(const Outcome& o) {
+  if (!o.schemasRegistered.value_or(true)) {
+    return o.defaultsLoaded ? "schema registration failed (the default configuration was loaded)"
+                            : "schema registration and the default configuration failed";
+  }
+  return o.schemasRegistered ? "the default configuration failed (the schemas were registered)"
+                             : "the default configuration failed";
+}
+
+int Report(const Outcome& outcome, bool json, const std::vector<Row>* registered, const std::vector<Row>& defaults) {
   if (json) {
     rapidjson::Document d(rapidjson::kObjectType);
     auto& a = d.GetAllocator();
-    d.AddMember("result", result, a);
+    d.AddMember("result", outcome.Success(), a);
+    if (outcome.schemasRegistered) d.AddMember("schemasRegistered", *outcome.schemasRegistered, a);
+    d.AddMember("defaultsLoaded", outcome.defaultsLoaded, a);
     if (registered != nullptr) d.AddMember("registered", RowsToJson(*registered, kRegisteredColumns, a), a);
     d.AddMember("defaults", RowsToJson(defaults, kDefaultColumns, a), a);
     cli::PrintJson(d);
@@ -144,32 +137,45 @@ int Report(bool result, bool json, const std::vector<Row>* registered, const std
       std::printf("\n");
     }
     PrintDefaultRows(defaults);
-    std::printf("result: %s\n", result ? cli::Paint(cli::Style::Green, "success").c_str()
-                                        : cli::Paint(cli::Style::Red, "failure").c_str());
+    std::printf("result: %s\n", outcome.Success()
+                                    ? cli::Paint(cli::Style::Green, "success").c_str()
+                                    : cli::Paint(cli::Style::Red, "failure: " + FailureText(outcome)).c_str());
   }
-  if (!result) {
+  if (!outcome.Success()) {
     throw QorConfigStore::ConfigStoreException(QorConfigStore::CS_ERR_GENERIC,
-                                               "not everything was processed (see the errors above; -v shows the log)");
+                                               FailureText(outcome) + "; see the errors above, -v shows the log");
   }
   return 0;
 }
 
+// Both runs read and write the configuration store and read the schema store.
+void RequireStores() {
+  cli::RequireStore(DBStore::StorePath(DBStore::CONFIG_STORE), "configuration store");
+  cli::RequireStore(DBStore::SchemaStorePath(), "schema store");
+}
+
 int RunProcessSchemas(const cli::Invocation& inv) {
-  const bool result = QorConfigStore::ProcessSchemas(cli::Positionals(inv.args));
+  const std::vector<std::string> schemaIds = cli::Positionals(inv.args);
+  RequireStores();
+  const auto result = QorConfigStore::ProcessSchemasAndDefaults(schemaIds);
   std::vector<Row> registered = TryList("the registered schemas", [] { return RegisteredRows({}); });
-  return Report(result, inv.json, &registered, TryList("the default configuration", DefaultRows));
+  return Report({result.schemasRegistered, result.defaultsLoaded}, inv.json, &registered,
+                TryList("the default configuration", DefaultRows));
 }
 
 int RunProcessDefaults(const cli::Invocation& inv) {
   std::vector<std::string> args = inv.args;
   const bool qorio = cli::TakeFlag(args, "--qorio");
   cli::ExpectNoMoreArgs(args);
+  RequireStores();
   const bool result = QorConfigStore::ProcessDefaultConfiguration(qorio);
-  return Report(result, inv.json, nullptr, TryList("the default configuration", DefaultRows));
+  return Report({std::nullopt, result}, inv.json, nullptr, TryList("the default configuration", DefaultRows));
 }
 
 int RunSchemas(const cli::Invocation& inv) {
-  std::vector<Row> rows = RegisteredRows(cli::Positionals(inv.args));
+  const std::vector<std::string> components = cli::Positionals(inv.args);
+  cli::RequireStore(DBStore::SchemaStorePath(), "schema store");
+  std::vector<Row> rows = RegisteredRows(components);
   if (inv.json) {
     rapidjson::Document d;
     cli::PrintJson(RowsToJson(rows, kRegisteredColumns, d.GetAllocator()));
@@ -194,7 +200,8 @@ const cli::Registrar kProcessSchemas(
      "/usr/lib/talvex/configmanager/schemas (filtered for a DPU when /etc/.qorio exists), then\n"
      "reloads the default configuration. The installed image's schema ids are expected; each\n"
      "SCHEMA_ID given is expected as well. Prints the registered keys (as 'schemas' does), the\n"
-     "default configuration and the result; exit status 1 when anything failed.",
+     "default configuration and the result of each half (--json: schemasRegistered, defaultsLoaded);\n"
+     "exit status 1 when either failed. Needs the store databases (load or create-store makes them).",
      RunProcessSchemas});
 
 const cli::Registrar kProcessDefaults(

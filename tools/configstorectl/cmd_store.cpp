@@ -1,9 +1,24 @@
-// create-store: creates the store databases that are missing, with all their tables.
+// create-store: creates the store databases that are missing, with all their tables; and the
+// check of the subcommands that need a store to be there already.
 #include <cstdio>
+#include <string>
 
+#include "configstore/frame/CallFrame.h"
 #include "configstore/frame/ConfigStoreException.h"
 #include "platform/dbstore/DBStore.h"
 #include "tools/configstorectl/Cli.h"
+
+namespace cli {
+
+void RequireStore(const std::string& path, const char* what) {
+  if (!QorConfigStore::FileExists(path.c_str())) {
+    throw QorConfigStore::ConfigStoreException(
+        QorConfigStore::CS_ERR_GENERIC,
+        std::string("no ") + what + " at " + path + " (it is made at boot by load, or by create-store)");
+  }
+}
+
+}  // namespace cli
 
 namespace {
 

@@ -168,6 +168,15 @@ std::string Paint(Style style, std::string_view text) {
   return start + std::string(text) + "\033[0m";
 }
 
+namespace {
+
+// A word that asks for an option: "-x", "--name" ("-" alone is a value, such as standard input).
+bool IsOption(const std::string& word) { return word.size() > 1 && word[0] == '-'; }
+
+}  // namespace
+
+// The first "--" of the arguments ends the options. It stays in place as they are taken (TakeArg
+// takes the word after it), so it is always the first "--" left and a later one is a value.
 bool TakeFlag(std::vector<std::string>& args, const std::string& flag) {
   for (auto it = args.begin(); it != args.end() && *it != "--"; ++it) {
     if (*it == flag) {
@@ -178,15 +187,32 @@ bool TakeFlag(std::vector<std::string>& args, const std::string& flag) {
   return false;
 }
 
-std::string TakeArg(std::vector<std::string>& args, const char* what) {
-  if (args.empty()) throw UsageError(std::string("missing ") + what);
-  std::string first = std::move(args.front());
-  args.erase(args.begin());
-  return first;
+std::optional<std::string> TakeOption(std::vector<std::string>& args, const std::string& flag) {
+  for (auto it = args.begin(); it != args.end() && *it != "--"; ++it) {
+    if (*it != flag) continue;
+    if (it + 1 == args.end() || (it + 1)->empty()) throw UsageError(flag + " needs a value");
+    std::string value = std::move(*(it + 1));
+    args.erase(it, it + 2);
+    return value;
+  }
+  return std::nullopt;
+}
+
+std::string TakeArg(std::vector<std::string>& args, const char* what, const char* otherwise) {
+  const size_t at = !args.empty() && args.front() == "--" ? 1 : 0;
+  if (at == args.size()) {
+    if (otherwise != nullptr) return otherwise;
+    throw UsageError(std::string("missing ") + what);
+  }
+  if (at == 0 && IsOption(args.front())) throw UsageError("unknown option '" + Printable(args.front()) + "'");
+  std::string taken = std::move(args[at]);
+  args.erase(args.begin() + static_cast<long>(at));
+  return taken;
 }
 
 void ExpectNoMoreArgs(const std::vector<std::string>& args) {
-  if (!args.empty()) throw UsageError("unexpected argument '" + Printable(args.front()) + "'");
+  const std::vector<std::string> values = Positionals(args);
+  if (!values.empty()) throw UsageError("unexpected argument '" + Printable(values.front()) + "'");
 }
 
 std::vector<std::string> Positionals(const std::vector<std::string>& args) {
@@ -195,7 +221,7 @@ std::vector<std::string> Positionals(const std::vector<std::string>& args) {
   for (const std::string& a : args) {
     if (!optionsEnded && a == "--") {
       optionsEnded = true;
-    } else if (!optionsEnded && a.size() > 1 && a[0] == '-') {
+    } else if (!optionsEnded && IsOption(a)) {
       throw UsageError("unknown option '" + Printable(a) + "'");
     } else {
       values.push_back(a);

@@ -19,7 +19,7 @@ TEST_F(DesiredCliTest, SetDesiredPrintsEveryErrorAndStagesNothing) {
   const std::multiset<std::string> before = Staged();
   WriteFile("/tmp/bad.json", R"({"profile": {"qor": {
       "network": {"nuknics": [{"name": "nuk0", "mtu": 100}, {"mtu": 1500}]},
-      "system": {"hostname": {"name": 5}}}}})");
+      "system": {"hostname": {"name": 5}}, "ntp": {"servers": 5}}}})");
 
   Result r = Run("set-desired " + Path("/tmp/bad.json"));
 
@@ -27,7 +27,8 @@ TEST_F(DesiredCliTest, SetDesiredPrintsEveryErrorAndStagesNothing) {
   EXPECT_NE(r.err.find("/profile/qor/network/nuknics/0/mtu: must be at least 1280, got 100"), std::string::npos) << r.err;
   EXPECT_NE(r.err.find("/profile/qor/network/nuknics/1: missing required member \"name\""), std::string::npos) << r.err;
   EXPECT_NE(r.err.find("/profile/qor/system/hostname/name: must be of type string"), std::string::npos) << r.err;
-  EXPECT_NE(r.err.find("3 validation errors, nothing staged"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("/profile/qor/ntp/servers: must be of type object, got integer"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("4 validation errors, nothing staged"), std::string::npos) << r.err;
   EXPECT_EQ(Staged(), before);
   EXPECT_EQ(BootMode(), "0");
 }

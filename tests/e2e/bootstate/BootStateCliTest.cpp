@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "configstore/bootstate/BootState.h"
+#include "configstore/bootstate/UpgradeDetection.h"
 #include "configstore/frame/core/Json.h"
 #include "platform/dbstore/DBStore.h"
 #include "platform/plon/Plon.h"
@@ -49,6 +50,9 @@ TEST_F(BootStateCliTest, BootKindAnswersEveryQuestionAsJson) {
   CtlResult seed = Ctl("boot-state cleanup");  // records uuid-new as the previous boot's UUID
   ASSERT_EQ(seed.status, 0) << seed.err;
   Node("/system/bootFsUUID", "uuid-newer");
+  WriteFile(QorConfigStore::FIRSTBOOT_FILE, "");
+  EXPECT_FALSE(Json(Ctl("boot-kind --json"))["upgrade"].GetBool()) << "a first boot is never an upgrade";
+  Remove(QorConfigStore::FIRSTBOOT_FILE);
 
   CtlResult r = Ctl("boot-kind --json");
   ASSERT_EQ(r.status, 0) << r.err;

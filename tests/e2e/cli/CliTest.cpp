@@ -220,12 +220,12 @@ TEST_F(CliTest, GetRollsBackWhatAKilledWriterLeft) {
 
 TEST_F(CliTest, SchemasListsRegisteredKeysOfTheNamedComponents) {
   ASSERT_EQ(DBStore::CreateDatabases(), 0);
-  RegisterKeys({{"qor", "network", "nuknics"}, {"net ü", "g", "k"}, {"x'y", "g", "k"}});
+  RegisterKeys({{"qor", "network", "nuknics"}, {"net ü", "g", "k"}, {"x'y", "g", "k"}, {"網路", "e\u0301", "k"}});
   struct Case {
     std::vector<std::string> components;
     std::vector<std::string> expected;
   } cases[] = {
-      {{}, {"net ü|g|k", "qor|network|nuknics", "x'y|g|k"}},
+      {{}, {"net ü|g|k", "qor|network|nuknics", "x'y|g|k", "網路|e\u0301|k"}},
       {{"qor"}, {"qor|network|nuknics"}},
       {{"net ü", "x'y"}, {"net ü|g|k", "x'y|g|k"}},
       {{"nothing"}, {}},
@@ -248,10 +248,12 @@ TEST_F(CliTest, SchemasListsRegisteredKeysOfTheNamedComponents) {
     }
     EXPECT_EQ(keys, c.expected);
   }
-  CtlResult text = Ctl({"schemas", "qor"});
+  // Columns are as wide as the terminal shows them: two columns a wide character, none a combining mark.
+  CtlResult text = Ctl({"schemas", "qor", "網路"});
   EXPECT_EQ(text.out,
             "COMPONENT  GROUP    KEY      SCHEMA ID      VERSION  SMARTNIC\n"
-            "qor        network  nuknics  kit-1.0.0_1.0  2.0      qor-shared\n");
+            "qor        network  nuknics  kit-1.0.0_1.0  2.0      qor-shared\n"
+            "網路       e\u0301        k        kit-1.0.0_1.0  2.0      -\n");
 }
 
 // The command list comes from the tool itself, so a subcommand added later is covered too.
@@ -326,6 +328,8 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
       {nullptr, {"--json", "get", "qor"}, 1, "configstorectl get: error 2000: no configuration store at "},
       {nullptr, {"schemas"}, 1, "configstorectl schemas: error 2000: "},
       {nullptr, {"set-desired", Path("/missing.json")}, 1, "configstorectl set-desired: error 1081: "},
+      {nullptr, {"process-schemas"}, 1, "configstorectl process-schemas: error 2000: no configuration store at " +
+                                            store + " (it is made at boot by load, or by create-store)\n"},
       {nullptr, {"plan"}, 1, "plan: error 2000: Failed to connect to database: " + missing},
       {nullptr, {"staged"}, 1, "staged: error 2000: Failed to connect to database: " + missing},
       {nullptr, {"boot-mode"}, 1, "boot-mode: error 2000: Failed to connect to database: " + missing},
@@ -342,6 +346,7 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
       {[&] {
          writer.reset();
          CopyExampleHost();
+         std::filesystem::remove_all(Path("/var/run"));  // the plan above made its boot lock there
          WriteFile("/var/run", "a file where the run-time directory belongs");
        },
        {"setup-ramdisk"}, 1,
@@ -367,6 +372,110 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
   }
   EXPECT_THAT(RecordedAlerts(), testing::Contains("Error processing schemas - '" + imageLockFailure + "'."))
       << "a boot that could not read the installed image raises an alert";
+}
+
+// Every object is listed, whatever its names hold, and the figures are what SQL's LENGTH counts:
+// characters of text.
+TEST_F(CliTest, MetricsListsEveryObjectAndNamesWhatItCounts) {
+  ASSERT_EQ(DBStore::CreateDatabases(), 0);
+  AddObject("q,or", "net,work", "k,1", "a,b", "ééé");
+  AddObject("qor", "g", "k", "", R"({"a":1})", "v");
+  CtlResult r = Ctl({"metrics", "--rows", "--json"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  rapidjson::Document d = Json(r);
+  EXPECT_EQ(d["rowCount"].GetInt(), 2);
+  EXPECT_EQ(d["userSize"].GetInt(), 10) << "\"ééé\" is 3 characters (6 bytes)";
+  std::vector<std::string> rows;
+  for (const auto& o : d["rows"].GetArray()) {
+    rows.push_back(std::string(o["component"].GetString()) + "|" + o["group"].GetString() + "|" +
+                   o["key"].GetString() + "|" + std::to_string(o["userSize"].GetInt64()) + "|" +
+                   std::to_string(o["vitalSize"].GetInt64()));
+  }
+  std::sort(rows.begin(), rows.end());
+  EXPECT_EQ(rows, (std::vector<std::string>{"q,or|net,work|k,1|3|0", "qor|g|k|7|1"})) << r.out;
+
+  r = Ctl({"metrics", "--rows"});
+  EXPECT_TRUE(r.out.starts_with("rows:              2\nuser characters:   10\nvital characters:  1\n"
+                                "cached characters: 0\n"))
+      << r.out;
+  EXPECT_NE(r.out.find("\nq,or       net,work  k,1  0      3     0\n"), std::string::npos) << r.out;
+
+  // Three values of 800,000,000 characters: a total past the 32-bit range, named.
+  auto conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
+  ASSERT_EQ(DBStore::Execute(conn, "DROP TABLE Config", {}, {}, DBStore::kTimeoutMs), 0);
+  ASSERT_EQ(DBStore::Execute(conn,
+                             "CREATE VIEW Config AS SELECT 'c' Component, 'g' ConfigGroup, 'k' Name, "
+                             "zeroblob(800000000) VitalValue, NULL UserValue, NULL CachedValue "
+                             "FROM (SELECT 1 UNION ALL SELECT 2 UNION ALL SELECT 3)",
+                             {}, {}, DBStore::kTimeoutMs),
+            0);
+  r = Ctl({"metrics"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "configstorectl metrics: error 2000: vital characters: the total is beyond 2147483647 (stoi)\n");
+}
+
+// "--" ends the options of every subcommand alike: before it an option the subcommand does not
+// take is bad usage; after it every word is a value, and the "--" itself never is one.
+TEST_F(CliTest, DoubleDashEndsTheOptionsOfEverySubcommand) {
+  ASSERT_EQ(DBStore::CreateDatabases(), 0);
+  const rapidjson::Document list = Json(Ctl({"--json", "--help"}));
+  ASSERT_TRUE(list.IsArray());
+  for (const auto& c : list.GetArray()) {
+    const std::string name = c["name"].GetString();
+    SCOPED_TRACE(name);
+    CtlResult option = Ctl({name, "-x"});
+    EXPECT_EQ(option.status, 2);
+    EXPECT_NE(option.err.find("unknown option '-x'"), std::string::npos) << option.err;
+    CtlResult value = Ctl({name, "--", "-x"});
+    EXPECT_EQ(value.err.find("unknown option"), std::string::npos) << value.err;
+    EXPECT_EQ(value.err.find("'--'"), std::string::npos) << value.err;
+  }
+  struct Case {
+    std::vector<std::string> args;
+    std::string out;
+  } cases[] = {
+      {{"install-info", "set", "--", "-x"}, "-x\n"},
+      {{"install-info", "--", "set", "--"}, "--\n"},
+      {{"install-info", "--"}, "--\n"},
+      {{"metrics", "--", "--rows"}, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.args));
+    CtlResult r = Ctl(c.args);
+    EXPECT_EQ(r.status, c.out.empty() ? 2 : 0) << r.err;
+    EXPECT_EQ(r.out, c.out);
+  }
+}
+
+// Registration and the default configuration are two halves; the output says which one failed.
+TEST_F(CliTest, ProcessSchemasSaysWhichHalfFailed) {
+  CopyExampleHost();
+  ASSERT_EQ(DBStore::CreateDatabases(), 0);
+  const std::string defaults = "/etc/talvex/default-config/qor-base-8.0.2_1.0.json";
+  const std::string goodDefaults = ReadFile(defaults);
+  struct Case {
+    std::string schemaFile, defaultFile;  // written before the run
+    bool registered, loaded;
+    const char* failure;  // the failure line's message; "" for success
+  } cases[] = {
+      {"", "{", true, false, "the default configuration failed (the schemas were registered)"},
+      {R"({"metadata": {"kitname": "stray", "kitversion": "1"}, "data": []})", "{", false, false,
+       "schema registration and the default configuration failed"},
+      {R"({"metadata": {"kitname": "stray", "kitversion": "1"}, "data": []})", goodDefaults, false, true,
+       "schema registration failed (the default configuration was loaded)"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.failure);
+    if (!c.schemaFile.empty()) WriteFile("/usr/lib/talvex/configmanager/schemas/stray-1.json", c.schemaFile);
+    WriteFile(defaults, c.defaultFile);
+    CtlResult r = Ctl({"process-schemas", "--json"});
+    EXPECT_EQ(r.status, 1);
+    rapidjson::Document d = Json(r);
+    EXPECT_EQ(d["schemasRegistered"].GetBool(), c.registered) << r.out;
+    EXPECT_EQ(d["defaultsLoaded"].GetBool(), c.loaded) << r.out;
+    EXPECT_NE(r.err.find(std::string("configstorectl process-schemas: error 2000: ") + c.failure), std::string::npos)
+        << r.err;
+  }
 }
 
 TEST_F(CliTest, ColourOnlyOnATerminalWithoutNoColorAndNeverInJson) {

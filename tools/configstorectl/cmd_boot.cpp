@@ -56,12 +56,17 @@ int RunApplyRecord(const cli::Invocation& inv) {
   if (action == "set") setBootApplyRecord(record);
   if (action == "clear") clearBootApplyRecord();
   // The record is a JSON document either way; every action shows what is stored now.
-  rapidjson::Document stored = getBootApplyRecord();
+  rapidjson::Document stored;  // null: no record stored
+  try {
+    stored = getBootApplyRecord();
+  } catch (const ConfigStoreException& e) {
+    if (action == "get" || e.code() != CS_ERR_JSON_PARSE_STRING) throw;  // a record never written
+  }
   if (action != "get") {
     rapidjson::Document wanted(rapidjson::kObjectType);
     wanted.AddMember("isBootComplete", action == "set", wanted.GetAllocator());
     if (action == "set") wanted.AddMember("bootApplyRecord", cli::JsonText(record, wanted.GetAllocator()), wanted.GetAllocator());
-    cli::ExpectStored("BOOT_APPLY_RESULT", cli::CompactJson(stored), cli::CompactJson(wanted));
+    cli::ExpectStored("BOOT_APPLY_RESULT", stored.IsNull() ? "" : cli::CompactJson(stored), cli::CompactJson(wanted));
   }
   cli::PrintJson(stored);
   return 0;

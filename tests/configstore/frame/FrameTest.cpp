@@ -3,6 +3,7 @@
 
 #include <thread>
 
+#include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 #include "configstore/frame/Documents.h"
 #include "platform/host/HostRoot.h"
@@ -92,6 +93,28 @@ TEST_F(FrameTest, FileExistsAndRemoveFile) {
 
   EXPECT_FALSE(RemoveFile(Path("/tmp/f").c_str()));
   EXPECT_TRUE(log_.Contains("Failed to remove: " + Path("/tmp/f") + ", err: 2", CSLogger::PRIO_ERROR));
+}
+
+// Another process's hold is waited for, then refused by name; this process's own holds nest freely.
+TEST_F(FrameTest, BootLockWaitsForOthersAndNestsInItsOwnProcess) {
+  const std::string path = Host::Resolve(kBootLockFile);
+  {
+    Host::FileLock other(path, Host::FileLock::Mode::Exclusive, 0);  // a lock of its own, as another process's
+    EXPECT_THAT(cstest::Thrown([] { BootLock lock(Host::FileLock::Mode::Shared, 20); }),
+                testing::AllOf(testing::HasSubstr("A boot load is running: "), testing::HasSubstr(path)));
+  }
+  {
+    BootLock load(Host::FileLock::Mode::Exclusive, 0);
+    BootLock staging(Host::FileLock::Mode::Shared, 0);  // the load's own schema registration
+    EXPECT_THROW(Host::FileLock(path, Host::FileLock::Mode::Shared, 0), Host::LockBusy);
+  }
+  {
+    BootLock staging(Host::FileLock::Mode::Shared, 0);
+    Host::FileLock otherStaging(path, Host::FileLock::Mode::Shared, 0);  // staging does not exclude staging
+    EXPECT_THAT(cstest::Thrown([] { BootLock load(Host::FileLock::Mode::Exclusive, 0); }),
+                testing::HasSubstr("cannot start inside a staging operation"));
+  }
+  Host::FileLock free(path, Host::FileLock::Mode::Exclusive, 0);  // every hold was given back
 }
 
 TEST_F(FrameTest, ExecCommandReportsHowTheChildEnded) {

@@ -124,12 +124,40 @@ TEST_F(LoadStoreTest, UpgradeLeftoversWithoutSchemaAreRemoved) {
   ASSERT_FALSE(kit.empty()) << "the sample packages declare files";
   WriteFile(kit, "declared");
   WriteFile("/etc/stale/left.conf", "left behind");
-  WriteFile("/var/run/nonSchemaFiles", kit.substr(1) + "\netc/stale/left.conf\netc/stale/vanished.conf\n");
+  // The list is anyone's to write: a path that climbs out of the root names nothing of this host.
+  const std::string victim = root_ + "-victim";
+  std::filesystem::create_directories(victim);
+  WriteFile("/v", "");
+  std::filesystem::copy_file(Path("/v"), victim + "/file");
+  WriteFile("/var/run/nonSchemaFiles", kit.substr(1) + "\netc/stale/left.conf\netc/stale/vanished.conf\n../" +
+                                           std::filesystem::path(victim).filename().string() + "/file\n");
   ASSERT_EQ(LoadStore(false), 0);
   EXPECT_TRUE(Exists(kit));
   EXPECT_FALSE(Exists("/etc/stale/left.conf"));
+  EXPECT_TRUE(std::filesystem::exists(victim + "/file")) << "removed outside the host root";
+  std::filesystem::remove_all(victim);
   EXPECT_TRUE(log_.Contains("[" + kit.substr(1) + "] file has schema."));
   EXPECT_TRUE(log_.Contains("[etc/stale/left.conf] file does not have schema."));
+}
+
+// A boot mode that is not a number (written by hand, or a damaged store) must not fail every boot:
+// no mode step runs, the mode goes back to 0, and the operator is alerted.
+TEST_F(LoadStoreTest, UnknownBootModeIsAlertedAndTheBootGoesOn) {
+  PrepareOrdinaryBoot();
+  for (const char* text : {"abc", "99999999999"}) {
+    SCOPED_TRACE(text);
+    auto conn = GetDBConnection(DBStore::CONFIG_STORE, true);
+    ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", text, conn), 0);
+    ASSERT_EQ(DBStore::Execute(conn, "UPDATE Config SET DesiredValue = '{\"x\":1}'", {}, {}, DBStore::kTimeoutMs), 0);
+    BootReport report;
+    ASSERT_EQ(LoadStore(false, &report), 0);
+    EXPECT_EQ(Key("BOOT_MODE"), "0");
+    EXPECT_EQ(Key("BOOT_INFO"), "{\"type\":0}");
+    EXPECT_EQ(Count("SELECT COUNT(*) FROM Config WHERE DesiredValue IS NOT NULL"), 0) << "the fold still ran";
+    const std::string alert = std::string("ConfigStore boot mode \"") + text + "\" is not a number";
+    EXPECT_THAT(RecordedAlerts(), testing::Contains(testing::StartsWith(alert)));
+    EXPECT_THAT(report.alerts, testing::Contains(testing::StartsWith(alert)));
+  }
 }
 
 TEST_F(LoadStoreTest, RecordedFailuresBecomeAlerts) {

@@ -94,6 +94,23 @@ TEST_F(DataFileCleanupTest, LinksAreRemovedAsLinksNeverFollowed) {
   EXPECT_THAT(DataFileRows(), ElementsAre("comp|k|dirA|inner"));
 }
 
+// A data-file root that is itself a link out of the host root: nothing there is the host's to remove.
+TEST_F(DataFileCleanupTest, RootLinkedOutOfTheHostRootRemovesNothing) {
+  const fs::path outside = root_ + "-outside";
+  fs::create_directories(outside / "unrecorded");
+  WriteFile("/x", "");
+  fs::copy_file(Path("/x"), outside / "stray");
+  fs::create_directories(Path("/var/cache"));
+  fs::create_directory_symlink(outside, Path(kDataFileRoot));
+
+  CleanupDataFiles();
+
+  EXPECT_TRUE(fs::exists(outside / "stray"));
+  EXPECT_TRUE(fs::exists(outside / "unrecorded"));
+  EXPECT_TRUE(log_.Contains("lies outside the host root", CSLogger::PRIO_ERROR));
+  fs::remove_all(outside);
+}
+
 TEST_F(DataFileCleanupTest, MissingRootEmptiesTheTable) {
   Populate();
   Remove(kDataFileRoot);

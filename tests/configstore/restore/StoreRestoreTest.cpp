@@ -1,7 +1,11 @@
 // The boot's restore step: which backup is used, what is created, and what each failure leaves.
 #include <gmock/gmock.h>
 
+#include <signal.h>
+#include <sys/resource.h>
+
 #include <filesystem>
+#include <functional>
 
 #include "configstore/boot/StoreRestore.h"
 #include "configstore/bootstate/BootState.h"
@@ -224,23 +228,56 @@ TEST_F(StoreRestoreTest, DataFileBackupOutcomeNeverTouchesTheConfigStoreRestore)
   EXPECT_EQ(events[0].message, "DataFile store cannot be restored.");
 }
 
+// Whichever way the copy fails, nothing of it stays: a new store is made in its place.
 TEST_F(StoreRestoreTest, FailedConfigStoreCopyCreatesNewStore) {
-  WriteBackup(DBStore::CONFIG_STORE, kBackup, "backup");
-  // Without the working ramdisk's directory the copy has nowhere to go; creation makes it.
-  Remove("/etc/talvex/configstore");
+  struct Case {
+    const char* name;
+    std::function<void()> arrange;
+    rlim_t fileSizeLimit;  // RLIM_INFINITY, or the bytes the copy may write: a ramdisk too small
+  } cases[] = {
+      // Without the working ramdisk's directory the copy has nowhere to go; creation makes it.
+      {"no ramdisk directory", [&] { Remove("/etc/talvex/configstore"); }, RLIM_INFINITY},
+      {"ramdisk too small",
+       [&] {
+         sqlite3* db = nullptr;
+         ASSERT_EQ(sqlite3_open(Path(kBackup).c_str(), &db), SQLITE_OK);
+         EXPECT_EQ(sqlite3_exec(db, "INSERT INTO KeyValue VALUES ('filler', randomblob(400000))", nullptr, nullptr,
+                                nullptr),
+                   SQLITE_OK);
+         sqlite3_close(db);
+       },
+       128 * 1024},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Remove("/var/log");
+    Remove("/var/lib/talvex/configstore");
+    WriteBackup(DBStore::CONFIG_STORE, kBackup, "backup");
+    c.arrange();
+    log_.Clear();
 
-  EXPECT_TRUE(RestoreOrCreateStore(true));
+    rlimit saved{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+    rlimit limited{c.fileSizeLimit, saved.rlim_max};
+    auto oldHandler = signal(SIGXFSZ, SIG_IGN);  // the copy gets EFBIG, as on a full ramdisk
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+    const bool created = RestoreOrCreateStore(true);
+    setrlimit(RLIMIT_FSIZE, &saved);
+    signal(SIGXFSZ, oldHandler);
 
-  ExpectSoundStores();
-  EXPECT_THAT(Rows(DBStore::CONFIG_STORE), IsEmpty());
-  EXPECT_EQ(GetBootMode(), BOOT_MODE_NEW_STORE);
-  EXPECT_TRUE(log_.Contains("Cannot copy ConfigStore from backup [" + Path(kBackup) + "], creating new ConfigStore.",
-                            CSLogger::PRIO_ERROR));
-  EXPECT_FALSE(log_.Contains("ConfigStore restored successfully"));
-  auto events = RecordedEvents();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].id, kCopyEvent);
-  EXPECT_THAT(events[0].args, ElementsAre(Path(kBackup)));
+    EXPECT_TRUE(created);
+    ExpectSoundStores();
+    EXPECT_THAT(Rows(DBStore::CONFIG_STORE), IsEmpty());
+    EXPECT_EQ(GetBootMode(), BOOT_MODE_NEW_STORE);
+    EXPECT_TRUE(log_.Contains("Cannot copy ConfigStore from backup [" + Path(kBackup) +
+                                  "], creating new ConfigStore.",
+                              CSLogger::PRIO_ERROR));
+    EXPECT_FALSE(log_.Contains("ConfigStore restored successfully"));
+    auto events = RecordedEvents();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].id, kCopyEvent);
+    EXPECT_THAT(events[0].args, ElementsAre(Path(kBackup)));
+  }
 }
 
 TEST_F(StoreRestoreTest, FailedDataFileCopyKeepsTheConfigStoreRestore) {

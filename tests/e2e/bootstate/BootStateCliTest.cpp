@@ -105,6 +105,30 @@ TEST_F(BootStateCliTest, FailureExitsOneWithTheCode) {
   EXPECT_NE(r.err.find("error 2000: Failed to connect to database."), std::string::npos) << r.err;
 }
 
+// With another writer holding the store past the busy time-out, the library's setters drop the write
+// without a word; the command line reads back and fails, naming the key and what the store holds.
+TEST_F(BootStateCliTest, SettersFailWhenTheStoreDidNotTakeTheWrite) {
+  DBStore::Connection writer = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
+  ASSERT_EQ(DBStore::BeginTransaction(writer), 0);
+  struct Case {
+    std::vector<std::string> args;
+    std::string line;
+  } cases[] = {
+      {{"boot-mode", "set", "3"}, "BOOT_MODE was not written: the store holds \"0\", not \"3\""},
+      {{"install-info", "set", "build-43"}, "CS_INST_INFO_KEY was not written: the store holds \"\", not \"build-43\""},
+      {{"autoconf", "start"}, "IS_BOOT was not written: the store holds \"\", not \"true\""},
+      {{"apply-record", "set", "done"}, "BOOT_APPLY_RESULT was not written"},
+  };
+  std::vector<cstest::CtlProcess> running;  // all at once: each waits out the busy time-out
+  for (const Case& c : cases) running.push_back(cstest::StartCtl(root_, c.args, c.args[0]));
+  for (size_t i = 0; i < running.size(); ++i) {
+    SCOPED_TRACE(cases[i].args[0]);
+    CtlResult r = cstest::WaitCtl(running[i]);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find(cases[i].line), std::string::npos) << r.err;
+  }
+}
+
 TEST_F(BootStateCliTest, LiveInstallMarkerIsClearedByTheNextCleanup) {
   ASSERT_EQ(Ctl("live-install true").status, 0);
   EXPECT_FALSE(Json(Ctl("--json boot-kind"))["upgrade"].GetBool()) << "a live-install boot is no upgrade";

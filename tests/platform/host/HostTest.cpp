@@ -52,6 +52,43 @@ TEST_F(HostTest, RootIsJoinedToAbsolutePathsOnlyAndSlashMeansNone) {
   EXPECT_TRUE(Host::IsSandbox());
 }
 
+// A root given relative (even one that starts like an option) is made absolute, so no path handed to
+// the host's shell commands can be read as an option; an explicit empty root is refused, never "/".
+TEST_F(HostTest, RootIsMadeAbsoluteAndAnEmptyOneRefused) {
+  const std::filesystem::path cwd = std::filesystem::current_path();
+  Host::SetRoot("-h1/x/..");
+  std::string relative = Host::Root();
+  EXPECT_THROW(Host::SetRoot(""), std::invalid_argument);
+  std::string afterEmpty = Host::Root();
+  Host::SetRoot(root_);
+  EXPECT_EQ(relative, (cwd / "-h1").string());
+  EXPECT_EQ(afterEmpty, relative) << "a refused root changes nothing";
+}
+
+// What the library removes must lie inside the root once the links of its directories are followed.
+TEST_F(HostTest, InsideRootFollowsLinkedDirectoriesButNotTheLastElement) {
+  const std::string outside = root_ + "-outside";
+  std::filesystem::create_directories(outside);
+  std::filesystem::create_directories(root_ + "/var/cache");
+  std::filesystem::create_symlink(outside, root_ + "/var/cache/datafiles");
+  std::filesystem::create_symlink(outside, root_ + "/link-out");
+  struct Case {
+    std::string path;
+    bool inside;
+  } cases[] = {
+      {root_ + "/etc/talvex/x", true},
+      {root_ + "/link-out", true},  // the link itself, not where it points
+      {root_ + "/var/cache/datafiles/f", false},
+      {root_ + "/../victim/file", false},
+      {root_ + "/a/../../victim", false},
+      {root_, false},
+      {root_ + "/..", false},
+      {outside + "/f", false},
+  };
+  for (const Case& c : cases) EXPECT_EQ(Host::InsideRoot(c.path), c.inside) << c.path;
+  std::filesystem::remove_all(outside);
+}
+
 // Each query reads the file afresh: a missing file, comments and unknown values give the defaults.
 TEST_F(HostTest, FeatureSwitchesComeFromTheFileOrTheirDefaults) {
   struct Case {

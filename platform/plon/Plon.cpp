@@ -258,7 +258,8 @@ NUK_ReturnStatus PLON_Get(PLON_NodeId node, const PLON_ParamList* instanceArgs, 
     if (def->outputSize == 0) return NUK_NOT_SUPPORTED;
     std::string file;
     if (NUK_ReturnStatus status = NodeFile(*def, instanceArgs, &file); status != NUK_OK) return status;
-    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    // A node that is not a regular file (a FIFO would block the reader) is an I/O error.
+    int fd = Host::OpenRegularFile(file);
     if (fd < 0) return errno == ENOENT || errno == ENOTDIR ? NUK_NOT_FOUND : NUK_IO_ERROR;
     auto* out = static_cast<char*>(buffer);
     size_t done = 0;

@@ -279,8 +279,18 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCode) {
       {{"get"}, "configstorectl get: error 2000: no configuration store at " + Path("/etc/talvex/configstore/")},
       {{"--json", "get", "qor"}, "configstorectl get: error 2000: no configuration store at "},
       {{"schemas"}, "configstorectl schemas: error 2000: "},
-      {{"set-desired", Path("/missing.json")}, "configstorectl set-desired: error 1081: "},
+      // The file's error keeps its message and says why.
+      {{"set-desired", Path("/missing.json")},
+       "configstorectl set-desired: error 1081: The JSON file " + Path("/missing.json") +
+           " could not be read or parsed.: No such file or directory\n"},
+      {{"set-desired", Path("/")},
+       "configstorectl set-desired: error 1081: The JSON file " + Path("/") +
+           " could not be read or parsed.: Is a directory\n"},
+      {{"set-desired", Path("/bad.json")},
+       "configstorectl set-desired: error 1081: The JSON file " + Path("/bad.json") +
+           " could not be read or parsed.: line 2, column 7: Missing a colon after a name of object member.\n"},
   };
+  WriteFile("/bad.json", "{\n  \"a\" 1}");
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.args));
     CtlResult r = Ctl(c.args);

@@ -24,9 +24,9 @@ bool AppendLine(const std::string& path, const std::string& line) {
   return ok;
 }
 
-int OpenRegularFile(const std::string& path) {
-  // O_NONBLOCK: opening a FIFO must not wait for a writer; it is refused below anyway.
-  int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+int OpenRegularFile(const std::string& path, int flags) {
+  // O_NONBLOCK: opening a FIFO must not wait for the other end; it is refused below anyway.
+  int fd = ::open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC, 0644);
   if (fd < 0) return -1;
   struct stat st {};
   int error = 0;

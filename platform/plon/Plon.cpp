@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <fstream>
 #include <new>
 
 #include "configstore/frame/core/Json.h"
@@ -110,14 +109,20 @@ NUK_ReturnStatus NodeFile(const NodeDef& def, const PLON_ParamList* args, std::s
   return NUK_OK;
 }
 
-// Replaces the whole file, creating its directory.
+// Replaces the whole of a regular file (anything else is refused), creating its directory.
 bool WriteWholeFile(const std::string& resolvedPath, const std::string& content) {
   auto slash = resolvedPath.find_last_of('/');
   if (slash != std::string::npos && slash > 0 && !Host::MakeDirs(resolvedPath.substr(0, slash))) return false;
-  std::ofstream out(resolvedPath, std::ios::binary | std::ios::trunc);
-  out << content;
-  out.flush();
-  return out.good();
+  int fd = Host::OpenRegularFile(resolvedPath, O_WRONLY | O_CREAT | O_TRUNC);
+  if (fd < 0) return false;
+  size_t done = 0;
+  while (done < content.size()) {
+    ssize_t n = ::write(fd, content.data() + done, content.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
+  }
+  return ::close(fd) == 0 && done == content.size();
 }
 
 // Length of the well-formed UTF-8 sequence starting at `i`, 0 when there is none.

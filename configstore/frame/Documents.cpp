@@ -7,6 +7,7 @@
 #include <rapidjson/memorystream.h>
 
 #include "configstore/frame/CallFrame.h"
+#include "configstore/frame/core/Printable.h"
 #include "platform/host/Files.h"
 #include "platform/schemastore/SchemaObject.h"
 #include "platform/validator/ConfigStoreDocument.h"
@@ -106,7 +107,7 @@ rapidjson::Value* JsonDoc::GetJsonValuePtr() {
   rapidjson::Value* current = document.get();
   for (const JsonNode& node : path) {
     if (!current->HasMember(node.name.c_str())) {
-      CSLogger::Log(CSLogger::PRIO_ERROR, "Cannot find subobject %s", node.name.c_str());
+      CSLogger::Log(CSLogger::PRIO_ERROR, "Cannot find subobject %s", Printable(node.name).c_str());
       throw ConfigStoreException(CS_ERR_GENERIC, "Subobject does not exists.");
     }
     current = &(*current)[node.name.c_str()];
@@ -120,8 +121,8 @@ rapidjson::Value* JsonDoc::GetJsonValuePtr() {
         }
       }
       if (match == nullptr) {
-        CSLogger::Log(CSLogger::PRIO_ERROR, "Cannot find subobject instance %s=%s", node.key.c_str(),
-                      node.value.c_str());
+        CSLogger::Log(CSLogger::PRIO_ERROR, "Cannot find subobject instance %s=%s", Printable(node.key).c_str(),
+                      Printable(node.value).c_str());
         throw ConfigStoreException(CS_ERR_GENERIC, "Subobject instance does not exists.");
       }
       current = match;
@@ -131,8 +132,8 @@ rapidjson::Value* JsonDoc::GetJsonValuePtr() {
 }
 
 std::string ConfigStoreObjectId::toString() const {
-  std::string text = "comp " + component + " grp " + group + " key " + key;
-  if (!id.empty()) text += " id " + id;
+  std::string text = "comp " + Printable(component) + " grp " + Printable(group) + " key " + Printable(key);
+  if (!id.empty()) text += " id " + Printable(id);
   return text;
 }
 

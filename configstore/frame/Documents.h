@@ -46,7 +46,7 @@ struct ConfigStoreObjectId {
   std::string group;
   std::string id;
 
-  // "comp C grp G key K" and " id I" when the identifier is not empty.
+  // "comp C grp G key K" and " id I" when the identifier is not empty, each made Printable.
   std::string toString() const;
 };
 

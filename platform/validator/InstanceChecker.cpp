@@ -3,12 +3,14 @@
 #include <cmath>
 #include <cstdio>
 
+#include "configstore/frame/core/Printable.h"
 #include "platform/validator/CompiledSchema.h"
 #include "platform/validator/ConfigStoreDocument.h"
 #include "platform/validator/EcmaPattern.h"
 
 namespace JsonValidator::detail {
 
+using QorConfigStore::Printable;
 using rapidjson::Value;
 
 namespace {
@@ -179,10 +181,10 @@ class Checker {
     Step(Checker& c, const char* name, size_t length) : path_(c.path_), keep_(path_.size()) {
       if (c.sink_ == nullptr) return;
       path_ += '/';
-      for (size_t i = 0; i < length; ++i) {
-        if (name[i] == '~') path_ += "~0";
-        else if (name[i] == '/') path_ += "~1";
-        else path_ += name[i];
+      for (char c : Printable(std::string_view(name, length))) {
+        if (c == '~') path_ += "~0";
+        else if (c == '/') path_ += "~1";
+        else path_ += c;
       }
     }
     Step(Checker& c, size_t index) : path_(c.path_), keep_(path_.size()) {
@@ -230,14 +232,14 @@ class Checker {
     };
     if (checks_.required) {
       for (const std::string& name : node.required) {
-        if (!has(name) && Fail(ok, "missing required member \"" + name + "\"")) return false;
+        if (!has(name) && Fail(ok, "missing required member \"" + Printable(name) + "\"")) return false;
       }
     }
     for (const Dependency& d : node.dependencies) {
       if (!has(d.member)) continue;
       if (checks_.required) {
         for (const std::string& name : d.requiredMembers) {
-          if (!has(name) && Fail(ok, "member \"" + d.member + "\" requires member \"" + name + "\"")) return false;
+          if (!has(name) && Fail(ok, "member \"" + Printable(d.member) + "\" requires member \"" + Printable(name) + "\"")) return false;
         }
       }
       if (d.schema != nullptr && !Check(*d.schema, object)) {
@@ -287,7 +289,7 @@ class Checker {
           ok = false;
           if (sink_ == nullptr) return false;
         }
-      } else if (refuseUndescribed && Fail(ok, "unknown member \"" + std::string(name, length) + "\"")) {
+      } else if (refuseUndescribed && Fail(ok, "unknown member \"" + Printable(std::string_view(name, length)) + "\"")) {
         return false;
       }
     }
@@ -297,10 +299,10 @@ class Checker {
       if (member == object.MemberEnd()) {
         // Already reported when "required" lists it.
         bool reported = checks_.required && std::find(node.required.begin(), node.required.end(), id) != node.required.end();
-        if (!reported && Fail(ok, "missing instance identifier \"" + id + "\"")) return false;
+        if (!reported && Fail(ok, "missing instance identifier \"" + Printable(id) + "\"")) return false;
       } else if (!member->value.IsString() || member->value.GetStringLength() == 0) {
         Step step(*this, id.data(), id.size());
-        if (Fail(ok, "instance identifier \"" + id + "\" must be a non-empty string, got " + Got(member->value))) return false;
+        if (Fail(ok, "instance identifier \"" + Printable(id) + "\" must be a non-empty string, got " + Got(member->value))) return false;
       }
     }
     return ok;

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "configstore/frame/core/Json.h"
+#include "configstore/frame/core/Printable.h"
 
 namespace cli {
 
@@ -68,7 +69,7 @@ rapidjson::Value StoredValueJson(const std::optional<std::string>& stored,
 std::string StoredValueText(const std::optional<std::string>& stored);
 
 // `text` safe to show on a terminal: control bytes (below 0x20, and 0x7f) written as "\xNN".
-std::string Printable(std::string_view text);
+using QorConfigStore::Printable;
 
 enum class Style { Bold, Red, Green, Yellow };
 // `text` wrapped in the style's terminal escape sequence when colour is on, else `text` itself.

@@ -144,22 +144,6 @@ std::string StoredValueText(const std::optional<std::string>& stored) {
   }
 }
 
-std::string Printable(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (char ch : text) {
-    unsigned char c = static_cast<unsigned char>(ch);
-    if (c < 0x20 || c == 0x7f) {
-      char esc[5];
-      std::snprintf(esc, sizeof esc, "\\x%02x", c);
-      out += esc;
-    } else {
-      out += ch;
-    }
-  }
-  return out;
-}
-
 std::string Paint(Style style, std::string_view text) {
   if (!g_colour) return std::string(text);
   const char* start = style == Style::Bold ? "\033[1m" : style == Style::Red ? "\033[31m"

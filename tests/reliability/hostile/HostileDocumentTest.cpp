@@ -437,6 +437,14 @@ TEST_F(HostileDocumentTest, OddNamesTravelFromSchemaToConfigUnchanged) {
   EXPECT_TRUE(log_.Contains("is refused"));
   auto empty = CreateDocumentFromString(R"({"profile":{"qor":{"network":{"":{}}},"":{"g":{"k":{}}}}})");
   EXPECT_EQ(DesiredDocumentErrors(*empty->document, QorSchemaStore::SchemaStore::GetCache()).Size(), 2u);
+
+  // Control characters in a name are shown as \xNN in the error: a NUL used to end its text.
+  auto control = CreateDocumentFromString(R"({"profile":{"qor":{"network":{"a\u0000b\nc":{}}}}})");
+  rapidjson::Document controlErrors = DesiredDocumentErrors(*control->document, QorSchemaStore::SchemaStore::GetCache());
+  ASSERT_EQ(controlErrors.Size(), 1u);
+  const rapidjson::Value& field = controlErrors[0]["field"];
+  EXPECT_EQ(std::string(field.GetString(), field.GetStringLength()), R"(/profile/qor/network/a\x00b\x0ac)");
+  EXPECT_STREQ(controlErrors[0]["error"].GetString(), R"(unknown member "a\x00b\x0ac")");
 }
 
 }  // namespace

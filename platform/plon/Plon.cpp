@@ -8,6 +8,7 @@
 #include <new>
 
 #include "configstore/frame/core/Json.h"
+#include "configstore/frame/core/Printable.h"
 #include "platform/host/Files.h"
 #include "platform/host/HostRoot.h"
 #include "platform/logging/CSLogger.h"
@@ -125,39 +126,13 @@ bool WriteWholeFile(const std::string& resolvedPath, const std::string& content)
   return ::close(fd) == 0 && done == content.size();
 }
 
-// Length of the well-formed UTF-8 sequence starting at `i`, 0 when there is none.
-size_t Utf8Length(std::string_view s, size_t i) {
-  auto c = static_cast<unsigned char>(s[i]);
-  if (c < 0x80) return 1;
-  size_t n;
-  uint32_t cp;
-  if ((c & 0xE0) == 0xC0) {
-    n = 2, cp = c & 0x1F;
-  } else if ((c & 0xF0) == 0xE0) {
-    n = 3, cp = c & 0x0F;
-  } else if ((c & 0xF8) == 0xF0) {
-    n = 4, cp = c & 0x07;
-  } else {
-    return 0;
-  }
-  if (i + n > s.size()) return 0;
-  for (size_t k = 1; k < n; ++k) {
-    auto b = static_cast<unsigned char>(s[i + k]);
-    if ((b & 0xC0) != 0x80) return 0;
-    cp = (cp << 6) | (b & 0x3F);
-  }
-  constexpr uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};  // shorter forms are overlong
-  if (cp < kSmallest[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
-  return n;
-}
-
 // The alert log is JSON, so bytes that are not UTF-8 (a message cut inside a character, say)
 // become U+FFFD; well-formed text passes unchanged.
 std::string ValidUtf8(std::string_view text) {
   std::string out;
   out.reserve(text.size());
   for (size_t i = 0; i < text.size();) {
-    size_t n = Utf8Length(text, i);
+    size_t n = QorConfigStore::Utf8Length(text, i);
     if (n == 0) {
       out += "\xEF\xBF\xBD";
       n = 1;

@@ -10,6 +10,7 @@
 
 namespace JsonValidator::detail {
 
+using QorConfigStore::IsValidUtf8;
 using QorConfigStore::Printable;
 using rapidjson::Value;
 
@@ -168,6 +169,45 @@ class Checker {
     return ok;
   }
 
+  // Reports every string and member name that is not well-formed UTF-8: what is stored and
+  // printed is JSON, which is UTF-8 text. An explicit stack: any nesting depth is safe.
+  void CheckEncoding(const Value& root) {
+    auto utf8 = [](const Value& s) { return IsValidUtf8(std::string_view(s.GetString(), s.GetStringLength())); };
+    const size_t base = path_.size();
+    struct Frame {
+      const Value* container;
+      rapidjson::SizeType next;
+      size_t pathLength;  // of the container's own field
+    };
+    std::vector<Frame> stack;
+    if (root.IsString() && !utf8(root)) Report("invalid UTF-8");
+    if (root.IsArray() || root.IsObject()) stack.push_back({&root, 0, base});
+    while (!stack.empty()) {
+      Frame& frame = stack.back();
+      const Value& container = *frame.container;
+      const rapidjson::SizeType count = container.IsArray() ? container.Size() : container.MemberCount();
+      if (frame.next == count) {
+        stack.pop_back();
+        continue;
+      }
+      const rapidjson::SizeType i = frame.next++;
+      path_.resize(frame.pathLength);
+      const Value* child;
+      if (container.IsArray()) {
+        AppendIndex(path_, i);
+        child = &container[i];
+      } else {
+        const auto member = container.MemberBegin() + i;
+        AppendName(path_, member->name.GetString(), member->name.GetStringLength());
+        if (!utf8(member->name)) Report("invalid UTF-8 in the member name");
+        child = &member->value;
+      }
+      if (child->IsString() && !utf8(*child)) Report("invalid UTF-8");
+      if (child->IsArray() || child->IsObject()) stack.push_back({child, 0, path_.size()});
+    }
+    path_.resize(base);
+  }
+
  private:
   struct Deeper {
     int& depth;
@@ -175,20 +215,25 @@ class Checker {
     ~Deeper() { --depth; }
   };
 
+  // One step of a field path: "/name" (made Printable, "~" and "/" escaped) or "/index".
+  static void AppendName(std::string& path, const char* name, size_t length) {
+    path += '/';
+    for (char c : Printable(std::string_view(name, length))) {
+      if (c == '~') path += "~0";
+      else if (c == '/') path += "~1";
+      else path += c;
+    }
+  }
+  static void AppendIndex(std::string& path, size_t index) { path += "/" + std::to_string(index); }
+
   // Appends one step to the field path while it lives (only when errors are collected).
   class Step {
    public:
     Step(Checker& c, const char* name, size_t length) : path_(c.path_), keep_(path_.size()) {
-      if (c.sink_ == nullptr) return;
-      path_ += '/';
-      for (char c : Printable(std::string_view(name, length))) {
-        if (c == '~') path_ += "~0";
-        else if (c == '/') path_ += "~1";
-        else path_ += c;
-      }
+      if (c.sink_ != nullptr) AppendName(path_, name, length);
     }
     Step(Checker& c, size_t index) : path_(c.path_), keep_(path_.size()) {
-      if (c.sink_ != nullptr) path_ += "/" + std::to_string(index);
+      if (c.sink_ != nullptr) AppendIndex(path_, index);
     }
     ~Step() { path_.resize(keep_); }
 
@@ -432,6 +477,7 @@ std::vector<FieldError> CheckValue(const CompiledSchema& schema, const Value& va
   std::vector<FieldError> errors;
   Checker checker(checks, &errors);
   checker.Check(*schema.root, value);
+  checker.CheckEncoding(value);
   if (checker.truncated()) {
     errors.push_back({"", "more than " + std::to_string(kMaxErrors) + " errors; the rest are not listed"});
   }

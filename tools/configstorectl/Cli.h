@@ -52,7 +52,8 @@ struct Registrar {
 // Every registered subcommand, in registration order.
 const std::vector<Command>& Commands();
 
-// Writes a JSON value to standard output, pretty-printed, with a final newline.
+// Writes a JSON value to standard output, pretty-printed, with a final newline. A string or member
+// name that is not UTF-8 is written Printable ("\xNN" for its bad bytes): the output is always JSON.
 void PrintJson(const rapidjson::Value& value);
 
 // A JSON string copied from `text` (embedded NULs kept).

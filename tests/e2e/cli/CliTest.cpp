@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "configstore/frame/core/Json.h"
+#include "configstore/frame/core/Printable.h"
 #include "platform/dbstore/DBStore.h"
 #include "platform/schemastore/SchemaStore.h"
 #include "tests/support/Ctl.h"
@@ -171,6 +172,15 @@ TEST_F(CliTest, GetShowsValuesVersionRevisionAndTheDefault) {
   EXPECT_EQ(nic["default"]["mtu"].GetInt(), 1500);
   EXPECT_STREQ(dns["user"].GetString(), "not json") << "a stored text that is not JSON stays text";
   EXPECT_TRUE(dns["default"].IsNull());
+
+  // Bytes that are not UTF-8 (stored before staging refused them) are shown as \xNN: the output
+  // stays JSON. They used to be printed raw.
+  AddObject("qor", "bad\xffgroup", "k", "", "{\"h\":\"a\xff\"}");
+  r = Ctl({"--json", "get", "qor"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(QorConfigStore::IsValidUtf8(r.out)) << r.out;
+  EXPECT_NE(r.out.find(R"("group": "bad\\xffgroup")"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find(R"("h": "a\\xff")"), std::string::npos) << r.out;
 
   r = Ctl({"get", "qor"});
   ASSERT_EQ(r.status, 0) << r.err;

@@ -445,6 +445,24 @@ TEST_F(HostileDocumentTest, OddNamesTravelFromSchemaToConfigUnchanged) {
   const rapidjson::Value& field = controlErrors[0]["field"];
   EXPECT_EQ(std::string(field.GetString(), field.GetStringLength()), R"(/profile/qor/network/a\x00b\x0ac)");
   EXPECT_STREQ(controlErrors[0]["error"].GetString(), R"(unknown member "a\x00b\x0ac")");
+
+  // A string or name that is not UTF-8 is refused at its path; it used to be staged and printed as
+  // invalid JSON.
+  auto bad = CreateDocumentFromString("{\"profile\":{\"qor\":{\"network\":{\"dns\":{\"hostname\":\"a\xff\","
+                                      "\"search_domains\":[\"\xc3\"]},\"nuk\xfe\":{}}}}}");
+  std::vector<std::string> found;
+  rapidjson::Document badErrors = DesiredDocumentErrors(*bad->document, QorSchemaStore::SchemaStore::GetCache());
+  for (const auto& e : badErrors.GetArray()) {
+    found.push_back(std::string(e["field"].GetString()) + ": " + e["error"].GetString());
+  }
+  EXPECT_THAT(found, testing::UnorderedElementsAre(R"(/profile/qor/network/nuk\xfe: unknown member "nuk\xfe")",
+                                                   "/profile/qor/network/dns/hostname: invalid UTF-8",
+                                                   "/profile/qor/network/dns/search_domains/0: invalid UTF-8",
+                                                   R"(/profile/qor/network/nuk\xfe: invalid UTF-8 in the member name)"));
+  auto badSmartnic = CreateDocumentFromString("{\"qor\":{\"network\":{\"dns\":{\"hostname\":\"a\xff\"}}}}");
+  EXPECT_THAT(Thrown([&] { SetDesiredSmartnicConfiguration(*badSmartnic->document); }),
+              StartsWith("2000 SetDesiredSmartnicConfiguration failed: Failed to validate"));
+  EXPECT_TRUE(log_.Contains("Schema validation error at /hostname: invalid UTF-8", CSLogger::PRIO_ERROR));
 }
 
 }  // namespace

@@ -53,7 +53,10 @@ bool ReadFile(const std::string& path, std::string* content, std::string* cause,
   };
   const std::string tooLarge = "larger than " + std::to_string(maxBytes) + " bytes";
   int fd = OpenRegularFile(path);
-  if (fd < 0) return fail(errno, errno == EINVAL ? "not a regular file" : std::strerror(errno));
+  if (fd < 0) {
+    const int error = errno;
+    return fail(error, error == EINVAL ? "not a regular file" : std::strerror(error));
+  }
   struct stat st {};
   ::fstat(fd, &st);
   if (static_cast<unsigned long long>(st.st_size) > maxBytes) {

@@ -11,9 +11,8 @@
 // At most --max-clients connections (default 32) are served at once: one more is answered
 // "error too many clients" and closed. A connection that sends nothing for --idle-timeout seconds
 // (default 300) is answered "error idle time-out" and closed (dropped when it does not take that
-// reply within another period). When the daemon runs out of
-// descriptors it stops accepting for a moment instead of retrying at once; waiting connections
-// stay queued.
+// reply within another period). When the daemon runs out of descriptors it stops accepting for a
+// moment instead of retrying at once; waiting connections stay queued.
 // Exit status 1 when the socket cannot be set up, 2 for bad usage.
 #include <fcntl.h>
 #include <poll.h>

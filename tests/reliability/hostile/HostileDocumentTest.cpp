@@ -367,6 +367,7 @@ TEST_F(HostileDocumentTest, FilesThatAreNotSmallRegularFilesAreRefusedAtOnce) {
     }
     Remove(reader.file);
   }
+  Report("files that are not small regular files", std::size(readers) * std::size(kinds));
   // The feature switches, read at every boot, fall back to their defaults.
   Remove("/etc/talvex/features");
   ASSERT_EQ(::mkfifo(Path("/etc/talvex/features").c_str(), 0644), 0);

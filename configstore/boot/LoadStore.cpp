@@ -10,6 +10,7 @@
 #include <fstream>
 #include <unordered_set>
 #include <memory>
+#include <sstream>
 
 #include "configstore/boot/BootApplyRecord.h"
 #include "configstore/boot/BootDocument.h"
@@ -20,6 +21,7 @@
 #include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 #include "configstore/frame/Documents.h"
+#include "configstore/frame/core/Printable.h"
 #include "configstore/maintenance/Cleanup.h"
 #include "configstore/packages/PackageFiles.h"
 #include "configstore/schema/SchemaProcessor.h"
@@ -127,10 +129,7 @@ void RunUpgrade(Stage& stage) {
 // A stored boot mode that is not a number must not stop every boot of the host: no mode step runs,
 // the mode is reset with the rest, and the operator is told.
 void ReportUnknownBootMode(const std::string& text, BootReport& report, Stage& stage) {
-  std::string shown = text.size() > 40 ? text.substr(0, 40) + "..." : text;
-  for (char& c : shown) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
-  }
+  const std::string shown = Printable(text.size() > 40 ? text.substr(0, 40) + "..." : text);
   std::string message = "ConfigStore boot mode \"" + shown +
                         "\" is not a number: treated as an unknown mode, no staged configuration applied";
   CSLogger::Log(CSLogger::PRIO_ERROR, "%s", message.c_str());
@@ -203,7 +202,9 @@ void RemoveFilesWithoutSchema(Stage& stage) {
     return;
   }
   try {
-    std::ifstream in(listPath);
+    std::string list, cause;
+    if (!Host::ReadFile(listPath, &list, &cause)) throw std::runtime_error(listPath + ": " + cause);
+    std::istringstream in(list);
     // Every path a package declares, in any category: one lookup per listed file.
     std::unordered_set<std::string> declaredPaths;
     for (const auto& [category, paths] : GetKitFiles()) declaredPaths.insert(paths.begin(), paths.end());

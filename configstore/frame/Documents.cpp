@@ -1,13 +1,14 @@
 #include "configstore/frame/Documents.h"
 
 #include <cmath>
-#include <fstream>
-#include <sstream>
 #include <string_view>
 
+#include <rapidjson/error/en.h>
 #include <rapidjson/memorystream.h>
 
 #include "configstore/frame/CallFrame.h"
+#include "configstore/frame/core/Printable.h"
+#include "platform/host/Files.h"
 #include "platform/schemastore/SchemaObject.h"
 #include "platform/validator/ConfigStoreDocument.h"
 #include "platform/validator/JsonValidator.h"
@@ -18,10 +19,11 @@ namespace {
 constexpr size_t kChunkCapacity = 64;
 constexpr size_t kParseStackCapacity = 1024;
 
-// Deepest nesting of arrays and objects in a JSON text, strings skipped. Cheap next to parsing,
-// and it keeps a hostile "[[[[..." from reaching code that recurses.
-int NestingDepth(const std::string& text) {
-  int depth = 0, deepest = 0;
+// Offset of the first array or object opened deeper than kMaxJsonDepth in a JSON text, strings
+// skipped; npos when there is none. Cheap next to parsing, and it keeps a hostile "[[[[..." from
+// reaching code that recurses.
+size_t TooDeepAt(const std::string& text) {
+  int depth = 0;
   bool inString = false;
   for (size_t i = 0; i < text.size(); ++i) {
     char c = text[i];
@@ -31,12 +33,26 @@ int NestingDepth(const std::string& text) {
     } else if (c == '"') {
       inString = true;
     } else if (c == '[' || c == '{') {
-      deepest = std::max(deepest, ++depth);
+      if (++depth > kMaxJsonDepth) return i;
     } else if (c == ']' || c == '}') {
       --depth;
     }
   }
-  return deepest;
+  return std::string::npos;
+}
+
+// "line L, column C" of a byte offset (both counted from 1, columns in bytes).
+std::string Where(const std::string& text, size_t offset) {
+  size_t line = 1, column = 1;
+  for (size_t i = 0; i < offset && i < text.size(); ++i) {
+    if (text[i] == '\n') {
+      ++line;
+      column = 1;
+    } else {
+      ++column;
+    }
+  }
+  return "line " + std::to_string(line) + ", column " + std::to_string(column);
 }
 
 // False when some number is infinite: rapidjson 1.1 reads a number just past the double range
@@ -56,14 +72,28 @@ bool AllNumbersFinite(const rapidjson::Value& value) {
   return true;
 }
 
-// Parses `text` into `doc`; false on any parse error, infinite number or excessive nesting. The
-// text is read as a plain memory stream: rapidjson would take a NUL byte for the end of the input
-// (JSON text never holds a raw NUL), and its length-taking Parse skips any prefix of a byte-order mark.
-bool ParseInto(JsonDoc& doc, const std::string& text) {
-  if (text.find('\0') != std::string::npos || NestingDepth(text) > kMaxJsonDepth) return false;
+// Parses `text` into `doc`; "" on success, otherwise why not: a parse error, an infinite number or
+// excessive nesting, with its line and column where there is one. The text is read as a plain
+// memory stream: rapidjson would take a NUL byte for the end of the input (JSON text never holds a
+// raw NUL), and its length-taking Parse skips any prefix of a byte-order mark.
+std::string ParseInto(JsonDoc& doc, const std::string& text) {
+  if (size_t nul = text.find('\0'); nul != std::string::npos) return Where(text, nul) + ": a NUL byte";
+  if (size_t deep = TooDeepAt(text); deep != std::string::npos) {
+    return Where(text, deep) + ": nested deeper than " + std::to_string(kMaxJsonDepth) + " levels";
+  }
   rapidjson::MemoryStream stream(text.data(), text.size());
   doc.document->ParseStream<rapidjson::kParseDefaultFlags | rapidjson::kParseIterativeFlag>(stream);
-  return !doc.document->HasParseError() && AllNumbersFinite(*doc.document);
+  if (doc.document->HasParseError()) {
+    return Where(text, doc.document->GetErrorOffset()) + ": " + rapidjson::GetParseError_En(doc.document->GetParseError());
+  }
+  if (!AllNumbersFinite(*doc.document)) return "a number beyond the range of a double";
+  return "";
+}
+
+// The system's message of `code` with the cause after it.
+template <typename... Args>
+[[noreturn]] void ThrowWithCause(int code, const std::string& cause, Args... args) {
+  throw InvalidArgumentException(code, Format(ErrorMessageForId(code), args...) + ": " + cause);
 }
 
 }  // namespace
@@ -77,7 +107,7 @@ rapidjson::Value* JsonDoc::GetJsonValuePtr() {
   rapidjson::Value* current = document.get();
   for (const JsonNode& node : path) {
     if (!current->HasMember(node.name.c_str())) {
-      CSLogger::Log(CSLogger::PRIO_ERROR, "Cannot find subobject %s", node.name.c_str());
+      CSLogger::Log(CSLogger::PRIO_ERROR, "Cannot find subobject %s", Printable(node.name).c_str());
       throw ConfigStoreException(CS_ERR_GENERIC, "Subobject does not exists.");
     }
     current = &(*current)[node.name.c_str()];
@@ -91,8 +121,8 @@ rapidjson::Value* JsonDoc::GetJsonValuePtr() {
         }
       }
       if (match == nullptr) {
-        CSLogger::Log(CSLogger::PRIO_ERROR, "Cannot find subobject instance %s=%s", node.key.c_str(),
-                      node.value.c_str());
+        CSLogger::Log(CSLogger::PRIO_ERROR, "Cannot find subobject instance %s=%s", Printable(node.key).c_str(),
+                      Printable(node.value).c_str());
         throw ConfigStoreException(CS_ERR_GENERIC, "Subobject instance does not exists.");
       }
       current = match;
@@ -102,8 +132,8 @@ rapidjson::Value* JsonDoc::GetJsonValuePtr() {
 }
 
 std::string ConfigStoreObjectId::toString() const {
-  std::string text = "comp " + component + " grp " + group + " key " + key;
-  if (!id.empty()) text += " id " + id;
+  std::string text = "comp " + Printable(component) + " grp " + Printable(group) + " key " + Printable(key);
+  if (!id.empty()) text += " id " + Printable(id);
   return text;
 }
 
@@ -116,18 +146,17 @@ std::shared_ptr<JsonDoc> CreateDocument() {
 
 std::shared_ptr<JsonDoc> CreateDocumentFromFile(const std::string& path) {
   auto doc = CreateDocument();
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();  // an unreadable file reads as empty text, which does not parse
-  if (!ParseInto(*doc, text.str())) {
-    ThrowException<InvalidArgumentException, const char*>(CS_ERR_JSON_PARSE_FILE, path.c_str());
-  }
+  std::string text, cause;
+  if (!Host::ReadFile(path, &text, &cause)) ThrowWithCause(CS_ERR_JSON_PARSE_FILE, cause, path.c_str());
+  cause = ParseInto(*doc, text);
+  if (!cause.empty()) ThrowWithCause(CS_ERR_JSON_PARSE_FILE, cause, path.c_str());
   return doc;
 }
 
 std::shared_ptr<JsonDoc> CreateDocumentFromString(const std::string& text) {
   auto doc = CreateDocument();
-  if (!ParseInto(*doc, text)) ThrowException<InvalidArgumentException>(CS_ERR_JSON_PARSE_STRING);
+  std::string cause = ParseInto(*doc, text);
+  if (!cause.empty()) ThrowWithCause(CS_ERR_JSON_PARSE_STRING, cause);
   return doc;
 }
 

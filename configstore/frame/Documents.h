@@ -46,7 +46,7 @@ struct ConfigStoreObjectId {
   std::string group;
   std::string id;
 
-  // "comp C grp G key K" and " id I" when the identifier is not empty.
+  // "comp C grp G key K" and " id I" when the identifier is not empty, each made Printable.
   std::string toString() const;
 };
 
@@ -54,6 +54,12 @@ struct ConfigStoreObjectId {
 constexpr int kMaxJsonDepth = 512;
 
 std::shared_ptr<JsonDoc> CreateDocument();
+// Both throw their error with the cause after the message and a ": " (whoever catches it logs
+// or prints the whole):
+// "The JSON file F could not be read or parsed.: line 3, column 7: Missing a comma or '}' after an
+// object member." The cause is the parser's text with its place, or why the file cannot be read
+// (Host::ReadFile: not a regular file, larger than Host::kMaxReadBytes, the system's error).
+//
 // Throws InvalidArgumentException 1081 naming the path when the file cannot be read or parsed.
 std::shared_ptr<JsonDoc> CreateDocumentFromFile(const std::string& path);
 // Throws InvalidArgumentException 1080 when the text does not parse.

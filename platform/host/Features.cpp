@@ -1,17 +1,26 @@
 #include "platform/host/Features.h"
 
-#include <fstream>
+#include <sstream>
 #include <string>
 
+#include "platform/host/Files.h"
 #include "platform/host/HostRoot.h"
 
 namespace Host {
+
+namespace {
+// A switch is a line of a few bytes.
+constexpr size_t kMaxFeaturesBytes = 1024 * 1024;
+}  // namespace
 
 bool FeatureDefault(int feature) { return feature != FEATURE_REDUCED_BACKUP_RESERVATION; }
 
 bool FeatureState_IsEnabled(int feature) {
   bool state = FeatureDefault(feature);
-  std::ifstream in(Resolve("/etc/talvex/features"));
+  std::string text;
+  // An unreadable file (missing, not regular, over the cap) leaves every feature at its default.
+  if (!ReadFile(Resolve("/etc/talvex/features"), &text, nullptr, kMaxFeaturesBytes)) return state;
+  std::istringstream in(text);
   std::string line;
   while (std::getline(in, line)) {
     auto hash = line.find('#');

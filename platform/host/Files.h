@@ -1,6 +1,7 @@
 // Small file helpers shared by the platform parts.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace Host {
@@ -9,7 +10,21 @@ namespace Host {
 // returns false when the line could not be written.
 bool AppendLine(const std::string& resolvedPath, const std::string& line);
 
-// Whole file as text; false when it cannot be read.
-bool ReadFile(const std::string& resolvedPath, std::string* content);
+// Largest file the library reads whole unless its reader says less (docs/formats.md, "Files the
+// library reads"): documents, schema and default-configuration files.
+constexpr size_t kMaxReadBytes = 64 * 1024 * 1024;
+
+// Opens a resolved path with `flags` (O_RDONLY, or O_WRONLY with O_CREAT and O_TRUNC, mode 0644)
+// only when it is a regular file: a FIFO, device, socket or directory is never read or written (a
+// FIFO is opened without blocking, then refused). Returns a blocking descriptor, or -1 with errno
+// set: the open's own error, EISDIR for a directory, EINVAL for any other file that is not regular.
+int OpenRegularFile(const std::string& resolvedPath, int flags = 0);
+
+// The whole of a regular file of at most `maxBytes` bytes. On failure returns false with errno
+// set (OpenRegularFile's codes, EFBIG when the file is larger) and, when `cause` is given, the
+// reason in words: the system's text for the error, "not a regular file" or
+// "larger than N bytes".
+bool ReadFile(const std::string& resolvedPath, std::string* content, std::string* cause = nullptr,
+              size_t maxBytes = kMaxReadBytes);
 
 }  // namespace Host

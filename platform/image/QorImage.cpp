@@ -1,9 +1,5 @@
 #include "platform/image/QorImage.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -11,6 +7,7 @@
 #include <set>
 
 #include "configstore/frame/core/ConfigStoreException.h"
+#include "platform/host/Files.h"
 #include "platform/host/HostRoot.h"
 #include "platform/image/ImageDbLock.h"
 #include "platform/logging/CSLogger.h"
@@ -19,7 +16,7 @@ namespace QorImage {
 namespace {
 
 // Descriptors are a few hundred bytes; the cap keeps a corrupt or hostile file from filling memory.
-constexpr off_t kMaxFileSize = 8 * 1024 * 1024;
+constexpr size_t kMaxFileSize = 8 * 1024 * 1024;
 constexpr size_t kMaxNameLength = 255;  // a package name is also a file name
 
 [[noreturn]] void Fail(const std::string& path, const std::string& what) {
@@ -36,35 +33,10 @@ std::string Shown(std::string_view text) {
 
 // `missing` says what a missing file means to the caller.
 std::string ReadSmallFile(const std::string& path, const std::string& missing) {
-  // O_NONBLOCK: opening a FIFO planted in the database must not hang the reader.
-  int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) Fail(path, errno == ENOENT ? missing : std::string("cannot be opened: ") + std::strerror(errno));
-  struct stat st {};
-  std::string text;
-  std::string problem;
-  if (::fstat(fd, &st) != 0) {
-    problem = std::string("cannot be examined: ") + std::strerror(errno);
-  } else if (!S_ISREG(st.st_mode)) {
-    problem = "not a regular file";
-  } else if (st.st_size > kMaxFileSize) {
-    problem = "too large (" + std::to_string(st.st_size) + " bytes, at most " + std::to_string(kMaxFileSize) + ")";
-  } else {
-    text.resize(static_cast<size_t>(st.st_size));
-    size_t done = 0;
-    while (done < text.size()) {
-      ssize_t n = ::read(fd, text.data() + done, text.size() - done);
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) {
-        problem = std::string("cannot be read: ") + std::strerror(errno);
-        break;
-      }
-      if (n == 0) break;  // shrank while being read
-      done += static_cast<size_t>(n);
-    }
-    text.resize(done);
+  std::string text, cause;
+  if (!Host::ReadFile(path, &text, &cause, kMaxFileSize)) {
+    Fail(path, errno == ENOENT ? missing : "cannot be read: " + cause);
   }
-  ::close(fd);
-  if (!problem.empty()) Fail(path, problem);
   return text;
 }
 

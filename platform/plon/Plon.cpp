@@ -5,10 +5,10 @@
 
 #include <cerrno>
 #include <chrono>
-#include <fstream>
 #include <new>
 
 #include "configstore/frame/core/Json.h"
+#include "configstore/frame/core/Printable.h"
 #include "platform/host/Files.h"
 #include "platform/host/HostRoot.h"
 #include "platform/logging/CSLogger.h"
@@ -110,40 +110,20 @@ NUK_ReturnStatus NodeFile(const NodeDef& def, const PLON_ParamList* args, std::s
   return NUK_OK;
 }
 
-// Replaces the whole file, creating its directory.
+// Replaces the whole of a regular file (anything else is refused), creating its directory.
 bool WriteWholeFile(const std::string& resolvedPath, const std::string& content) {
   auto slash = resolvedPath.find_last_of('/');
   if (slash != std::string::npos && slash > 0 && !Host::MakeDirs(resolvedPath.substr(0, slash))) return false;
-  std::ofstream out(resolvedPath, std::ios::binary | std::ios::trunc);
-  out << content;
-  out.flush();
-  return out.good();
-}
-
-// Length of the well-formed UTF-8 sequence starting at `i`, 0 when there is none.
-size_t Utf8Length(std::string_view s, size_t i) {
-  auto c = static_cast<unsigned char>(s[i]);
-  if (c < 0x80) return 1;
-  size_t n;
-  uint32_t cp;
-  if ((c & 0xE0) == 0xC0) {
-    n = 2, cp = c & 0x1F;
-  } else if ((c & 0xF0) == 0xE0) {
-    n = 3, cp = c & 0x0F;
-  } else if ((c & 0xF8) == 0xF0) {
-    n = 4, cp = c & 0x07;
-  } else {
-    return 0;
+  int fd = Host::OpenRegularFile(resolvedPath, O_WRONLY | O_CREAT | O_TRUNC);
+  if (fd < 0) return false;
+  size_t done = 0;
+  while (done < content.size()) {
+    ssize_t n = ::write(fd, content.data() + done, content.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
   }
-  if (i + n > s.size()) return 0;
-  for (size_t k = 1; k < n; ++k) {
-    auto b = static_cast<unsigned char>(s[i + k]);
-    if ((b & 0xC0) != 0x80) return 0;
-    cp = (cp << 6) | (b & 0x3F);
-  }
-  constexpr uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};  // shorter forms are overlong
-  if (cp < kSmallest[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
-  return n;
+  return ::close(fd) == 0 && done == content.size();
 }
 
 // The alert log is JSON, so bytes that are not UTF-8 (a message cut inside a character, say)
@@ -152,7 +132,7 @@ std::string ValidUtf8(std::string_view text) {
   std::string out;
   out.reserve(text.size());
   for (size_t i = 0; i < text.size();) {
-    size_t n = Utf8Length(text, i);
+    size_t n = QorConfigStore::Utf8Length(text, i);
     if (n == 0) {
       out += "\xEF\xBF\xBD";
       n = 1;
@@ -258,7 +238,8 @@ NUK_ReturnStatus PLON_Get(PLON_NodeId node, const PLON_ParamList* instanceArgs, 
     if (def->outputSize == 0) return NUK_NOT_SUPPORTED;
     std::string file;
     if (NUK_ReturnStatus status = NodeFile(*def, instanceArgs, &file); status != NUK_OK) return status;
-    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    // A node that is not a regular file (a FIFO would block the reader) is an I/O error.
+    int fd = Host::OpenRegularFile(file);
     if (fd < 0) return errno == ENOENT || errno == ENOTDIR ? NUK_NOT_FOUND : NUK_IO_ERROR;
     auto* out = static_cast<char*>(buffer);
     size_t done = 0;

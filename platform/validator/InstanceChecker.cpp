@@ -3,12 +3,15 @@
 #include <cmath>
 #include <cstdio>
 
+#include "configstore/frame/core/Printable.h"
 #include "platform/validator/CompiledSchema.h"
 #include "platform/validator/ConfigStoreDocument.h"
 #include "platform/validator/EcmaPattern.h"
 
 namespace JsonValidator::detail {
 
+using QorConfigStore::IsValidUtf8;
+using QorConfigStore::Printable;
 using rapidjson::Value;
 
 namespace {
@@ -166,6 +169,45 @@ class Checker {
     return ok;
   }
 
+  // Reports every string and member name that is not well-formed UTF-8: what is stored and
+  // printed is JSON, which is UTF-8 text. An explicit stack: any nesting depth is safe.
+  void CheckEncoding(const Value& root) {
+    auto utf8 = [](const Value& s) { return IsValidUtf8(std::string_view(s.GetString(), s.GetStringLength())); };
+    const size_t base = path_.size();
+    struct Frame {
+      const Value* container;
+      rapidjson::SizeType next;
+      size_t pathLength;  // of the container's own field
+    };
+    std::vector<Frame> stack;
+    if (root.IsString() && !utf8(root)) Report("invalid UTF-8");
+    if (root.IsArray() || root.IsObject()) stack.push_back({&root, 0, base});
+    while (!stack.empty()) {
+      Frame& frame = stack.back();
+      const Value& container = *frame.container;
+      const rapidjson::SizeType count = container.IsArray() ? container.Size() : container.MemberCount();
+      if (frame.next == count) {
+        stack.pop_back();
+        continue;
+      }
+      const rapidjson::SizeType i = frame.next++;
+      path_.resize(frame.pathLength);
+      const Value* child;
+      if (container.IsArray()) {
+        AppendIndex(path_, i);
+        child = &container[i];
+      } else {
+        const auto member = container.MemberBegin() + i;
+        AppendName(path_, member->name.GetString(), member->name.GetStringLength());
+        if (!utf8(member->name)) Report("invalid UTF-8 in the member name");
+        child = &member->value;
+      }
+      if (child->IsString() && !utf8(*child)) Report("invalid UTF-8");
+      if (child->IsArray() || child->IsObject()) stack.push_back({child, 0, path_.size()});
+    }
+    path_.resize(base);
+  }
+
  private:
   struct Deeper {
     int& depth;
@@ -173,20 +215,25 @@ class Checker {
     ~Deeper() { --depth; }
   };
 
+  // One step of a field path: "/name" (made Printable, "~" and "/" escaped) or "/index".
+  static void AppendName(std::string& path, const char* name, size_t length) {
+    path += '/';
+    for (char c : Printable(std::string_view(name, length))) {
+      if (c == '~') path += "~0";
+      else if (c == '/') path += "~1";
+      else path += c;
+    }
+  }
+  static void AppendIndex(std::string& path, size_t index) { path += "/" + std::to_string(index); }
+
   // Appends one step to the field path while it lives (only when errors are collected).
   class Step {
    public:
     Step(Checker& c, const char* name, size_t length) : path_(c.path_), keep_(path_.size()) {
-      if (c.sink_ == nullptr) return;
-      path_ += '/';
-      for (size_t i = 0; i < length; ++i) {
-        if (name[i] == '~') path_ += "~0";
-        else if (name[i] == '/') path_ += "~1";
-        else path_ += name[i];
-      }
+      if (c.sink_ != nullptr) AppendName(path_, name, length);
     }
     Step(Checker& c, size_t index) : path_(c.path_), keep_(path_.size()) {
-      if (c.sink_ != nullptr) path_ += "/" + std::to_string(index);
+      if (c.sink_ != nullptr) AppendIndex(path_, index);
     }
     ~Step() { path_.resize(keep_); }
 
@@ -230,14 +277,14 @@ class Checker {
     };
     if (checks_.required) {
       for (const std::string& name : node.required) {
-        if (!has(name) && Fail(ok, "missing required member \"" + name + "\"")) return false;
+        if (!has(name) && Fail(ok, "missing required member \"" + Printable(name) + "\"")) return false;
       }
     }
     for (const Dependency& d : node.dependencies) {
       if (!has(d.member)) continue;
       if (checks_.required) {
         for (const std::string& name : d.requiredMembers) {
-          if (!has(name) && Fail(ok, "member \"" + d.member + "\" requires member \"" + name + "\"")) return false;
+          if (!has(name) && Fail(ok, "member \"" + Printable(d.member) + "\" requires member \"" + Printable(name) + "\"")) return false;
         }
       }
       if (d.schema != nullptr && !Check(*d.schema, object)) {
@@ -287,7 +334,7 @@ class Checker {
           ok = false;
           if (sink_ == nullptr) return false;
         }
-      } else if (refuseUndescribed && Fail(ok, "unknown member \"" + std::string(name, length) + "\"")) {
+      } else if (refuseUndescribed && Fail(ok, "unknown member \"" + Printable(std::string_view(name, length)) + "\"")) {
         return false;
       }
     }
@@ -297,10 +344,10 @@ class Checker {
       if (member == object.MemberEnd()) {
         // Already reported when "required" lists it.
         bool reported = checks_.required && std::find(node.required.begin(), node.required.end(), id) != node.required.end();
-        if (!reported && Fail(ok, "missing instance identifier \"" + id + "\"")) return false;
+        if (!reported && Fail(ok, "missing instance identifier \"" + Printable(id) + "\"")) return false;
       } else if (!member->value.IsString() || member->value.GetStringLength() == 0) {
         Step step(*this, id.data(), id.size());
-        if (Fail(ok, "instance identifier \"" + id + "\" must be a non-empty string, got " + Got(member->value))) return false;
+        if (Fail(ok, "instance identifier \"" + Printable(id) + "\" must be a non-empty string, got " + Got(member->value))) return false;
       }
     }
     return ok;
@@ -430,6 +477,7 @@ std::vector<FieldError> CheckValue(const CompiledSchema& schema, const Value& va
   std::vector<FieldError> errors;
   Checker checker(checks, &errors);
   checker.Check(*schema.root, value);
+  checker.CheckEncoding(value);
   if (checker.truncated()) {
     errors.push_back({"", "more than " + std::to_string(kMaxErrors) + " errors; the rest are not listed"});
   }

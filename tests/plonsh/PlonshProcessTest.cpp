@@ -98,17 +98,30 @@ class PlonshdTest : public PlonshProcessTest {
     PlonshProcessTest::SetUp();
     socket_ = Path("/run/plonsh.sock");
     ::mkdir(Path("/run").c_str(), 0700);
-    daemon_ = Spawn({cstest::BinaryPath("tools/plonsh/plonshd"), "--root", root_, "--socket", socket_},
-                    Path("/stdin"), Path("/daemon.out"), Path("/daemon.err"));
-    ASSERT_GT(daemon_, 0);
+    Start({});
   }
 
   void TearDown() override {
+    Stop();
+    PlonshProcessTest::TearDown();
+  }
+
+  // (Re)starts the daemon with `options` added.
+  void Start(const std::vector<std::string>& options) {
+    Stop();
+    std::vector<std::string> args = {cstest::BinaryPath("tools/plonsh/plonshd"), "--root", root_, "--socket", socket_};
+    args.insert(args.end(), options.begin(), options.end());
+    daemon_ = Spawn(args, Path("/stdin"), Path("/daemon.out"), Path("/daemon.err"));
+    ASSERT_GT(daemon_, 0);
+  }
+
+  void Stop() {
     if (daemon_ > 0) {
       ::kill(daemon_, SIGKILL);
       ::waitpid(daemon_, nullptr, 0);
+      ::unlink(socket_.c_str());
     }
-    PlonshProcessTest::TearDown();
+    daemon_ = -1;
   }
 
   // A connected client, retried while the daemon starts; -1 when it never listens.
@@ -202,6 +215,58 @@ TEST_F(PlonshdTest, OversizeRequestClosesOnlyThatConnection) {
   EXPECT_EQ(Ask(other, "get /" + std::string(4000, 'y')), "error unknown node: /" + std::string(4000, 'y'));
   ::close(big);
   ::close(other);
+}
+
+// A node file that is not a regular file is answered with an error at once; a FIFO used to block
+// the whole daemon.
+TEST_F(PlonshdTest, NodeThatIsNotARegularFileIsAnErrorAndOthersAreStillServed) {
+  const std::string limits = "/sys/plon/system/lumafs/ramdisks/tmp/memUsageLimit";
+  ASSERT_TRUE(PLON_WriteNodeFile("/system/lumafs/ramdisks/tmp/memUsageLimit", "80 95\n"));
+  for (const std::string& node : {std::string("/sys/plon/system/bootMAC"), limits}) {
+    Remove(node);
+    ASSERT_EQ(::mkfifo(Path(node).c_str(), 0644), 0);
+  }
+  int a = Connect();
+  int b = Connect();
+  ASSERT_GE(a, 0);
+  ASSERT_GE(b, 0);
+  EXPECT_EQ(Ask(a, "get /system/bootMAC"), "error cannot read node: /system/bootMAC");
+  EXPECT_EQ(Ask(b, "pwd"), "ok /");
+  EXPECT_EQ(Ask(a, "set /system/lumafs/ramdisks/tmp/memUsageLimit 70 90"),
+            "error cannot set node: /system/lumafs/ramdisks/tmp/memUsageLimit");
+  EXPECT_EQ(Ask(b, "get /system/lumafs/inodes/stats 5").substr(0, 3), "ok ");
+  ::close(a);
+  ::close(b);
+}
+
+TEST_F(PlonshdTest, ClientsPastTheCapAreRefused) {
+  Start({"--max-clients", "2"});
+  int a = Connect();
+  int b = Connect();
+  ASSERT_GE(a, 0);
+  ASSERT_GE(b, 0);
+  EXPECT_EQ(Ask(a, "pwd"), "ok /");
+  EXPECT_EQ(Ask(b, "pwd"), "ok /");
+  int c = Connect();
+  ASSERT_GE(c, 0);
+  EXPECT_EQ(ReadLine(c), "error too many clients");
+  EXPECT_EQ(ReadLine(c), "<eof>");
+  // A place freed is taken by the next client.
+  EXPECT_EQ(Ask(a, "quit"), "ok");
+  EXPECT_EQ(ReadLine(a), "<eof>");
+  int d = Connect();
+  ASSERT_GE(d, 0);
+  EXPECT_EQ(Ask(d, "pwd"), "ok /");
+  for (int fd : {a, b, c, d}) ::close(fd);
+}
+
+TEST_F(PlonshdTest, IdleClientIsToldAndClosed) {
+  Start({"--idle-timeout", "1"});
+  int idle = Connect();
+  ASSERT_GE(idle, 0);
+  EXPECT_EQ(ReadLine(idle), "error idle time-out");
+  EXPECT_EQ(ReadLine(idle), "<eof>");
+  ::close(idle);
 }
 
 TEST_F(PlonshdTest, TerminationRemovesTheSocket) {

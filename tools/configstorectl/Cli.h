@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "configstore/frame/core/Json.h"
+#include "configstore/frame/core/Printable.h"
 
 namespace cli {
 
@@ -52,7 +53,8 @@ struct Registrar {
 // Every registered subcommand, in registration order.
 const std::vector<Command>& Commands();
 
-// Writes a JSON value to standard output, pretty-printed, with a final newline.
+// Writes a JSON value to standard output, pretty-printed, with a final newline. A string or member
+// name that is not UTF-8 is written Printable ("\xNN" for its bad bytes): the output is always JSON.
 void PrintJson(const rapidjson::Value& value);
 
 // A JSON string copied from `text` (embedded NULs kept).
@@ -69,7 +71,7 @@ rapidjson::Value StoredValueJson(const std::optional<std::string>& stored,
 std::string StoredValueText(const std::optional<std::string>& stored);
 
 // `text` safe to show on a terminal: control bytes (below 0x20, and 0x7f) written as "\xNN".
-std::string Printable(std::string_view text);
+using QorConfigStore::Printable;
 
 // A ConfigStoreException 2000 "no WHAT at PATH (it is made at boot by load, or by create-store)"
 // when the store database at `path` does not exist: for subcommands that must not create one.

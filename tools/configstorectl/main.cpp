@@ -105,11 +105,59 @@ Registrar::Registrar(Command command) { Table().push_back(std::move(command)); }
 
 const std::vector<Command>& Commands() { return Table(); }
 
+namespace {
+
+// A copy of `value` in which every string and member name that is not UTF-8 is made Printable.
+rapidjson::Value Utf8Copy(const rapidjson::Value& value, rapidjson::Document::AllocatorType& allocator) {
+  auto text = [&](const rapidjson::Value& s) {
+    std::string_view view(s.GetString(), s.GetStringLength());
+    return JsonText(QorConfigStore::IsValidUtf8(view) ? std::string(view) : Printable(view), allocator);
+  };
+  if (value.IsString()) return text(value);
+  if (value.IsArray()) {
+    rapidjson::Value out(rapidjson::kArrayType);
+    for (const auto& element : value.GetArray()) out.PushBack(Utf8Copy(element, allocator), allocator);
+    return out;
+  }
+  if (value.IsObject()) {
+    rapidjson::Value out(rapidjson::kObjectType);
+    for (const auto& m : value.GetObject()) out.AddMember(text(m.name), Utf8Copy(m.value, allocator), allocator);
+    return out;
+  }
+  return rapidjson::Value(value, allocator);
+}
+
+// True when every string and member name of `value` is UTF-8.
+bool AllUtf8(const rapidjson::Value& value) {
+  auto utf8 = [](const rapidjson::Value& s) {
+    return QorConfigStore::IsValidUtf8(std::string_view(s.GetString(), s.GetStringLength()));
+  };
+  if (value.IsString()) return utf8(value);
+  if (value.IsArray()) {
+    for (const auto& element : value.GetArray()) {
+      if (!AllUtf8(element)) return false;
+    }
+  } else if (value.IsObject()) {
+    for (const auto& m : value.GetObject()) {
+      if (!utf8(m.name) || !AllUtf8(m.value)) return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
 void PrintJson(const rapidjson::Value& value) {
+  // Text that is not UTF-8 (stored before staging refused it) is printed with its bad bytes as
+  // "\xNN", so that the output stays JSON.
+  rapidjson::Document copy;
+  rapidjson::Value safe;
+  const bool utf8 = AllUtf8(value);
+  if (!utf8) safe = Utf8Copy(value, copy.GetAllocator());
   rapidjson::StringBuffer buf;
   rapidjson::PrettyWriter<rapidjson::StringBuffer> w(buf);
   w.SetIndent(' ', 2);
-  value.Accept(w);
+  (utf8 ? value : safe).Accept(w);
   std::fwrite(buf.GetString(), 1, buf.GetSize(), stdout);
   std::fputc('\n', stdout);
 }
@@ -142,22 +190,6 @@ std::string StoredValueText(const std::optional<std::string>& stored) {
   } catch (const QorConfigStore::ConfigStoreException&) {
     return Printable(*stored);
   }
-}
-
-std::string Printable(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (char ch : text) {
-    unsigned char c = static_cast<unsigned char>(ch);
-    if (c < 0x20 || c == 0x7f) {
-      char esc[5];
-      std::snprintf(esc, sizeof esc, "\\x%02x", c);
-      out += esc;
-    } else {
-      out += ch;
-    }
-  }
-  return out;
 }
 
 std::string Paint(Style style, std::string_view text) {

@@ -1,4 +1,5 @@
-// plonshd [--root DIR] --socket PATH: serves the plonsh commands on a local socket.
+// plonshd [--root DIR] [--max-clients N] [--idle-timeout SECONDS] --socket PATH: serves the plonsh
+// commands on a local socket.
 //
 // Protocol: a UNIX stream socket, created with mode 0600. A client sends one command per line
 // ('\n'-terminated, at most kMaxRequest bytes before the newline) and gets one reply line per
@@ -7,6 +8,11 @@
 // A longer request gets "error request longer than 4096 bytes" and the connection is closed;
 // "quit" is answered with "ok" and the connection is closed. Each connection has its own current
 // directory. SIGTERM or SIGINT: the socket file is removed and the daemon exits with 0.
+// At most --max-clients connections (default 32) are served at once: one more is answered
+// "error too many clients" and closed. A connection that sends nothing for --idle-timeout seconds
+// (default 300) is answered "error idle time-out" and closed (dropped when it does not take that
+// reply within another period). When the daemon runs out of descriptors it stops accepting for a
+// moment instead of retrying at once; waiting connections stay queued.
 // Exit status 1 when the socket cannot be set up, 2 for bad usage.
 #include <fcntl.h>
 #include <poll.h>
@@ -16,7 +22,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <map>
@@ -32,6 +41,10 @@ namespace {
 constexpr size_t kMaxRequest = 4096;
 // A client that does not read its replies is not read from until they drain below this.
 constexpr size_t kMaxPendingReplies = 64 * 1024;
+// Pause of the accepting side after accept failed for want of descriptors or memory.
+constexpr auto kAcceptBackOff = std::chrono::milliseconds(200);
+
+using Clock = std::chrono::steady_clock;
 
 int g_signalPipe[2] = {-1, -1};
 
@@ -67,6 +80,7 @@ struct Client {
   std::string in;
   std::string out;
   bool closing = false;  // close once `out` is sent
+  Clock::time_point lastHeard = Clock::now();
 };
 
 // Answers every complete request in the client's input.
@@ -125,8 +139,18 @@ int Listen(const std::string& path) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const char* usage = "usage: plonshd [--root DIR] [--max-clients N] [--idle-timeout SECONDS] --socket PATH\n";
   std::string root, socketPath;
   bool haveRoot = false;
+  long maxClients = 32, idleSeconds = 300;
+  auto positive = [](const char* text, long* value) {
+    char* end = nullptr;
+    errno = 0;
+    long v = std::strtol(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || v < 1 || v > 1000000) return false;
+    *value = v;
+    return true;
+  };
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     if (arg == "--root" && i + 1 < argc) {
@@ -134,15 +158,20 @@ int main(int argc, char** argv) {
       haveRoot = true;
     } else if (arg == "--socket" && i + 1 < argc) {
       socketPath = argv[++i];
+    } else if (arg == "--max-clients" && i + 1 < argc && positive(argv[i + 1], &maxClients)) {
+      ++i;
+    } else if (arg == "--idle-timeout" && i + 1 < argc && positive(argv[i + 1], &idleSeconds)) {
+      ++i;
     } else {
-      std::cerr << "plonshd: bad argument: " << arg << "\nusage: plonshd [--root DIR] --socket PATH\n";
+      std::cerr << "plonshd: bad argument: " << arg << "\n" << usage;
       return 2;
     }
   }
   if (socketPath.empty()) {
-    std::cerr << "usage: plonshd [--root DIR] --socket PATH\n";
+    std::cerr << usage;
     return 2;
   }
+  const auto idleTimeout = std::chrono::seconds(idleSeconds);
   try {
     if (haveRoot) Host::SetRoot(root);
     Host::Root();
@@ -163,25 +192,34 @@ int main(int argc, char** argv) {
   if (listenFd < 0) return 1;
 
   std::map<int, Client> clients;
+  Clock::time_point acceptPausedUntil{};
   bool running = true;
   while (running) {
-    std::vector<pollfd> fds = {{g_signalPipe[0], POLLIN, 0}, {listenFd, POLLIN, 0}};
+    const Clock::time_point now = Clock::now();
+    const bool accepting = now >= acceptPausedUntil;
+    // Wake for the nearest idle deadline or the end of an accept pause.
+    Clock::time_point wake = Clock::time_point::max();
+    if (!accepting) wake = acceptPausedUntil;
+    std::vector<pollfd> fds = {{g_signalPipe[0], POLLIN, 0}, {listenFd, static_cast<short>(accepting ? POLLIN : 0), 0}};
     for (auto& [fd, client] : clients) {
       short events = 0;
       if (!client.closing && client.out.size() < kMaxPendingReplies) events |= POLLIN;
       if (!client.out.empty()) events |= POLLOUT;
       fds.push_back({fd, events, 0});
+      wake = std::min(wake, client.lastHeard + idleTimeout);
     }
-    if (::poll(fds.data(), fds.size(), -1) < 0) {
+    int timeoutMs = -1;
+    if (wake != Clock::time_point::max()) {
+      auto left = std::chrono::ceil<std::chrono::milliseconds>(wake - now).count();
+      timeoutMs = static_cast<int>(std::clamp<long long>(left, 0, 60 * 60 * 1000));
+    }
+    if (::poll(fds.data(), fds.size(), timeoutMs) < 0) {
       if (errno == EINTR) continue;
       std::cerr << "plonshd: poll: " << std::strerror(errno) << "\n";
       break;
     }
     if (fds[0].revents) running = false;
-    if (fds[1].revents & POLLIN) {
-      int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-      if (fd >= 0) clients[fd];
-    }
+    // Clients first, so that a place freed by a client that left goes to the next one waiting.
     for (size_t i = 2; i < fds.size(); ++i) {
       int fd = fds[i].fd;
       Client& client = clients[fd];
@@ -190,11 +228,19 @@ int main(int argc, char** argv) {
         char buf[4096];
         ssize_t n = ::recv(fd, buf, sizeof buf, 0);
         if (n > 0) {
+          client.lastHeard = Clock::now();
           client.in.append(buf, static_cast<size_t>(n));
           Serve(client);
         } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
           drop = true;
         }
+      }
+      if (Clock::now() >= client.lastHeard + idleTimeout) {
+        // Told once; a client that does not even take that reply within another period is dropped.
+        drop = client.closing;
+        client.out += ReplyLine(false, "idle time-out");
+        client.closing = true;
+        client.lastHeard = Clock::now();
       }
       if (!drop && !client.out.empty()) {
         ssize_t n = ::send(fd, client.out.data(), client.out.size(), MSG_NOSIGNAL);
@@ -207,6 +253,19 @@ int main(int argc, char** argv) {
       if (drop || (client.closing && client.out.empty())) {
         ::close(fd);
         clients.erase(fd);
+      }
+    }
+    if (fds[1].revents & POLLIN) {
+      int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+      if (fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
+        // Retrying at once would spin: the connection waits in the queue until a descriptor is free.
+        acceptPausedUntil = Clock::now() + kAcceptBackOff;
+      } else if (fd >= 0 && clients.size() >= static_cast<size_t>(maxClients)) {
+        const std::string refusal = ReplyLine(false, "too many clients");
+        (void)!::send(fd, refusal.data(), refusal.size(), MSG_NOSIGNAL);
+        ::close(fd);
+      } else if (fd >= 0) {
+        clients[fd];
       }
     }
   }

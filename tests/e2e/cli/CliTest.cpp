@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "configstore/frame/core/Json.h"
+#include "configstore/frame/core/Printable.h"
 #include "platform/dbstore/DBStore.h"
 #include "platform/schemastore/SchemaStore.h"
 #include "tests/support/Ctl.h"
@@ -176,6 +177,15 @@ TEST_F(CliTest, GetShowsValuesVersionRevisionAndTheDefault) {
   EXPECT_STREQ(dns["user"].GetString(), "not json") << "a stored text that is not JSON stays text";
   EXPECT_TRUE(dns["default"].IsNull());
 
+  // Bytes that are not UTF-8 (stored before staging refused them) are shown as \xNN: the output
+  // stays JSON. They used to be printed raw.
+  AddObject("qor", "bad\xffgroup", "k", "", "{\"h\":\"a\xff\"}");
+  r = Ctl({"--json", "get", "qor"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(QorConfigStore::IsValidUtf8(r.out)) << r.out;
+  EXPECT_NE(r.out.find(R"("group": "bad\\xffgroup")"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find(R"("h": "a\\xff")"), std::string::npos) << r.out;
+
   r = Ctl({"get", "qor"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.out.find("qor/bad\\x0aname/k\n  version:"), std::string::npos) << "control bytes are escaped\n" << r.out;
@@ -327,7 +337,16 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
       {nullptr, {"get"}, 1, "configstorectl get: error 2000: no configuration store at " + store + " ("},
       {nullptr, {"--json", "get", "qor"}, 1, "configstorectl get: error 2000: no configuration store at "},
       {nullptr, {"schemas"}, 1, "configstorectl schemas: error 2000: "},
-      {nullptr, {"set-desired", Path("/missing.json")}, 1, "configstorectl set-desired: error 1081: "},
+      // The file's error keeps its message and says why.
+      {nullptr, {"set-desired", Path("/missing.json")}, 1,
+       "configstorectl set-desired: error 1081: The JSON file " + Path("/missing.json") +
+           " could not be read or parsed.: No such file or directory\n"},
+      {nullptr, {"set-desired", Path("/")}, 1,
+       "configstorectl set-desired: error 1081: The JSON file " + Path("/") +
+           " could not be read or parsed.: Is a directory\n"},
+      {[&] { WriteFile("/bad.json", "{\n  \"a\" 1}"); }, {"set-desired", Path("/bad.json")}, 1,
+       "configstorectl set-desired: error 1081: The JSON file " + Path("/bad.json") +
+           " could not be read or parsed.: line 2, column 7: Missing a colon after a name of object member.\n"},
       {nullptr, {"process-schemas"}, 1, "configstorectl process-schemas: error 2000: no configuration store at " +
                                             store + " (it is made at boot by load, or by create-store)\n"},
       {nullptr, {"plan"}, 1, "plan: error 2000: Failed to connect to database: " + missing},

@@ -177,7 +177,7 @@ TEST_F(QorImageTest, BadDatabaseNamesTheFileAndTheFault) {
        {"\"ConfigSchema:\" names no schema identifier"}},
       {"empty archive", profileOfA, Descriptor("a", "1.0.0_1.0", {}, {""}), {}, a, {"an empty <archive> in <archives>"}},
       {"descriptor is a directory", profileOfA, {}, aIs([](const std::string& p) { fs::create_directories(p); }), a,
-       {"not a regular file"}},
+       {"Is a directory"}},
       // Opening a FIFO must not wait for a writer.
       {"descriptor is a FIFO", profileOfA, {},
        aIs([](const std::string& p) {
@@ -186,7 +186,7 @@ TEST_F(QorImageTest, BadDatabaseNamesTheFileAndTheFault) {
        }),
        a, {"not a regular file"}},
       {"descriptor over the size cap", profileOfA, "",
-       aIs([](const std::string& p) { fs::resize_file(p, 8 * 1024 * 1024 + 1); }), a, {"too large (8388609 bytes"}},
+       aIs([](const std::string& p) { fs::resize_file(p, 8 * 1024 * 1024 + 1); }), a, {"larger than 8388608 bytes"}},
       {"lock file cannot be opened", {}, {}, [this] { fs::create_directories(Path(kLock)); }, kLock,
        {"Cannot open the image database lock file", "Is a directory"}},
   };

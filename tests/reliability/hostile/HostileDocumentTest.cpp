@@ -4,7 +4,12 @@
 // already stored is lost.
 #include <gmock/gmock.h>
 
+#include <sys/stat.h>
+
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
 
 #include "configstore/boot/LoadStore.h"
 #include "configstore/bootstate/BootState.h"
@@ -14,6 +19,8 @@
 #include "configstore/frame/Documents.h"
 #include "configstore/schema/SchemaProcessor.h"
 #include "platform/dbstore/DBStore.h"
+#include "platform/host/Features.h"
+#include "platform/host/Files.h"
 #include "platform/host/HostRoot.h"
 #include "tests/reliability/hostile/HostileFixture.h"
 
@@ -30,23 +37,24 @@ using testing::StartsWith;
 struct Text {
   std::string name;
   std::string json;
+  std::string cause = "";  // after the error's message, for the unparsable ones
 };
 
 // Texts that are not JSON the store accepts; every reader refuses them as
-// unparsable (1081).
+// unparsable (1081), with the cause.
 std::vector<Text> Unparsable() {
-  return {{"empty", ""},
-          {"truncated", R"({"profile":{"qor":)"},
-          {"NaN", R"({"a":NaN})"},
-          {"trailing comma", R"({"a":1,})"},
-          {"comment", R"({/* c */})"},
-          {"NUL byte", std::string("{\"a\":\"x\0y\"}", 11)},
-          {"nested deeper than 512", Nested(600)},
+  return {{"empty", "", "line 1, column 1: The document is empty."},
+          {"truncated", R"({"profile":{"qor":)", "line 1, column 19: Invalid value."},
+          {"NaN", "{\n  \"a\":NaN}", "line 2, column 7: Invalid value."},
+          {"trailing comma", R"({"a":1,})", "line 1, column 8: Missing a name for object member."},
+          {"comment", R"({/* c */})", "line 1, column 2: Missing a name for object member."},
+          {"NUL byte", std::string("{\"a\":\"x\0y\"}", 11), "line 1, column 8: a NUL byte"},
+          {"nested deeper than 512", Nested(600), "line 1, column 513: nested deeper than 512 levels"},
           {"object nested deeper than 512", [] {
              std::string s;
              for (int i = 0; i < 600; ++i) s += "{\"a\":";
              return s + "1" + std::string(600, '}');
-           }()}};
+           }(), "line 1, column 2561: nested deeper than 512 levels"}};
 }
 
 // Values of the wrong type for any place of a document; the big ones stand for
@@ -93,8 +101,8 @@ TEST_F(HostileDocumentTest, DesiredAndSmartnicDocuments) {
   for (const Text& t : Unparsable()) {
     SCOPED_TRACE(t.name);
     WriteFile("/tmp/desired.json", t.json);
-    EXPECT_EQ(Thrown([&] { CreateDocumentFromFile(file); }),
-              "1081 The JSON file " + file + " could not be read or parsed.");
+    const std::string message = "The JSON file " + file + " could not be read or parsed.: " + t.cause;
+    EXPECT_EQ(Thrown([&] { CreateDocumentFromFile(file); }), "1081 " + message);
     ++tried;
   }
   struct Shape {
@@ -308,6 +316,65 @@ TEST_F(HostileDocumentTest, LoadStoreErrorFiles) {
   Report("load-store error files", cases.size());
 }
 
+// A FIFO, an endless device, a directory or a file past the cap in the place of
+// each file a JSON reader reads: each is refused at once with the file's error
+// and its cause, and nothing stored changes. (A FIFO used to block the reader
+// for ever, an endless device to fill memory.)
+TEST_F(HostileDocumentTest, FilesThatAreNotSmallRegularFilesAreRefusedAtOnce) {
+  namespace fs = std::filesystem;
+  struct Kind {
+    std::string name, cause;
+    std::function<void(const std::string&)> make;
+  } kinds[] = {
+      {"FIFO", "not a regular file", [](const std::string& p) { ASSERT_EQ(::mkfifo(p.c_str(), 0644), 0); }},
+      {"endless device", "not a regular file", [](const std::string& p) { fs::create_symlink("/dev/zero", p); }},
+      {"directory", "Is a directory", [](const std::string& p) { fs::create_directories(p); }},
+      {"past the cap", "larger than " + std::to_string(Host::kMaxReadBytes) + " bytes",
+       [](const std::string& p) {
+         std::ofstream{p};
+         fs::resize_file(p, Host::kMaxReadBytes + 1);  // sparse: no disk is used
+       }},
+  };
+  struct Reader {
+    std::string name, file;
+    std::function<void()> read;
+  } readers[] = {
+      {"desired document", "/tmp/desired.json", [&] { CreateDocumentFromFile(Path("/tmp/desired.json")); }},
+      {"schema file", "/usr/lib/talvex/configmanager/schemas/hostile-1.0.0_1.0.json",
+       [] { EXPECT_FALSE(ProcessSchemas({"hostile-1.0.0_1.0"})); }},
+      {"default-configuration file", "/etc/talvex/default-config/hostile-1.0.0_1.0.json",
+       [] { EXPECT_FALSE(ProcessDefaultConfiguration(false)); }},
+      {"boot document", "/etc/talvex/boot_configuration.json",
+       [] {
+         SetBootMode(BOOT_MODE_NEW_STORE);
+         EXPECT_EQ(LoadStore(false), 0);
+       }},
+      {"load-store error file", "/var/run/talvex/files/loadStoreErrors.json", [] { EXPECT_EQ(LoadStore(false), 1); }},
+  };
+  for (const Reader& reader : readers) {
+    for (const Kind& kind : kinds) {
+      SCOPED_TRACE(reader.name + " is a " + kind.name);
+      Remove(reader.file);
+      fs::create_directories(fs::path(Path(reader.file)).parent_path());
+      kind.make(Path(reader.file));
+      const std::vector<std::string> before = ConfigObjects();
+      log_.Clear();
+      const std::string message =
+          "The JSON file " + Path(reader.file) + " could not be read or parsed.: " + kind.cause;
+      const std::string thrown = Thrown(reader.read);  // thrown to the caller, or logged by the boot step
+      EXPECT_TRUE(thrown == "1081 " + message || log_.Contains(message, CSLogger::PRIO_ERROR)) << thrown;
+      EXPECT_EQ(ConfigObjects(), before);
+    }
+    Remove(reader.file);
+  }
+  Report("files that are not small regular files", std::size(readers) * std::size(kinds));
+  // The feature switches, read at every boot, fall back to their defaults.
+  Remove("/etc/talvex/features");
+  ASSERT_EQ(::mkfifo(Path("/etc/talvex/features").c_str(), 0644), 0);
+  EXPECT_EQ(Host::FeatureState_IsEnabled(Host::FEATURE_SCHEMA_VERSIONING),
+            Host::FeatureDefault(Host::FEATURE_SCHEMA_VERSIONING));
+}
+
 // A JSON string literal of `text`.
 std::string Quoted(const std::string& text) {
   rapidjson::StringBuffer out;
@@ -371,6 +438,32 @@ TEST_F(HostileDocumentTest, OddNamesTravelFromSchemaToConfigUnchanged) {
   EXPECT_TRUE(log_.Contains("is refused"));
   auto empty = CreateDocumentFromString(R"({"profile":{"qor":{"network":{"":{}}},"":{"g":{"k":{}}}}})");
   EXPECT_EQ(DesiredDocumentErrors(*empty->document, QorSchemaStore::SchemaStore::GetCache()).Size(), 2u);
+
+  // Control characters in a name are shown as \xNN in the error: a NUL used to end its text.
+  auto control = CreateDocumentFromString(R"({"profile":{"qor":{"network":{"a\u0000b\nc":{}}}}})");
+  rapidjson::Document controlErrors = DesiredDocumentErrors(*control->document, QorSchemaStore::SchemaStore::GetCache());
+  ASSERT_EQ(controlErrors.Size(), 1u);
+  const rapidjson::Value& field = controlErrors[0]["field"];
+  EXPECT_EQ(std::string(field.GetString(), field.GetStringLength()), R"(/profile/qor/network/a\x00b\x0ac)");
+  EXPECT_STREQ(controlErrors[0]["error"].GetString(), R"(unknown member "a\x00b\x0ac")");
+
+  // A string or name that is not UTF-8 is refused at its path; it used to be staged and printed as
+  // invalid JSON.
+  auto bad = CreateDocumentFromString("{\"profile\":{\"qor\":{\"network\":{\"dns\":{\"hostname\":\"a\xff\","
+                                      "\"search_domains\":[\"\xc3\"]},\"nuk\xfe\":{}}}}}");
+  std::vector<std::string> found;
+  rapidjson::Document badErrors = DesiredDocumentErrors(*bad->document, QorSchemaStore::SchemaStore::GetCache());
+  for (const auto& e : badErrors.GetArray()) {
+    found.push_back(std::string(e["field"].GetString()) + ": " + e["error"].GetString());
+  }
+  EXPECT_THAT(found, testing::UnorderedElementsAre(R"(/profile/qor/network/nuk\xfe: unknown member "nuk\xfe")",
+                                                   "/profile/qor/network/dns/hostname: invalid UTF-8",
+                                                   "/profile/qor/network/dns/search_domains/0: invalid UTF-8",
+                                                   R"(/profile/qor/network/nuk\xfe: invalid UTF-8 in the member name)"));
+  auto badSmartnic = CreateDocumentFromString("{\"qor\":{\"network\":{\"dns\":{\"hostname\":\"a\xff\"}}}}");
+  EXPECT_THAT(Thrown([&] { SetDesiredSmartnicConfiguration(*badSmartnic->document); }),
+              StartsWith("2000 SetDesiredSmartnicConfiguration failed: Failed to validate"));
+  EXPECT_TRUE(log_.Contains("Schema validation error at /hostname: invalid UTF-8", CSLogger::PRIO_ERROR));
 }
 
 }  // namespace

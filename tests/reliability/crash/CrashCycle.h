@@ -7,11 +7,17 @@
 
 namespace crashcycle {
 
-enum class Op { StageDesiredA, Boot, StageDesiredB, StageSmartnic };
+// Boot: a boot on the store as it stands; RestoreBoot: a boot that first
+// restores the store from its backup (which holds A staged); RegisterSchemas:
+// schema and default registration, as a schema-change boot or a live install
+// runs it.
+enum class Op { StageDesiredA, Boot, StageDesiredB, StageSmartnic, RegisterSchemas, RestoreBoot };
 
 // After a boot that applied A, B is staged and replaced by a SmartNIC document,
-// which the next boot applies.
-constexpr std::array<Op, 5> kCycle = {Op::StageDesiredA, Op::Boot, Op::StageDesiredB, Op::StageSmartnic, Op::Boot};
+// which the next boot applies; then the schemas are registered again and the
+// host reboots from its backup.
+constexpr std::array<Op, 7> kCycle = {Op::StageDesiredA, Op::Boot,           Op::StageDesiredB, Op::StageSmartnic,
+                                      Op::Boot,          Op::RegisterSchemas, Op::RestoreBoot};
 
 // Host paths of the documents the staging operations read.
 constexpr const char* kDesiredA = "/crash/desired-a.json";

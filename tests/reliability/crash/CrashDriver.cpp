@@ -12,6 +12,7 @@
 #include "configstore/boot/LoadStore.h"
 #include "configstore/desired/DesiredConfig.h"
 #include "configstore/frame/Documents.h"
+#include "configstore/schema/SchemaProcessor.h"
 #include "platform/host/HostRoot.h"
 #include "tests/reliability/crash/CrashCycle.h"
 
@@ -41,6 +42,10 @@ bool Run(Op op) {
     }
     case Op::Boot:
       return QorConfigStore::LoadStore(false) == 0;
+    case Op::RestoreBoot:
+      return QorConfigStore::LoadStore(true) == 0;
+    case Op::RegisterSchemas:
+      return QorConfigStore::ProcessSchemas({});
   }
   return false;
 }

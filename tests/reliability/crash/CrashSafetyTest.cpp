@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <random>
 #include <sstream>
@@ -62,6 +63,10 @@ const char* Name(Op op) {
       return "stage SmartNIC";
     case Op::Boot:
       return "boot load";
+    case Op::RestoreBoot:
+      return "restore boot";
+    case Op::RegisterSchemas:
+      return "schema registration";
   }
   return "?";
 }
@@ -121,6 +126,14 @@ class CrashSafetyTest : public cstest::SandboxTest, public testing::WithParamInt
     }
     ASSERT_NE(staged_[Op::StageDesiredA], staged_[Op::StageDesiredB]);
     ASSERT_EQ(QorConfigStore::LoadStore(false), 0);
+    // The backup a restore boot finds: A staged, as the host's backup saved it before a reboot.
+    Stage(Op::StageDesiredA);
+    backup_ = Observe();
+    std::filesystem::create_directories(Path("/var/lib/talvex/configstore/backup"));
+    std::filesystem::copy_file(DBStore::StorePath(DBStore::CONFIG_STORE),
+                               Path("/var/lib/talvex/configstore/backup/current-store-1"));
+    ASSERT_EQ(QorConfigStore::LoadStore(false), 0);
+    registered_ = Registered();
   }
 
   static void Stage(Op op) {
@@ -137,6 +150,8 @@ class CrashSafetyTest : public cstest::SandboxTest, public testing::WithParamInt
 
   // The state `op` leaves when it runs to its end from `before`.
   StagedState After(Op op, const StagedState& before) {
+    if (op == Op::RegisterSchemas) return before;
+    if (op == Op::RestoreBoot) return After(Op::Boot, backup_);
     if (op != Op::Boot) return staged_.at(op);
     // A boot applies a desired configuration (mode 1) and empties the staging
     // table; SmartNIC rows stay staged after they are applied. Either way the
@@ -174,6 +189,21 @@ class CrashSafetyTest : public cstest::SandboxTest, public testing::WithParamInt
     return state;
   }
 
+  // The schema store and the default configuration (recovered as the next boot recovers them): what
+  // registration writes. Registering the same files again writes the same rows, so a kill at any
+  // point must leave exactly these.
+  cstest::StoreDump Registered() {
+    for (const std::string& path : {DBStore::SchemaStorePath(), DBStore::StorePath(DBStore::CONFIG_STORE)}) {
+      sqlite3* db = nullptr;
+      EXPECT_EQ(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK) << path;
+      EXPECT_EQ(sqlite3_exec(db, "PRAGMA quick_check", nullptr, nullptr, nullptr), SQLITE_OK) << path;
+      sqlite3_close_v2(db);
+    }
+    cstest::StoreDump dump = cstest::DumpStoreFile(DBStore::SchemaStorePath(), "ss");
+    dump["cs.DefaultConfig"] = cstest::DumpStoreFile(DBStore::StorePath(DBStore::CONFIG_STORE), "cs")["cs.DefaultConfig"];
+    return cstest::MaskRunToRun(dump);
+  }
+
   struct Progress {
     long completed = 0;  // operations that returned
     long inFlight = -1;  // the operation begun and not returned, or -1
@@ -202,6 +232,8 @@ class CrashSafetyTest : public cstest::SandboxTest, public testing::WithParamInt
   }
 
   std::map<Op, StagedState> staged_;
+  StagedState backup_;
+  cstest::StoreDump registered_;
 };
 
 TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
@@ -223,7 +255,7 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
   std::uniform_int_distribution<long> delayUs(0, std::max<long>(1000, cycleUs));
 
   std::map<std::string, long> reached;  // what was running when the kill came
-  long oldStates = 0, newStates = 0;
+  long oldStates = 0, newStates = 0, restores = 0;
   for (long k = 0; k < kills && !HasFatalFailure(); ++k) {
     const long first = static_cast<long>(rng() % crashcycle::kCycle.size());
     pid = StartDriver(first, 1000000);
@@ -242,8 +274,13 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
     ++reached[running ? Name(op) : progress.completed == 0 ? "before the first operation" : "between operations"];
 
     SCOPED_TRACE("kill " + std::to_string(k) + " during " + (running ? Name(op) : "no operation"));
-    StagedState seen = Observe();
-    if (seen == before) {
+    // A kill inside a restore boot leaves the working store half-replaced; the host's next boot
+    // restores again, and that boot must end as a whole restore boot does.
+    const bool restoring = running && op == Op::RestoreBoot;
+    StagedState seen = restoring ? before : Observe();
+    if (restoring) {
+      ++restores;
+    } else if (seen == before) {
       ++oldStates;
     } else if (seen == after) {
       ++newStates;
@@ -251,20 +288,23 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
       ADD_FAILURE() << "half-applied: seen " << Describe(seen, before) << "\nold " << Describe(before, seen) << "\nnew "
                     << Describe(after, seen);
     }
+    if (!restoring) {
+      EXPECT_EQ("", cstest::DiffStores(registered_, Registered())) << "registration half-applied";
+    }
 
     // The next boot finds the store as the kill left it and runs to its end.
     log_.Clear();
-    ASSERT_EQ(QorConfigStore::LoadStore(false), 0) << "boot after kill " << k;
+    ASSERT_EQ(QorConfigStore::LoadStore(restoring), 0) << "boot after kill " << k;
     EXPECT_FALSE(log_.Contains("GenerateDesiredConfiguration failed"));
     state = Observe();
-    EXPECT_EQ(state, After(Op::Boot, seen));
+    EXPECT_EQ(state, restoring ? After(Op::RestoreBoot, seen) : After(Op::Boot, seen));
   }
   EXPECT_TRUE(RecordedAlerts().empty()) << RecordedAlerts().front();
 
   std::ostringstream figure;
   figure << "crash seed " << GetParam() << ": " << kills << " kills survived; running at the kill:";
   for (const auto& [what, count] : reached) figure << " " << what << " " << count << ",";
-  figure << " outcome old " << oldStates << ", new " << newStates << "\n";
+  figure << " outcome old " << oldStates << ", new " << newStates << ", restore boots redone " << restores << "\n";
   std::fputs(figure.str().c_str(), stdout);
 }
 

@@ -1,4 +1,7 @@
 // plonshd [--root DIR] --socket PATH: serves the plonsh commands on a local socket.
+// Without --socket it serves the one listening socket systemd hands it (socket activation:
+// LISTEN_PID is this process, LISTEN_FDS is 1, the socket is descriptor 3), and leaves the socket
+// file to systemd.
 //
 // Protocol: a UNIX stream socket, created with mode 0600. A client sends one command per line
 // ('\n'-terminated, at most kMaxRequest bytes before the newline) and gets one reply line per
@@ -17,6 +20,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <map>
@@ -122,6 +126,21 @@ int Listen(const std::string& path) {
   return fd;
 }
 
+// The listening socket systemd passed, or -1 when none was passed to this process.
+int ActivatedSocket() {
+  const char* pid = std::getenv("LISTEN_PID");
+  const char* fds = std::getenv("LISTEN_FDS");
+  if (pid == nullptr || fds == nullptr || std::string(fds) != "1" || std::to_string(::getpid()) != pid) return -1;
+  constexpr int kFirstPassedFd = 3;
+  if (::fcntl(kFirstPassedFd, F_SETFD, FD_CLOEXEC) != 0 || ::fcntl(kFirstPassedFd, F_SETFL, O_NONBLOCK) != 0) {
+    return -1;
+  }
+  return kFirstPassedFd;
+}
+
+constexpr const char* kUsage = "usage: plonshd [--root DIR] --socket PATH\n"
+                               "       plonshd [--root DIR]   (socket activation: serves the socket systemd passes)\n";
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -134,13 +153,17 @@ int main(int argc, char** argv) {
       haveRoot = true;
     } else if (arg == "--socket" && i + 1 < argc) {
       socketPath = argv[++i];
+    } else if (arg == "-h" || arg == "--help") {
+      std::cout << kUsage;
+      return 0;
     } else {
-      std::cerr << "plonshd: bad argument: " << arg << "\nusage: plonshd [--root DIR] --socket PATH\n";
+      std::cerr << "plonshd: bad argument: " << arg << "\n" << kUsage;
       return 2;
     }
   }
-  if (socketPath.empty()) {
-    std::cerr << "usage: plonshd [--root DIR] --socket PATH\n";
+  int activatedFd = socketPath.empty() ? ActivatedSocket() : -1;
+  if (socketPath.empty() && activatedFd < 0) {
+    std::cerr << kUsage;
     return 2;
   }
   try {
@@ -159,7 +182,7 @@ int main(int argc, char** argv) {
   ::sigaction(SIGINT, &sa, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
 
-  int listenFd = Listen(socketPath);
+  int listenFd = activatedFd >= 0 ? activatedFd : Listen(socketPath);
   if (listenFd < 0) return 1;
 
   std::map<int, Client> clients;
@@ -213,6 +236,6 @@ int main(int argc, char** argv) {
 
   for (auto& [fd, client] : clients) ::close(fd);
   ::close(listenFd);
-  ::unlink(socketPath.c_str());
+  if (activatedFd < 0) ::unlink(socketPath.c_str());
   return 0;
 }

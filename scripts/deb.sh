@@ -23,7 +23,9 @@ fi
 [ "$mode" = install ] || { echo "usage: deb.sh build|install OUT" >&2; exit 2; }
 SUDO=""
 [ "$(id -u)" -ne 0 ] && SUDO="sudo"
-$SUDO dpkg -i "$out"/*.deb >/dev/null
+debs=()
+for deb in "$out"/*.deb; do [[ $deb == *-dbgsym_* ]] || debs+=("$deb"); done
+$SUDO dpkg -i "${debs[@]}" >/dev/null
 configstorectl --help | grep -q '^subcommands:'
 man -P cat configstorectl 2>/dev/null | grep -q 'configstorectl - control the configuration store'
 [ "$(pkg-config --modversion configstore)" = "$(dpkg-query -W -f='${Version}' libconfigstore-dev)" ]

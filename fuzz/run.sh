@@ -47,7 +47,7 @@ started=$(date +%s)
 launcher=()
 command -v ccache >/dev/null && launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 CC=clang CXX=clang++ cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCONFIGSTORE_FUZZ=ON \
-  -DCONFIGSTORE_TESTS=OFF "${launcher[@]}" >/dev/null
+  -DCONFIGSTORE_TESTS=OFF -DCONFIGSTORE_WERROR=ON "${launcher[@]}" >/dev/null
 cmake --build "$build" --target fuzz_targets -j "${JOBS:-$(nproc)}" >"$build/fuzz-build.log" 2>&1 || {
   tail -40 "$build/fuzz-build.log" >&2
   exit 1

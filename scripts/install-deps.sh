@@ -1,10 +1,11 @@
 #!/bin/sh
-# Installs every Debian package the build, tests, benchmarks and fuzzers need.
+# Installs every Debian package the build, tests, benchmarks, fuzzers and the Debian package build need.
 # Idempotent and quiet when everything is already present; run as root (or via sudo).
 set -eu
 
 PACKAGES="cmake make g++ clang libclang-rt-14-dev pkg-config sqlite3 libsqlite3-dev rapidjson-dev libre2-dev
-libpugixml-dev libgtest-dev libgmock-dev googletest libbenchmark-dev python3"
+libpugixml-dev libgtest-dev libgmock-dev googletest libbenchmark-dev python3
+build-essential debhelper help2man lintian systemd man-db"
 
 missing=""
 for p in $PACKAGES; do

@@ -200,10 +200,13 @@ PLON_ParamList* PLON_ParamListCreate(int capacity) {
 
 namespace {
 
-NUK_ReturnStatus AddParam(PLON_ParamList* list, PlonParam&& param) {
+// The value is constructed in place: moving a whole variant trips GCC 12's -Wmaybe-uninitialized
+// at -O3 (a false positive about the alternative that is not held).
+template <typename T>
+NUK_ReturnStatus AddParam(PLON_ParamList* list, T&& value) {
   if (!list) return NUK_BAD_PARAM;
   if (list->params.size() >= static_cast<size_t>(list->capacity)) return NUK_LIMIT_EXCEEDED;
-  list->params.push_back(std::move(param));
+  list->params.emplace_back(std::forward<T>(value));
   return NUK_OK;
 }
 

@@ -1,5 +1,7 @@
 // plonshd [--root DIR] [--max-clients N] [--idle-timeout SECONDS] --socket PATH: serves the plonsh
-// commands on a local socket.
+// commands on a local socket. Without --socket it serves the one listening socket systemd hands it
+// (socket activation: LISTEN_PID is this process, LISTEN_FDS is 1, the socket is descriptor 3), and
+// leaves the socket file to systemd.
 //
 // Protocol: a UNIX stream socket, created with mode 0600. A client sends one command per line
 // ('\n'-terminated, at most kMaxRequest bytes before the newline) and gets one reply line per
@@ -136,10 +138,26 @@ int Listen(const std::string& path) {
   return fd;
 }
 
+// The listening socket systemd passed, or -1 when none was passed to this process.
+int ActivatedSocket() {
+  const char* pid = std::getenv("LISTEN_PID");
+  const char* fds = std::getenv("LISTEN_FDS");
+  if (pid == nullptr || fds == nullptr || std::string(fds) != "1" || std::to_string(::getpid()) != pid) return -1;
+  constexpr int kFirstPassedFd = 3;
+  if (::fcntl(kFirstPassedFd, F_SETFD, FD_CLOEXEC) != 0 || ::fcntl(kFirstPassedFd, F_SETFL, O_NONBLOCK) != 0) {
+    return -1;
+  }
+  return kFirstPassedFd;
+}
+
+constexpr const char* kUsage =
+    "usage: plonshd [--root DIR] [--max-clients N] [--idle-timeout SECONDS] --socket PATH\n"
+    "       plonshd [--root DIR] [--max-clients N] [--idle-timeout SECONDS]   (socket activation: serves the\n"
+    "       socket systemd passes)\n";
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  const char* usage = "usage: plonshd [--root DIR] [--max-clients N] [--idle-timeout SECONDS] --socket PATH\n";
   std::string root, socketPath;
   bool haveRoot = false;
   long maxClients = 32, idleSeconds = 300;
@@ -162,13 +180,17 @@ int main(int argc, char** argv) {
       ++i;
     } else if (arg == "--idle-timeout" && i + 1 < argc && positive(argv[i + 1], &idleSeconds)) {
       ++i;
+    } else if (arg == "-h" || arg == "--help") {
+      std::cout << kUsage;
+      return 0;
     } else {
-      std::cerr << "plonshd: bad argument: " << arg << "\n" << usage;
+      std::cerr << "plonshd: bad argument: " << arg << "\n" << kUsage;
       return 2;
     }
   }
-  if (socketPath.empty()) {
-    std::cerr << usage;
+  int activatedFd = socketPath.empty() ? ActivatedSocket() : -1;
+  if (socketPath.empty() && activatedFd < 0) {
+    std::cerr << kUsage;
     return 2;
   }
   const auto idleTimeout = std::chrono::seconds(idleSeconds);
@@ -188,7 +210,7 @@ int main(int argc, char** argv) {
   ::sigaction(SIGINT, &sa, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
 
-  int listenFd = Listen(socketPath);
+  int listenFd = activatedFd >= 0 ? activatedFd : Listen(socketPath);
   if (listenFd < 0) return 1;
 
   std::map<int, Client> clients;
@@ -272,6 +294,6 @@ int main(int argc, char** argv) {
 
   for (auto& [fd, client] : clients) ::close(fd);
   ::close(listenFd);
-  ::unlink(socketPath.c_str());
+  if (activatedFd < 0) ::unlink(socketPath.c_str());
   return 0;
 }

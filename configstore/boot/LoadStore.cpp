@@ -18,6 +18,7 @@
 #include "configstore/boot/StoreRestore.h"
 #include "configstore/bootstate/BootState.h"
 #include "configstore/bootstate/UpgradeDetection.h"
+#include "configstore/bootstate/KeyValueAccess.h"
 #include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 #include "configstore/frame/Documents.h"

@@ -7,10 +7,7 @@
 // failed key read throws ConfigStoreException 2000 "Failed to read value for key <key>".
 #pragma once
 
-#include <optional>
 #include <string>
-
-#include "platform/dbstore/DBStore.h"
 
 namespace QorConfigStore {
 
@@ -37,12 +34,6 @@ void SetBootMode(BOOTMODE mode);
 // characters are ignored, text without a leading number throws std::invalid_argument, a number
 // outside the 32-bit range throws std::out_of_range.
 BOOTMODE GetBootMode();
-
-// The stored "BOOT_MODE" read on `conn`, inside the caller's transaction (so that it is the mode that
-// transaction consumes), converted as GetBootMode converts it. nullopt when GetBootMode would throw
-// for the stored text (not a number, or out of range); *text receives the stored text either way.
-// Throws ConfigStoreException 2000 "Failed to read value for key BOOT_MODE" when the read fails.
-std::optional<BOOTMODE> ReadBootMode(const DBStore::Connection& conn, std::string* text);
 
 // "IS_BOOT" = "true" while an automatic configuration pass runs, "" after it. These do not check the
 // connection: on a missing store the write fails silently.

@@ -1,8 +1,11 @@
-// Key-value access shared by the boot-state and upgrade-detection code of this folder only.
+// Key-value access of the boot state for the library's own code (boot state, upgrade detection, the
+// boot load and the plan); not part of the installed headers.
 #pragma once
 
+#include <optional>
 #include <string>
 
+#include "configstore/bootstate/BootState.h"
 #include "platform/dbstore/DBStore.h"
 
 namespace QorConfigStore {
@@ -14,6 +17,12 @@ std::string ReadKeyValueOrThrow(const std::string& key, const DBStore::Connectio
 // A read-write connection to the configuration store. Throws ConfigStoreException 2000
 // "Failed to connect to database." (with the full stop) when it cannot be opened.
 DBStore::Connection GetStoreConnection();
+
+// The stored "BOOT_MODE" read on `conn`, inside the caller's transaction (so that it is the mode that
+// transaction consumes), converted as GetBootMode converts it. nullopt when GetBootMode would throw
+// for the stored text (not a number, or out of range); *text receives the stored text either way.
+// Throws ConfigStoreException 2000 "Failed to read value for key BOOT_MODE" when the read fails.
+std::optional<BOOTMODE> ReadBootMode(const DBStore::Connection& conn, std::string* text);
 
 // Marks a status that is deliberately not examined (boot-state writes are best effort).
 inline void IgnoreStatus(int /*status*/) {}

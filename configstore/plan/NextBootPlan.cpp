@@ -5,6 +5,7 @@
 #include <set>
 
 #include "configstore/boot/BootTimeApply.h"
+#include "configstore/bootstate/KeyValueAccess.h"
 #include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 

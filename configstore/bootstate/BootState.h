@@ -27,7 +27,9 @@ inline constexpr const char* BOOT_FS_UUID = "BOOT_FS_UUID";
 inline constexpr const char* kInstallInfoKey = "CS_INST_INFO_KEY";
 inline constexpr const char* TRUE_STR = "true";
 
-// Writes the mode as "%d" under "BOOT_MODE". A failed write is not reported.
+// Writes the mode as "%d" under "BOOT_MODE". A failed write is not reported. Waits while a boot
+// load runs (configstore/frame/BootLock.h) and throws ConfigStoreException 2000 naming the lock file
+// when it cannot have the lock.
 void SetBootMode(BOOTMODE mode);
 
 // The stored "BOOT_MODE"; 0 when nothing was stored. Text is converted like std::stoi: trailing

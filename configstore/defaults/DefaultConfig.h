@@ -4,7 +4,8 @@
 namespace QorConfigStore {
 
 // Loads every selected default-configuration file into DefaultConfig, in one transaction.
-// True when every file was processed and no instance failed validation.
+// True when every file was processed and no instance failed validation. Waits while a boot load
+// runs (configstore/frame/BootLock.h): ConfigStoreException 2000 when the lock cannot be had.
 bool ProcessDefaultConfiguration(bool isQorio);
 
 }  // namespace QorConfigStore

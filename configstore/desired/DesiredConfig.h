@@ -20,6 +20,9 @@
 
 namespace QorConfigStore {
 
+// The staging operations below wait while a boot load runs and throw ConfigStoreException 2000
+// naming the boot lock when they cannot have it (configstore/frame/BootLock.h).
+
 // Stages the desired document {"profile": {component: {group: {key: value}}}} in one transaction:
 // empties DesiredUserConfig, stages every object and what the preservation rules carry over, and
 // sets boot mode 1. Does not validate the document (see ValidateDesiredDocument).

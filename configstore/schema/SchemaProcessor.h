@@ -13,6 +13,8 @@ namespace QorConfigStore {
 // When registration stopped as a whole (the installed image could not be read, the schema store
 // could not be opened or updated), the schema store is left as it was and `failure`, when given,
 // gets the cause; it stays empty otherwise (failures of single files only make the result false).
+// Waits while a boot load runs (configstore/frame/BootLock.h): ConfigStoreException 2000 when the
+// lock cannot be had.
 bool ProcessSchemas(const std::vector<std::string>& schemaIds, std::string* failure = nullptr);
 
 // The two halves of ProcessSchemas, each run whatever the other gave.

@@ -1,4 +1,4 @@
-// plonshd [--root DIR] --socket PATH: serves the plonsh commands on a local socket.
+// plonshd [--root DIR] --socket PATH | --help | --version: serves the plonsh commands on a local socket.
 //
 // Protocol: a UNIX stream socket, created with mode 0600. A client sends one command per line
 // ('\n'-terminated, at most kMaxRequest bytes before the newline) and gets one reply line per
@@ -122,6 +122,8 @@ int Listen(const std::string& path) {
   return fd;
 }
 
+constexpr const char* kUsage = "usage: plonshd [--root DIR] --socket PATH | --help | --version\n";
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -129,25 +131,33 @@ int main(int argc, char** argv) {
   bool haveRoot = false;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
-    if (arg == "--root" && i + 1 < argc) {
-      root = argv[++i];
-      haveRoot = true;
-    } else if (arg == "--socket" && i + 1 < argc) {
-      socketPath = argv[++i];
+    if (arg == "--root" || arg == "--socket") {
+      if (i + 1 == argc) {
+        std::cerr << "plonshd: " << arg << " needs a value\n" << kUsage;
+        return 2;
+      }
+      (arg == "--root" ? root : socketPath) = argv[++i];
+      if (arg == "--root") haveRoot = true;
+    } else if (arg == "-h" || arg == "--help") {
+      std::cout << kUsage;
+      return 0;
+    } else if (arg == "--version") {
+      std::cout << "plonshd " CONFIGSTORE_VERSION "\n";
+      return 0;
     } else {
-      std::cerr << "plonshd: bad argument: " << arg << "\nusage: plonshd [--root DIR] --socket PATH\n";
+      std::cerr << "plonshd: unknown argument: " << arg << "\n" << kUsage;
       return 2;
     }
   }
   if (socketPath.empty()) {
-    std::cerr << "usage: plonshd [--root DIR] --socket PATH\n";
+    std::cerr << "plonshd: --socket PATH is required\n" << kUsage;
     return 2;
   }
   try {
     if (haveRoot) Host::SetRoot(root);
-    Host::Root();
+    Host::RequireRootDirectory();
   } catch (const std::invalid_argument& e) {
-    std::cerr << "plonshd: bad root: " << e.what() << "\n";
+    std::cerr << "plonshd: " << e.what() << "\n";
     return 2;
   }
 

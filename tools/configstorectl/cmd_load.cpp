@@ -13,8 +13,8 @@
 namespace {
 
 void PrintReport(const QorConfigStore::BootReport& report) {
-  std::printf("boot load (%s), started %s\n",
-              report.restore ? "restore from backup" : "store on the ramdisk as it stands", report.startTime.c_str());
+  // Whether the store was restored, created or used as it stands is the restore stage's line.
+  std::printf("boot load, started %s\n", report.startTime.c_str());
   for (const auto& s : report.stages) {
     std::printf("  %-24s %9.1f ms  %s\n", s.name.c_str(), s.milliseconds, cli::Printable(s.detail).c_str());
   }

@@ -384,7 +384,7 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
       {nullptr, {"load"}, 0, "schemas not processed: " + imageLockFailure + "\n"},
       // A reboot empties the run-time directory (here a file), so the first load of the boot keeps
       // its report; a second load in that boot would replace the live store with the backup.
-      {[&] { Remove("/var/run"); }, {"load"}, 0, "boot load ("},
+      {[&] { Remove("/var/run"); }, {"load"}, 0, "boot load, started "},
       {nullptr, {"--json", "load"}, 1,
        "load: error 2000: a load already ran in this boot of the host (its report is "
        "/var/run/talvex/files/last-boot.json): loading again replaces the live store and loses what was staged or "

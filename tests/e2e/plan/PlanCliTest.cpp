@@ -39,7 +39,9 @@ class PlanCliTest : public cstest::SandboxTest {
   // The first boot of the installed host, then the state an ordinary reboot finds: the run-time
   // directory emptied and the installer's first-boot marker gone.
   void FirstBoot() {
-    ASSERT_EQ(Ctl("load").status, 0);
+    CtlResult load = Ctl("--json load");
+    ASSERT_EQ(load.status, 0);
+    EXPECT_FALSE(Json(load)["restore"].GetBool()) << "a new store, not one restored from backup";
     ASSERT_EQ(Ctl("boot-state cleanup").status, 0);
     std::filesystem::remove_all(Path("/var/run"));
     Remove("/var/lib/talvex/firstboot/current-store-1");

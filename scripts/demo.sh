@@ -36,11 +36,12 @@ cs set-desired "$src/../desired.json"
 step "and previews what the next boot will do with it: configstorectl plan"
 cs plan
 
-step "the host's backup process saves the store; the reboot empties the ramdisk and the installer's first-boot marker is gone"
+step "the host's backup process saves the store; the reboot empties the ramdisk and /var/run, and the installer's first-boot marker is gone"
 mkdir -p "$root/var/lib/talvex/configstore/backup"
 cp "$root/etc/talvex/configstore/current-store-1" "$root/etc/talvex/configstore/datafile-store" \
    "$root/var/lib/talvex/configstore/backup/"
 rm -f "$root/etc/talvex/configstore/current-store-1" "$root/etc/talvex/configstore/datafile-store"
 rm -f "$root/var/lib/talvex/firstboot/current-store-1"
+rm -rf "$root/var/run"
 
 boot "ordinary boot"

@@ -260,6 +260,7 @@ int RunLoadStore(bool restoreStore, BootReport& report) {
   {
     Stage stage(report, "restore");
     bool created = RestoreOrCreateStore(restoreStore);
+    report.restore = restoreStore && !created;
     stage.Note(!restoreStore ? "store on the ramdisk used as it stands"
                              : created ? "new store created" : "store restored from backup");
   }
@@ -377,7 +378,6 @@ int LoadStore(bool restoreStore, BootReport* callerReport) {
   BootReport& report = callerReport != nullptr ? *callerReport : ownReport;
   report = BootReport{};
   report.startTime = UtcNow();
-  report.restore = restoreStore;
   Clock::time_point start = Clock::now();
   std::optional<BootLock> lock;  // held until the report is saved
   try {

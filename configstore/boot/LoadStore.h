@@ -25,7 +25,7 @@ struct BootFatalFailure {
 
 struct BootReport {
   std::string startTime;  // UTC, "2024-05-01T10:00:00Z"
-  bool restore = true;    // the load's restoreStore argument
+  bool restore = false;   // the store was restored from its backup (not created new, not used as it stands)
   int status = 0;         // what LoadStore returned
   double totalMs = 0;     // the whole load, wall time
   std::vector<BootStage> stages;

@@ -48,6 +48,31 @@ Snapshot ReadConfig(const DBStore::Connection& conn) {
 
 KeyOfObjects KeyOf(const ObjectKey& object) { return {object[0], object[1], object[2]}; }
 
+// Keys named by the staged rows, for a boot mode whose step applies them: the step rewrites those
+// keys even where a row repeats the current value.
+std::set<KeyOfObjects> StagedKeys(const DBStore::Connection& conn, BOOTMODE mode) {
+  std::set<KeyOfObjects> keys;
+  if (mode != BOOT_MODE_DESIRED_USER_CONFIG && mode != BOOT_MODE_SMARTNIC_CONFIG && mode != BOOT_MODE_HOSTAPI_CONFIG) {
+    return keys;
+  }
+  DBStore::Statement stmt = DBStore::internal::Prepare(
+      conn, "SELECT DISTINCT Component, ConfigGroup, Name FROM DesiredUserConfig", DBStore::kTimeoutMs);
+  auto collect = [](void* context, int argc, char** argv, char**) {
+    try {
+      if (argc != 3) return 1;
+      static_cast<std::set<KeyOfObjects>*>(context)->insert(
+          {argv[0] ? argv[0] : "", argv[1] ? argv[1] : "", argv[2] ? argv[2] : ""});
+      return 0;
+    } catch (...) {
+      return 1;  // no exception may cross SQLite's C frames
+    }
+  };
+  if (!stmt || DBStore::ExecuteStmt(conn, stmt, collect, &keys, DBStore::kTimeoutMs) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to read the staged rows for the plan");
+  }
+  return keys;
+}
+
 std::vector<std::string> ChangedColumns(const Row& before, const Row& after) {
   std::vector<std::string> columns;
   if (before.user != after.user) columns.push_back("UserValue");
@@ -110,8 +135,9 @@ PlannedObject Planned(const ObjectKey& key, const Row* before, const Row* after)
   return object;
 }
 
-void Compare(const Snapshot& before, const Snapshot& afterStep, const Snapshot& after, NextBootPlan& plan) {
-  std::set<KeyOfObjects> touched = KeysTouched(before, afterStep);
+void Compare(const Snapshot& before, const Snapshot& afterStep, const Snapshot& after, std::set<KeyOfObjects> touched,
+             NextBootPlan& plan) {
+  touched.merge(KeysTouched(before, afterStep));
   for (const auto& [key, row] : before) {
     auto it = after.find(key);
     if (it == after.end()) {
@@ -172,6 +198,7 @@ NextBootPlan PlanNextBoot() {
   plan.bootMode = ReadBootMode(conn, &modeText).value_or(kUnknownBootMode);
 
   Snapshot before = ReadConfig(conn);
+  std::set<KeyOfObjects> staged = StagedKeys(conn, plan.bootMode);
   if (!RunAsTheBootDoes(plan, [&] { ApplyBootModeStep(conn, plan.bootMode); })) return plan;
   Snapshot afterStep = ReadConfig(conn);
   if (!RunAsTheBootDoes(plan, [&] { FoldDesiredValues(conn); })) return plan;
@@ -179,7 +206,7 @@ NextBootPlan PlanNextBoot() {
   if (DBStore::CancelTransaction(conn) != 0) {
     throw ConfigStoreException(CS_ERR_GENERIC, "Failed to roll back the plan's transaction");
   }
-  Compare(before, afterStep, after, plan);
+  Compare(before, afterStep, after, std::move(staged), plan);
   return plan;
 }
 

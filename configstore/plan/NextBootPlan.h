@@ -43,11 +43,13 @@ struct NextBootPlan {
   int failureCode = 0;
   std::vector<PlannedObject> added, removed, changed;
   // Objects the step could have replaced but that come through with the same user value: present
-  // before and after, user value not NULL and unchanged, nothing else changed, in a key of which the
-  // step added, removed, changed or rewrote another object. These are what the preservation rules
-  // (preserved instance ids, solution-user accounts), staged rows repeating the current value, or a
-  // SmartNIC or host-API step leave in place. A key whose objects all come through untouched shows
-  // none: from the data alone it cannot be told from a key the step did not touch.
+  // before and after, user value not NULL and unchanged, nothing else changed, in a key that a staged
+  // row names (when the boot mode's step applies staged rows) or of which the step added, removed,
+  // changed or rewrote another object. These are what the preservation rules (preserved instance ids,
+  // solution-user accounts), staged rows repeating the current value, or a SmartNIC or host-API step
+  // leave in place. So every object the step applies or could have replaced is in exactly one list.
+  // A key that nothing staged names and whose objects all come through untouched shows none: from the
+  // data alone it cannot be told from a key the step did not touch.
   std::vector<PlannedObject> kept;
 };
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <mutex>
 #include <optional>
@@ -57,6 +58,16 @@ void SetRoot(const std::string& root) {
   std::string checked = Checked(root);
   std::lock_guard lock(gRootMutex);
   gRoot = std::move(checked);
+}
+
+void RequireRootDirectory() {
+  const std::string root = Root().empty() ? "/" : Root();
+  struct stat st{};
+  if (stat(root.c_str(), &st) != 0) {
+    const std::string why = errno == ENOENT ? "does not exist" : "cannot be read: " + std::string(std::strerror(errno));
+    throw std::invalid_argument("host root \"" + root + "\" " + why);
+  }
+  if (!S_ISDIR(st.st_mode)) throw std::invalid_argument("host root \"" + root + "\" is not a directory");
 }
 
 bool IsSandbox() { return !Root().empty(); }

@@ -20,6 +20,11 @@ const std::string& Root();
 // character.
 void SetRoot(const std::string& root);
 
+// Throws std::invalid_argument "host root \"DIR\" does not exist" (or "... is not a directory") unless
+// the current root is an existing directory. Every tool calls it once its root is set, so a mistyped
+// root is named as the cause before any work, the same way in every tool.
+void RequireRootDirectory();
+
 // True when the root is not "/": mounts and system-log lines are then recorded under the root.
 bool IsSandbox();
 

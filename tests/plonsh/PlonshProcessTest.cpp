@@ -61,9 +61,10 @@ class PlonshProcessTest : public cstest::SandboxTest {
     WriteFile("/stdin", "");
   }
 
-  Outcome Shell(std::vector<std::string> args, const std::string& input = "") {
+  Outcome Shell(std::vector<std::string> args, const std::string& input = "",
+                const std::string& program = "tools/plonsh/plonsh") {
     WriteFile("/stdin", input);
-    args.insert(args.begin(), cstest::BinaryPath("tools/plonsh/plonsh"));
+    args.insert(args.begin(), cstest::BinaryPath(program));
     pid_t pid = Spawn(args, Path("/stdin"), Path("/out"), Path("/err"));
     int wstatus = 0;
     EXPECT_EQ(::waitpid(pid, &wstatus, 0), pid);
@@ -87,9 +88,42 @@ TEST_F(PlonshProcessTest, ShellRunsCommandsAndReportsFailureInItsStatus) {
   EXPECT_EQ(piped.status, 0) << piped.err;
   EXPECT_EQ(piped.out, "inodes/\nramdisks/\n");
 
-  EXPECT_EQ(Shell({"--bogus"}).status, 2);
-  EXPECT_EQ(Shell({"-c"}).status, 2);
-  EXPECT_EQ(Shell({"--root", "/tmp/bad root", "-c", "pwd"}).status, 2);
+  // Usage, the version and refused roots, alike in both tools ("TOOL" stands for each). The
+  // daemon never gets as far as its socket in these.
+  WriteFile("/file", "");
+  const std::string socket = Path("/s");
+  struct Case {
+    std::vector<std::string> plonshArgs, plonshdArgs;
+    int status;
+    std::string out, errStart;
+  } cases[] = {
+      {{"--bogus"}, {"--bogus"}, 2, "", "TOOL: unknown argument: --bogus\nusage: TOOL "},
+      {{"--root"}, {"--root"}, 2, "", "TOOL: --root needs a value\n"},
+      {{"-c"}, {"--socket"}, 2, "", "TOOL: "},
+      {{"--root", "/tmp/bad root", "-c", "pwd"}, {"--root", "/tmp/bad root", "--socket", socket}, 2, "",
+       "TOOL: host root \"/tmp/bad root\" holds the character ' '"},
+      {{"--root", root_ + "/none", "-c", "pwd"}, {"--root", root_ + "/none", "--socket", socket}, 2, "",
+       "TOOL: host root \"" + root_ + "/none\" does not exist\n"},
+      {{"--root", root_ + "/file"}, {"--root", root_ + "/file", "--socket", socket}, 2, "",
+       "TOOL: host root \"" + root_ + "/file\" is not a directory\n"},
+      {{"--help"}, {"--help"}, 0, "usage: TOOL [--root DIR] ", ""},
+      {{"--version"}, {"--version"}, 0, "TOOL " CONFIGSTORE_VERSION "\n", ""},
+  };
+  for (const std::string tool : {"plonsh", "plonshd"}) {
+    auto named = [&](std::string text) {
+      for (size_t at; (at = text.find("TOOL")) != std::string::npos;) text.replace(at, 4, tool);
+      return text;
+    };
+    for (const Case& c : cases) {
+      const std::vector<std::string>& args = tool == "plonsh" ? c.plonshArgs : c.plonshdArgs;
+      SCOPED_TRACE(tool + " " + testing::PrintToString(args));
+      Outcome r = Shell(args, "", "tools/plonsh/" + tool);
+      EXPECT_EQ(r.status, c.status) << r.err;
+      EXPECT_EQ(r.out.substr(0, named(c.out).size()), named(c.out));
+      EXPECT_TRUE(r.err.starts_with(named(c.errStart))) << r.err;
+    }
+  }
+  EXPECT_EQ(Shell({"-c"}).err, "plonsh: -c needs a value\nusage: plonsh [--root DIR] [-c 'COMMAND; COMMAND...'] | --help | --version\n");
 }
 
 class PlonshdTest : public PlonshProcessTest {

@@ -5,10 +5,13 @@
 // not in the subcommands:
 //   - "--help" / "-h" anywhere before "--": usage and help on standard output, exit 0;
 //   - "--" ends the options, the same in every subcommand (the argument helpers below);
-//   - "--json" before or after the subcommand sets Invocation::json; a subcommand registered with
-//     printsData = false refuses it as bad usage;
+//   - the global options "--root DIR", "-v" and "--json" are taken before or after the subcommand
+//     (before "--"); "--json" sets Invocation::json; a subcommand registered with printsData = false
+//     refuses it as bad usage;
 //   - exit status 0 success; 1 failure, with "configstorectl NAME: error CODE: MESSAGE" on standard
-//     error; 2 bad usage (a UsageError), with the usage line on standard error;
+//     error; 2 bad usage (a UsageError), with the usage line on standard error; 3 nothing matched
+//     the names given (NothingMatched); with --json a failure or bad usage that printed no document
+//     writes {"error": {"code", "message", "cause"}} on standard output;
 //   - colour (Paint) only when standard output is a terminal, NO_COLOR is unset and --json is off.
 #pragma once
 
@@ -29,8 +32,14 @@ struct UsageError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// Thrown by a listing after it printed its (empty) result when the names it was given matched
+// nothing: "configstorectl NAME: nothing matches WHAT" on standard error, exit status 3.
+struct NothingMatched : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
 struct Invocation {
-  std::vector<std::string> args;  // after the subcommand name, without --help, -h and --json
+  std::vector<std::string> args;  // after the subcommand name, without the global options
   bool json = false;              // --json: one JSON document on standard output
 };
 

@@ -84,11 +84,19 @@ void PrintObjectsJson(const std::vector<ConfigObject>& objects) {
   cli::PrintJson(d);
 }
 
+// "COMPONENT/GROUP/KEY [ID]", as far as the names go.
+std::string Heading(const std::vector<std::string>& names) {
+  std::string heading;
+  for (size_t i = 0; i < names.size() && i < 3; ++i) heading += (i == 0 ? "" : "/") + names[i];
+  if (names.size() > 3) heading += " [" + names[3] + "]";
+  return heading;
+}
+
 void PrintObjectsText(const std::vector<ConfigObject>& objects) {
   auto orDash = [](const std::optional<std::string>& t) { return t && !t->empty() ? cli::Printable(*t) : "-"; };
   bool first = true;
   for (const ConfigObject& o : objects) {
-    std::string heading = o.component + "/" + o.group + "/" + o.key;
+    std::string heading = Heading({o.component, o.group, o.key});
     if (!o.identifier.empty()) heading += " [" + o.identifier + "]";
     std::printf("%s%s\n", first ? "" : "\n", cli::Paint(cli::Style::Bold, cli::Printable(heading)).c_str());
     std::printf("  version:  %s\n  revision: %s\n  created:  %s\n", orDash(o.version).c_str(),
@@ -111,6 +119,7 @@ int RunGet(const cli::Invocation& inv) {
   } else {
     PrintObjectsText(objects);
   }
+  if (objects.empty() && !filters.empty()) throw cli::NothingMatched(cli::Printable(Heading(filters)));
   return 0;
 }
 
@@ -122,7 +131,8 @@ const cli::Registrar kGet({"get", "get [COMPONENT [GROUP [KEY [ID]]]]",
                            "revision, creation time, user, vital and cached values, and the default value of\n"
                            "the same object from DefaultConfig. Values are shown as compact JSON, \"-\" when\n"
                            "there is none. --json gives an array of objects with the values as JSON (null when\n"
-                           "there is none). Reads only; exit status 1 when the store does not exist.",
+                           "there is none). Reads only; exit status 1 when the store does not exist, 3 when the\n"
+                           "names given match no object.",
                            RunGet});
 
 }  // namespace

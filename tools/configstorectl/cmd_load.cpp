@@ -2,17 +2,19 @@
 // last-boot: the report the last load kept.
 // kit-files, filter-sticky, track-files: the file lists the backup tools read.
 #include <cstdio>
+#include <filesystem>
 #include <iostream>
 
 #include "configstore/boot/LoadStore.h"
 #include "configstore/packages/PackageFiles.h"
+#include "platform/host/HostRoot.h"
 #include "tools/configstorectl/Cli.h"
 
 namespace {
 
 void PrintReport(const QorConfigStore::BootReport& report) {
-  std::printf("boot load (%s), started %s\n",
-              report.restore ? "restore from backup" : "store on the ramdisk as it stands", report.startTime.c_str());
+  // Whether the store was restored, created or used as it stands is the restore stage's line.
+  std::printf("boot load, started %s\n", report.startTime.c_str());
   for (const auto& s : report.stages) {
     std::printf("  %-24s %9.1f ms  %s\n", s.name.c_str(), s.milliseconds, cli::Printable(s.detail).c_str());
   }
@@ -28,10 +30,26 @@ void PrintReport(const QorConfigStore::BootReport& report) {
   }
 }
 
+// The load's report in the run-time directory, which every reboot empties, says that a load already
+// ran in this boot of the host. Loading again would replace the live store with the backup (or
+// re-apply the boot mode to it) and lose what was staged or changed since, so it takes --force.
+void RefuseSecondLoad() {
+  std::error_code ec;
+  const std::string report = Host::Resolve(QorConfigStore::kLastBootReport);
+  if (!std::filesystem::exists(report, ec)) return;
+  throw QorConfigStore::ConfigStoreException(
+      QorConfigStore::CS_ERR_GENERIC,
+      "a load already ran in this boot of the host (its report is " + std::string(QorConfigStore::kLastBootReport) +
+          "): loading again replaces the live store and loses what was staged or changed since; give --force to "
+          "load anyway");
+}
+
 int RunLoad(const cli::Invocation& inv) {
   std::vector<std::string> args = inv.args;
   bool restore = !cli::TakeFlag(args, "--no-restore");
+  bool force = cli::TakeFlag(args, "--force");
   cli::ExpectNoMoreArgs(args);
+  if (!force) RefuseSecondLoad();
   QorConfigStore::BootReport report;
   int status = QorConfigStore::LoadStore(restore, &report);
   if (inv.json) {
@@ -111,12 +129,14 @@ int RunTrackFiles(const cli::Invocation& inv) {
   return 0;
 }
 
-const cli::Registrar kLoad({"load", "load [--no-restore]", "rebuild the store as a boot does, and report each stage",
+const cli::Registrar kLoad({"load", "load [--no-restore] [--force]",
+                            "rebuild the store as a boot does, and report each stage",
                             "Runs the boot-time load: restore or create the store (unless --no-restore), register\n"
                             "schemas when the boot image changed, clean up, run upgrade modules on an upgrade boot,\n"
                             "apply what the boot mode selects, remove files without schema and raise recorded\n"
                             "failures. Prints each stage with its duration and what it did. Exit status 1 when the\n"
-                            "load failed.",
+                            "load failed. Once per boot of the host: a second load (its report is already in\n"
+                            "/var/run/talvex/files/last-boot.json) is refused unless --force is given.",
                             RunLoad});
 const cli::Registrar kLastBoot(
     {"last-boot", "last-boot", "the report of the last load",

@@ -182,6 +182,13 @@ int RunSchemas(const cli::Invocation& inv) {
   } else {
     PrintRegisteredTable(rows);
   }
+  std::string unmatched;
+  for (const std::string& component : components) {
+    if (std::none_of(rows.begin(), rows.end(), [&](const Row& r) { return r[0] == component; })) {
+      unmatched += (unmatched.empty() ? "component '" : ", '") + cli::Printable(component) + "'";
+    }
+  }
+  if (!unmatched.empty()) throw cli::NothingMatched(unmatched);
   return 0;
 }
 
@@ -190,7 +197,8 @@ const cli::Registrar kSchemas(
      "Lists the configuration keys registered in the schema store, only those of the given\n"
      "components when any are named: component, group, key, the package schema id that\n"
      "registered it, the schema version and the SmartNIC value type (\"-\" when the key declares\n"
-     "none; \"\" with --json). Reads only; exit status 1 when the schema store does not exist.",
+     "none; \"\" with --json). Reads only; exit status 1 when the schema store does not exist, 3\n"
+     "when a component named has no registered key.",
      RunSchemas});
 
 const cli::Registrar kProcessSchemas(

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 
 #include "configstore/frame/ConfigStoreException.h"
 #include "configstore/frame/Documents.h"
@@ -28,10 +29,13 @@ const char* kGlobalUsage =
     "\n"
     "  --root DIR   host root to work on (default: $TALVEX_ROOT, else /)\n"
     "  -v           log progress to standard error (-vv for detail)\n"
-    "  --json       print results as JSON (also accepted after the subcommand)\n"
+    "  --json       print results as JSON; failures too, as {\"error\": {...}}\n"
     "  -h, --help   this list; 'configstorectl SUBCOMMAND --help' for a subcommand's arguments\n"
+    "  --version    the library's version\n"
+    "--root, -v and --json are taken before or after the subcommand.\n"
     "\n"
-    "Exit status: 0 success, 1 failure (error code and message on standard error), 2 bad usage.\n"
+    "Exit status: 0 success, 1 failure (error code and message on standard error), 2 bad usage,\n"
+    "3 nothing matched the names given (get, schemas).\n"
     "Colour only on a terminal and when NO_COLOR is unset.\n";
 
 std::string UsageLine(const Command& c) {
@@ -70,9 +74,33 @@ const Command* Find(const std::string& name) {
   return nullptr;
 }
 
-int Fail(const std::string& name, int code, const char* message) {
-  std::fprintf(stderr, "configstorectl %s: error %d: %s\n", name.c_str(), code, message);
+bool g_printedJson = false;  // a JSON document went to standard output
+
+// With --json, a failure that printed no document of its own writes one on standard output:
+// {"error": {"code": N, "message": "...", "cause": "usage" | "failure"}}.
+void PrintErrorJson(bool json, int code, const std::string& message, const char* cause) {
+  if (!json || g_printedJson) return;
+  rapidjson::Document d(rapidjson::kObjectType);
+  auto& a = d.GetAllocator();
+  rapidjson::Value error(rapidjson::kObjectType);
+  error.AddMember("code", code, a).AddMember("message", JsonText(message, a), a);
+  error.AddMember("cause", rapidjson::StringRef(cause), a);
+  d.AddMember("error", error, a);
+  PrintJson(d);
+}
+
+int Fail(const std::string& name, bool json, int code, const std::string& message) {
+  std::fprintf(stderr, "configstorectl %s: error %d: %s\n", name.c_str(), code, message.c_str());
+  PrintErrorJson(json, code, message, "failure");
   return 1;
+}
+
+// Bad usage before a subcommand is known, exit status 2: the message, and where to look unless the
+// message is about the host root.
+int GlobalUsageError(bool json, const std::string& message, bool pointToHelp = true) {
+  std::fprintf(stderr, "configstorectl: %s\n%s", message.c_str(), pointToHelp ? "try 'configstorectl --help'\n" : "");
+  PrintErrorJson(json, 2, message, "usage");
+  return 2;
 }
 
 // Runs the subcommand under the shared rules for help, --json, exit status and colour.
@@ -82,20 +110,24 @@ int Dispatch(const Command& command, Invocation inv) {
                 command.help.empty() ? command.summary.c_str() : command.help.c_str());
     return 0;
   }
-  while (TakeFlag(inv.args, "--json")) inv.json = true;
   try {
     if (inv.json && !command.printsData) throw UsageError("--json: this subcommand prints no result");
     g_colour = !inv.json && isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
     if (command.run(inv) == 0) return 0;
-    return Fail(command.name, QorConfigStore::CS_ERR_GENERIC, "failed (see the output above; -v shows the log)");
+    return Fail(command.name, inv.json, QorConfigStore::CS_ERR_GENERIC,
+                "failed (see the output above; -v shows the log)");
   } catch (const UsageError& e) {
     std::fprintf(stderr, "configstorectl %s: %s\nusage: %s\n", command.name.c_str(), e.what(),
                  UsageLine(command).c_str());
+    PrintErrorJson(inv.json, 2, e.what(), "usage");
     return 2;
+  } catch (const NothingMatched& e) {
+    std::fprintf(stderr, "configstorectl %s: nothing matches %s\n", command.name.c_str(), e.what());
+    return 3;
   } catch (const QorConfigStore::ConfigStoreException& e) {
-    return Fail(command.name, e.code(), e.what());
+    return Fail(command.name, inv.json, e.code(), e.what());
   } catch (const std::exception& e) {
-    return Fail(command.name, QorConfigStore::CS_ERR_GENERIC, e.what());
+    return Fail(command.name, inv.json, QorConfigStore::CS_ERR_GENERIC, e.what());
   }
 }
 
@@ -160,6 +192,7 @@ void PrintJson(const rapidjson::Value& value) {
   (utf8 ? value : safe).Accept(w);
   std::fwrite(buf.GetString(), 1, buf.GetSize(), stdout);
   std::fputc('\n', stdout);
+  g_printedJson = true;
 }
 
 rapidjson::Value JsonText(std::string_view text, rapidjson::Document::AllocatorType& allocator) {
@@ -271,25 +304,40 @@ void ExpectStored(const std::string& key, const std::string& stored, const std::
 
 }  // namespace cli
 
+// The global options (--root DIR, -v, -vv, --json) are taken anywhere before "--", before or
+// after the subcommand; -h, --help and --version only before it (after it they are the subcommand's).
 int main(int argc, char** argv) {
   using namespace cli;
   std::vector<std::string> args(argv + 1, argv + argc);
   Invocation inv;
+  std::optional<std::string> name;
   int verbosity = 0;
-  bool help = false;
-  size_t i = 0;
+  bool help = false, version = false, optionsEnded = false;
+  for (const std::string& a : args) {
+    if (a == "--json" && !optionsEnded) inv.json = true;  // known before any error is reported
+    if (a == "--") optionsEnded = true;
+  }
   try {
-    for (; i < args.size() && args[i].size() > 1 && args[i][0] == '-'; ++i) {
+    optionsEnded = false;
+    for (size_t i = 0; i < args.size(); ++i) {
       const std::string& a = args[i];
-      if (a == "--root") {
+      if (optionsEnded || a.size() < 2 || a[0] != '-') {
+        if (name) inv.args.push_back(a);
+        else name = a;
+      } else if (a == "--root") {
         if (i + 1 >= args.size()) throw UsageError("--root needs a directory");
         Host::SetRoot(args[++i]);
       } else if (a == "-v" || a == "-vv") {
         verbosity += static_cast<int>(a.size()) - 1;
       } else if (a == "--json") {
-        inv.json = true;
+        // taken above
+      } else if (name) {
+        if (a == "--") optionsEnded = true;
+        inv.args.push_back(a);  // the subcommand's own (Dispatch and the argument helpers)
       } else if (a == "-h" || a == "--help") {
         help = true;
+      } else if (a == "--version") {
+        version = true;
       } else {
         throw UsageError("unknown option '" + Printable(a) + "'");
       }
@@ -302,24 +350,20 @@ int main(int argc, char** argv) {
       }
       return 0;
     }
-    if (i >= args.size()) throw UsageError("no subcommand given");
-    Host::Root();  // a bad TALVEX_ROOT is refused before any work
+    if (version) {
+      std::printf("configstorectl " CONFIGSTORE_VERSION "\n");
+      return 0;
+    }
+    if (!name) throw UsageError("no subcommand given");
+    Host::RequireRootDirectory();  // a missing or mistyped root is named before any work
   } catch (const UsageError& e) {
-    std::fprintf(stderr, "configstorectl: %s\n\n", e.what());
-    PrintCommandList(stderr);
-    return 2;
-  } catch (const std::invalid_argument& e) {
-    std::fprintf(stderr, "configstorectl: %s\n", e.what());
-    return 2;
+    return GlobalUsageError(inv.json, e.what());
+  } catch (const std::invalid_argument& e) {  // the host root (HostRoot.h)
+    return GlobalUsageError(inv.json, e.what(), false);
   }
 
-  const Command* command = Find(args[i]);
-  if (command == nullptr) {
-    std::fprintf(stderr, "configstorectl: unknown subcommand '%s'\n\n", Printable(args[i]).c_str());
-    PrintCommandList(stderr);
-    return 2;
-  }
-  inv.args.assign(args.begin() + static_cast<long>(i) + 1, args.end());
+  const Command* command = Find(*name);
+  if (command == nullptr) return GlobalUsageError(inv.json, "unknown subcommand '" + Printable(*name) + "'");
   CSLogger::SetStderrLevel(verbosity == 0 ? CSLogger::PRIO_ERROR : verbosity == 1 ? CSLogger::PRIO_INFO
                                                                                   : CSLogger::PRIO_DETAIL);
   return Dispatch(*command, std::move(inv));

@@ -1,4 +1,4 @@
-// plonsh [--root DIR] [-c 'COMMANDS']: operator shell over the kernel node tree.
+// plonsh [--root DIR] [-c 'COMMANDS'] | --help | --version: operator shell over the kernel node tree.
 //
 // With -c the commands are separated by ';'. Otherwise commands are read one per line from
 // standard input, with the prompt "plonsh:PATH> " when it is a terminal. Replies go to standard
@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr const char* kUsage = "usage: plonsh [--root DIR] [-c 'COMMAND; COMMAND...']\n";
+constexpr const char* kUsage = "usage: plonsh [--root DIR] [-c 'COMMAND; COMMAND...'] | --help | --version\n";
 
 // Runs one command and prints its reply; false when it failed.
 bool RunOne(plonsh::Session& session, const std::string& line, bool* quit) {
@@ -39,22 +39,29 @@ int main(int argc, char** argv) {
   bool haveRoot = false, haveCommands = false;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
-    if ((arg == "--root" || arg == "-c") && i + 1 < argc) {
+    if (arg == "--root" || arg == "-c") {
+      if (i + 1 == argc) {
+        std::cerr << "plonsh: " << arg << " needs a value\n" << kUsage;
+        return 2;
+      }
       (arg == "--root" ? root : commands) = argv[++i];
       (arg == "--root" ? haveRoot : haveCommands) = true;
     } else if (arg == "-h" || arg == "--help") {
       std::cout << kUsage;
       return 0;
+    } else if (arg == "--version") {
+      std::cout << "plonsh " CONFIGSTORE_VERSION "\n";
+      return 0;
     } else {
-      std::cerr << "plonsh: bad argument: " << arg << "\n" << kUsage;
+      std::cerr << "plonsh: unknown argument: " << arg << "\n" << kUsage;
       return 2;
     }
   }
   try {
     if (haveRoot) Host::SetRoot(root);
-    Host::Root();
+    Host::RequireRootDirectory();
   } catch (const std::invalid_argument& e) {
-    std::cerr << "plonsh: bad root: " << e.what() << "\n";
+    std::cerr << "plonsh: " << e.what() << "\n";
     return 2;
   }
 

@@ -1,7 +1,7 @@
-// plonshd [--root DIR] [--max-clients N] [--idle-timeout SECONDS] --socket PATH: serves the plonsh
-// commands on a local socket. Without --socket it serves the one listening socket systemd hands it
-// (socket activation: LISTEN_PID is this process, LISTEN_FDS is 1, the socket is descriptor 3), and
-// leaves the socket file to systemd.
+// plonshd [--root DIR] [--max-clients N] [--idle-timeout SECONDS] --socket PATH | --help | --version:
+// serves the plonsh commands on a local socket. Without --socket it serves the one listening socket
+// systemd hands it (socket activation: LISTEN_PID is this process, LISTEN_FDS is 1, the socket is
+// descriptor 3), and leaves the socket file to systemd.
 //
 // Protocol: a UNIX stream socket, created with mode 0600. A client sends one command per line
 // ('\n'-terminated, at most kMaxRequest bytes before the newline) and gets one reply line per
@@ -151,9 +151,8 @@ int ActivatedSocket() {
 }
 
 constexpr const char* kUsage =
-    "usage: plonshd [--root DIR] [--max-clients N] [--idle-timeout SECONDS] --socket PATH\n"
-    "       plonshd [--root DIR] [--max-clients N] [--idle-timeout SECONDS]   (socket activation: serves the\n"
-    "       socket systemd passes)\n";
+    "usage: plonshd [--root DIR] [--max-clients N] [--idle-timeout SECONDS] --socket PATH | --help | --version\n"
+    "       (without --socket under socket activation: serves the socket systemd passes)\n";
 
 }  // namespace
 
@@ -171,11 +170,13 @@ int main(int argc, char** argv) {
   };
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
-    if (arg == "--root" && i + 1 < argc) {
-      root = argv[++i];
-      haveRoot = true;
-    } else if (arg == "--socket" && i + 1 < argc) {
-      socketPath = argv[++i];
+    if (arg == "--root" || arg == "--socket") {
+      if (i + 1 == argc) {
+        std::cerr << "plonshd: " << arg << " needs a value\n" << kUsage;
+        return 2;
+      }
+      (arg == "--root" ? root : socketPath) = argv[++i];
+      if (arg == "--root") haveRoot = true;
     } else if (arg == "--max-clients" && i + 1 < argc && positive(argv[i + 1], &maxClients)) {
       ++i;
     } else if (arg == "--idle-timeout" && i + 1 < argc && positive(argv[i + 1], &idleSeconds)) {
@@ -183,22 +184,25 @@ int main(int argc, char** argv) {
     } else if (arg == "-h" || arg == "--help") {
       std::cout << kUsage;
       return 0;
+    } else if (arg == "--version") {
+      std::cout << "plonshd " CONFIGSTORE_VERSION "\n";
+      return 0;
     } else {
-      std::cerr << "plonshd: bad argument: " << arg << "\n" << kUsage;
+      std::cerr << "plonshd: unknown argument: " << arg << "\n" << kUsage;
       return 2;
     }
   }
   int activatedFd = socketPath.empty() ? ActivatedSocket() : -1;
   if (socketPath.empty() && activatedFd < 0) {
-    std::cerr << kUsage;
+    std::cerr << "plonshd: --socket PATH is required (or a socket passed by systemd)\n" << kUsage;
     return 2;
   }
   const auto idleTimeout = std::chrono::seconds(idleSeconds);
   try {
     if (haveRoot) Host::SetRoot(root);
-    Host::Root();
+    Host::RequireRootDirectory();
   } catch (const std::invalid_argument& e) {
-    std::cerr << "plonshd: bad root: " << e.what() << "\n";
+    std::cerr << "plonshd: " << e.what() << "\n";
     return 2;
   }
 

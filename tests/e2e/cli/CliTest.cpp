@@ -137,6 +137,7 @@ TEST_F(CliTest, GetNarrowsByEachDepthAndMatchesNamesExactly) {
       {{"qor", "net"}, {"qor|net|k|a"}},  // a name, not a prefix
       {{"q%"}, {}},
       {{"' OR 1=1 --"}, {}},
+      {{"qor", "net", "k", "b"}, {}},
       {{"--", "-dash"}, {"-dash|g|k|"}},
   };
   for (const Case& c : cases) {
@@ -144,9 +145,12 @@ TEST_F(CliTest, GetNarrowsByEachDepthAndMatchesNamesExactly) {
     args.insert(args.end(), c.filters.begin(), c.filters.end());
     SCOPED_TRACE(testing::PrintToString(args));
     CtlResult r = Ctl(args);
-    ASSERT_EQ(r.status, 0) << r.err;
+    // Names that match nothing are said to, so that a typo does not read as "no objects".
+    EXPECT_EQ(r.status, c.expected.empty() ? 3 : 0) << r.err;
+    EXPECT_EQ(r.err.starts_with("configstorectl get: nothing matches "), c.expected.empty()) << r.err;
     EXPECT_EQ(Identities(Json(r)), c.expected);
   }
+  EXPECT_EQ(Ctl({"get", "qor", "net", "k", "b"}).err, "configstorectl get: nothing matches qor/net/k [b]\n");
 }
 
 TEST_F(CliTest, GetShowsValuesVersionRevisionAndTheDefault) {
@@ -239,13 +243,16 @@ TEST_F(CliTest, SchemasListsRegisteredKeysOfTheNamedComponents) {
       {{"qor"}, {"qor|network|nuknics"}},
       {{"net ü", "x'y"}, {"net ü|g|k", "x'y|g|k"}},
       {{"nothing"}, {}},
+      {{"qor", "nothing"}, {"qor|network|nuknics"}},
   };
   for (const Case& c : cases) {
     std::vector<std::string> args = {"schemas", "--json"};
     args.insert(args.end(), c.components.begin(), c.components.end());
     SCOPED_TRACE(testing::PrintToString(args));
     CtlResult r = Ctl(args);
-    ASSERT_EQ(r.status, 0) << r.err;
+    const bool unmatched = c.components.size() > c.expected.size();
+    EXPECT_EQ(r.status, unmatched ? 3 : 0) << r.err;
+    EXPECT_EQ(r.err, unmatched ? "configstorectl schemas: nothing matches component 'nothing'\n" : "");
     rapidjson::Document d = Json(r);
     ASSERT_TRUE(d.IsArray()) << r.out;
     std::vector<std::string> keys;
@@ -292,8 +299,13 @@ TEST_F(CliTest, EverySubcommandAnswersHelpWithItsUsage) {
   CtlResult human = Ctl({"-h"});
   EXPECT_EQ(human.status, 0);
   EXPECT_NE(human.out.find("\nsubcommands:\n"), std::string::npos) << human.out;
+  CtlResult version = Ctl({"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_EQ(version.out, "configstorectl " CONFIGSTORE_VERSION "\n");
 }
 
+// Two lines on standard error: what is wrong, then the usage line or where to find it. With --json
+// the error is also a JSON document on standard output, for scripts that read only that.
 TEST_F(CliTest, BadUsageExitsTwoWithTheUsageOnStandardError) {
   ASSERT_EQ(DBStore::CreateDatabases(), 0);
   const auto before = cstest::DumpStores();
@@ -308,13 +320,26 @@ TEST_F(CliTest, BadUsageExitsTwoWithTheUsageOnStandardError) {
       {"--json", "cleanup", "autoconf"},
       {"metrics", "extra"},
       {"boot-mode", "set", "9"},
+      {"--json", "--bogus"},
+      {"get", "--json", "--root"},
+      {"--json", "no-such-subcommand"},
   };
   for (const auto& args : cases) {
     SCOPED_TRACE(testing::PrintToString(args));
     CtlResult r = Ctl(args);
     EXPECT_EQ(r.status, 2) << r.err;
-    EXPECT_NE(r.err.find("usage: configstorectl"), std::string::npos) << r.err;
-    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 2) << r.err;
+    EXPECT_TRUE(r.err.find("\nusage: configstorectl") != std::string::npos ||
+                r.err.ends_with("\ntry 'configstorectl --help'\n"))
+        << r.err;
+    if (std::find(args.begin(), args.end(), "--json") == args.end()) {
+      EXPECT_EQ(r.out, "");
+    } else {
+      rapidjson::Document d = Json(r);
+      EXPECT_EQ(d["error"]["code"].GetInt(), 2) << r.out;
+      EXPECT_STREQ(d["error"]["cause"].GetString(), "usage");
+      EXPECT_TRUE(r.err.find(d["error"]["message"].GetString()) != std::string::npos) << r.out;
+    }
   }
   EXPECT_EQ(cstest::DiffStores(before, cstest::DumpStores()), "") << "bad usage changes nothing";
 }
@@ -336,6 +361,10 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
   } cases[] = {
       {nullptr, {"get"}, 1, "configstorectl get: error 2000: no configuration store at " + store + " ("},
       {nullptr, {"--json", "get", "qor"}, 1, "configstorectl get: error 2000: no configuration store at "},
+      // A root that is not a directory is named as the cause, wherever --root stands.
+      {nullptr, {"get", "--root", root_ + "/no"}, 2, "configstorectl: host root \"" + root_ + "/no\" does not exist\n"},
+      {[&] { WriteFile("/file", ""); }, {"--root", root_ + "/file", "get"}, 2,
+       "configstorectl: host root \"" + root_ + "/file\" is not a directory\n"},
       {nullptr, {"schemas"}, 1, "configstorectl schemas: error 2000: "},
       // The file's error keeps its message and says why.
       {nullptr, {"set-desired", Path("/missing.json")}, 1,
@@ -372,11 +401,18 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
        "setup-ramdisk: error 2000: Failed to reserve memory for ConfigStore: cannot create " + Path("/var/run/talvex") +
            ": Not a directory\n"},
       {nullptr, {"load"}, 0, "schemas not processed: " + imageLockFailure + "\n"},
+      // A reboot empties the run-time directory (here a file), so the first load of the boot keeps
+      // its report; a second load in that boot would replace the live store with the backup.
+      {[&] { Remove("/var/run"); }, {"load"}, 0, "boot load, started "},
+      {nullptr, {"--json", "load"}, 1,
+       "load: error 2000: a load already ran in this boot of the host (its report is "
+       "/var/run/talvex/files/last-boot.json): loading again replaces the live store and loses what was staged or "
+       "changed since; give --force to load anyway\n"},
       {[&] {
          Remove("/etc/talvex/configstore/current-store-1");
          std::filesystem::create_directory(store);
        },
-       {"load"}, 1, "load: error 2000: Failed to connect to database: " + store + " is a directory\n"},
+       {"load", "--force"}, 1, "load: error 2000: Failed to connect to database: " + store + " is a directory\n"},
       {nullptr, {"get"}, 1, "get: error 2000: cannot open the configuration store: " + store + " is a directory\n"},
   };
   for (const Case& c : cases) {
@@ -385,7 +421,12 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
     CtlResult r = Ctl(c.args);
     EXPECT_EQ(r.status, c.status);
     EXPECT_NE((c.status == 0 ? r.out : r.err).find(c.line), std::string::npos) << r.err << r.out;
-    if (c.args[0] != "load") {
+    if (c.args[0] == "--json") {  // the failure as a document on standard output too
+      rapidjson::Document d = Json(r);
+      EXPECT_NE(r.err.find(d["error"]["message"].GetString()), std::string::npos) << r.out;
+      EXPECT_EQ(d["error"]["code"].GetInt(), 2000);
+      EXPECT_STREQ(d["error"]["cause"].GetString(), "failure");
+    } else if (c.args[0] != "load") {
       EXPECT_EQ(r.out, "");
     }
   }

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <set>
@@ -35,10 +36,14 @@ class PlanCliTest : public cstest::SandboxTest {
   CtlResult Ctl(const std::string& args) { return cstest::RunCtl(root_, args); }
   static rapidjson::Document Json(const CtlResult& r) { return cstest::CtlJson(r); }
 
-  // The first boot of the installed host, then the state an ordinary reboot finds.
+  // The first boot of the installed host, then the state an ordinary reboot finds: the run-time
+  // directory emptied and the installer's first-boot marker gone.
   void FirstBoot() {
-    ASSERT_EQ(Ctl("load").status, 0);
+    CtlResult load = Ctl("--json load");
+    ASSERT_EQ(load.status, 0);
+    EXPECT_FALSE(Json(load)["restore"].GetBool()) << "a new store, not one restored from backup";
     ASSERT_EQ(Ctl("boot-state cleanup").status, 0);
+    std::filesystem::remove_all(Path("/var/run"));
     Remove("/var/lib/talvex/firstboot/current-store-1");
   }
 
@@ -77,15 +82,20 @@ class PlanCliTest : public cstest::SandboxTest {
     return diff;
   }
 
-  static Objects PlanList(const rapidjson::Document& plan, const char* list) {
+  // The objects of a plan's list, or of the document itself when `list` is null.
+  static Objects PlanList(const rapidjson::Value& plan, const char* list) {
     Objects objects;
-    if (!plan.HasMember(list) || !plan[list].IsArray()) {
-      ADD_FAILURE() << "plan without list " << list;
+    const rapidjson::Value* array = list == nullptr ? &plan : plan.HasMember(list) ? &plan[list] : nullptr;
+    if (array == nullptr || !array->IsArray()) {
+      ADD_FAILURE() << "no list " << (list ? list : "");
       return objects;
     }
-    for (const auto& o : plan[list].GetArray()) {
-      objects.insert(std::string(o["component"].GetString()) + "/" + o["group"].GetString() + "/" +
-                     o["key"].GetString() + "/" + o["identifier"].GetString());
+    for (const auto& o : array->GetArray()) {
+      std::string object;
+      for (const char* name : {"component", "group", "key", "identifier"}) {  // a staged key's identifier is null
+        object += std::string(object.empty() ? "" : "/") + (o[name].IsString() ? o[name].GetString() : "");
+      }
+      objects.insert(object);
     }
     return objects;
   }
@@ -110,6 +120,9 @@ TEST_F(PlanCliTest, PlanChangesNothingAndAgreesWithTheLoad) {
     const char* list;      // one object the plan must show in this list
     const char* expected;
   } cases[] = {
+      {"the sample desired configuration",
+       [&] { ASSERT_EQ(Ctl("set-desired " + cstest::SourcePath("examples/desired.json")).status, 0); },
+       "kept", "qor/authentication/user_accounts/admin"},
       {"desired configuration",
        [&] {
          WriteFile("/desired.json", desired);
@@ -146,8 +159,22 @@ TEST_F(PlanCliTest, PlanChangesNothingAndAgreesWithTheLoad) {
     EXPECT_TRUE(bytes == StoreBytes()) << "the store files are byte-for-byte as before";
     rapidjson::Document plan = Json(planRun);
     EXPECT_TRUE(PlanList(plan, c.list).contains(c.expected)) << planRun.out;
-
+    // Every object is in one list at most, and every staged object the boot finds is in one.
+    Objects listed;
+    size_t count = 0;
+    for (const char* list : {"added", "removed", "changed", "kept"}) {
+      Objects objects = PlanList(plan, list);
+      count += objects.size();
+      listed.merge(objects);
+    }
+    EXPECT_EQ(count, listed.size()) << planRun.out;
     std::map<std::string, std::string> config = ConfigRows();
+    for (const std::string& object : PlanList(Json(Ctl("staged --json")), nullptr)) {
+      if (config.contains(object)) {
+        EXPECT_TRUE(listed.contains(object)) << object << " is staged and in no list\n" << planRun.out;
+      }
+    }
+
     CtlResult load = Ctl("load --no-restore");
     ASSERT_EQ(load.status, 0) << load.out << load.err;
     std::map<std::string, std::string> loaded = ConfigRows();
@@ -183,7 +210,7 @@ TEST_F(PlanCliTest, LastBootShowsTheLastLoadWithItsFailuresAndAlerts) {
 
   // An error file that is no JSON ends the load early: a documented fatal failure.
   WriteFile("/var/run/talvex/files/loadStoreErrors.json", "{");
-  EXPECT_EQ(Ctl("load --no-restore").status, 1);
+  EXPECT_EQ(Ctl("load --no-restore --force").status, 1);
   CtlResult failed = Ctl("last-boot");
   ASSERT_EQ(failed.status, 0) << failed.err;
   for (const char* line : {"status 1", "fatal failure: error 1081: ", "system alerts raised:",
@@ -201,7 +228,7 @@ TEST_F(PlanCliTest, LastBootShowsTheLastLoadWithItsFailuresAndAlerts) {
   Remove("/var/run/talvex/files/loadStoreErrors.json");
   Remove("/var/run/talvex/files/last-boot.json");
   WriteFile("/var/run/talvex/files/last-boot.json/x", "");
-  CtlResult unkept = Ctl("load --no-restore");
+  CtlResult unkept = Ctl("load --no-restore --force");
   EXPECT_EQ(unkept.status, 0) << unkept.err;
   EXPECT_NE(unkept.err.find("Failed to save the boot report"), std::string::npos) << unkept.err;
 }

@@ -13,6 +13,7 @@ namespace {
 // hold of the same process wait on the first.
 int gHolds = 0;
 Host::FileLock::Mode gHeldMode = Host::FileLock::Mode::Shared;
+std::string gUnavailable;  // why the outermost hold has no lock
 
 }  // namespace
 
@@ -22,6 +23,7 @@ BootLock::BootLock(Host::FileLock::Mode mode, int waitMs) {
       throw ConfigStoreException(CS_ERR_GENERIC, "A boot load cannot start inside a staging operation");
     }
     ++gHolds;
+    unavailable_ = gUnavailable;
     return;
   }
   const bool exclusive = mode == Host::FileLock::Mode::Exclusive;
@@ -35,12 +37,15 @@ BootLock::BootLock(Host::FileLock::Mode mode, int waitMs) {
   } catch (const std::exception& e) {
     if (!exclusive) throw ConfigStoreException(CS_ERR_GENERIC, std::string("No boot lock: ") + e.what());
     unavailable_ = e.what();
+    gUnavailable = unavailable_;
     CSLogger::Log(CSLogger::PRIO_ERROR, "The boot load runs without its lock: %s", e.what());
   }
   gHeldMode = mode;
   ++gHolds;
 }
 
-BootLock::~BootLock() { --gHolds; }
+BootLock::~BootLock() {
+  if (--gHolds == 0) gUnavailable.clear();
+}
 
 }  // namespace QorConfigStore

@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "configstore/boot/LoadStore.h"
+#include "configstore/frame/BootLock.h"
 #include "configstore/packages/PackageFiles.h"
 #include "platform/host/HostRoot.h"
 #include "tools/configstorectl/Cli.h"
@@ -49,6 +50,9 @@ int RunLoad(const cli::Invocation& inv) {
   bool restore = !cli::TakeFlag(args, "--no-restore");
   bool force = cli::TakeFlag(args, "--force");
   cli::ExpectNoMoreArgs(args);
+  // Checked under the boot lock that the load then holds: of two loads started together, the
+  // second waits for the first and then sees its report.
+  QorConfigStore::BootLock lock(Host::FileLock::Mode::Exclusive);
   if (!force) RefuseSecondLoad();
   QorConfigStore::BootReport report;
   int status = QorConfigStore::LoadStore(restore, &report);

@@ -206,4 +206,34 @@ TEST_F(PlanCliTest, LastBootShowsTheLastLoadWithItsFailuresAndAlerts) {
   EXPECT_NE(unkept.err.find("Failed to save the boot report"), std::string::npos) << unkept.err;
 }
 
+TEST_F(PlanCliTest, BootsKeepTheLastReportsAndSkipAnUnreadableOne) {
+  FirstBoot();
+  WriteFile("/var/run/talvex/files/loadStoreErrors.json", "{");
+  ASSERT_EQ(Ctl("load --no-restore").status, 1);
+  Remove("/var/run/talvex/files/loadStoreErrors.json");
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(cstest::RunCtl(root_, {"load", "--no-restore"}, {"TALVEX_BOOT_HISTORY=3"}).status, 0);
+  }
+  rapidjson::Document boots = Json(Ctl("boots --json"));
+  ASSERT_EQ(boots["boots"].Size(), 3u) << "the oldest of four loads is gone";
+  const struct { int status; const char* kind; } expected[] = {{0, "as it stands"}, {0, "as it stands"}, {1, "as it stands"}};
+  for (unsigned i = 0; i < 3; ++i) {
+    EXPECT_EQ(boots["boots"][i]["n"].GetInt(), static_cast<int>(i) + 1);
+    EXPECT_EQ(boots["boots"][i]["status"].GetInt(), expected[i].status) << i;
+    EXPECT_STREQ(boots["boots"][i]["kind"].GetString(), expected[i].kind);
+  }
+  EXPECT_TRUE(Json(Ctl("last-boot 1 --json")) == Json(Ctl("last-boot --json")));
+  EXPECT_EQ(Json(Ctl("last-boot --json 3"))["fatal"]["code"].GetInt(), 1081);
+
+  WriteFile(Json(Ctl("boots --json"))["boots"][1]["file"].GetString(), "{");
+  CtlResult skipping = Ctl("boots");
+  EXPECT_EQ(skipping.status, 0);
+  EXPECT_NE(skipping.err.find("skipped /var/run/talvex/files/boot-history/"), std::string::npos) << skipping.err;
+  EXPECT_EQ(Json(Ctl("boots --json"))["unreadable"][0]["n"].GetInt(), 2);
+  EXPECT_EQ(Ctl("last-boot 2").status, 1);
+  EXPECT_EQ(Ctl("last-boot 4").status, 1);
+  EXPECT_EQ(Ctl("last-boot 0").status, 2);
+  EXPECT_EQ(Ctl("load --no-restore").status, 0) << "an unreadable history file never fails a boot";
+}
+
 }  // namespace

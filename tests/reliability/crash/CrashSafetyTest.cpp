@@ -252,6 +252,10 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
                     << Describe(after, seen);
     }
 
+    // A load killed while saving its report leaves every report file whole.
+    EXPECT_NO_THROW(QorConfigStore::ReadLastBootReport());
+    for (const auto& kept : QorConfigStore::ReadBootHistory()) EXPECT_TRUE(kept.report) << kept.error;
+
     // The next boot finds the store as the kill left it and runs to its end.
     log_.Clear();
     ASSERT_EQ(QorConfigStore::LoadStore(false), 0) << "boot after kill " << k;

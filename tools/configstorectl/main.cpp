@@ -70,9 +70,9 @@ const Command* Find(const std::string& name) {
   return nullptr;
 }
 
-int Fail(const std::string& name, int code, const char* message) {
-  std::fprintf(stderr, "configstorectl %s: error %d: %s\n", name.c_str(), code, message);
-  return 1;
+int Fail(const Command& command, int code, const char* message) {
+  std::fprintf(stderr, "configstorectl %s: error %d: %s\n", command.name.c_str(), code, message);
+  return command.answersWithStatus ? 2 : 1;
 }
 
 // Runs the subcommand under the shared rules for help, --json, exit status and colour.
@@ -86,16 +86,17 @@ int Dispatch(const Command& command, Invocation inv) {
   try {
     if (inv.json && !command.printsData) throw UsageError("--json: this subcommand prints no result");
     g_colour = !inv.json && isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
-    if (command.run(inv) == 0) return 0;
-    return Fail(command.name, QorConfigStore::CS_ERR_GENERIC, "failed (see the output above; -v shows the log)");
+    const int status = command.run(inv);
+    if (status == 0 || command.answersWithStatus) return status;
+    return Fail(command, QorConfigStore::CS_ERR_GENERIC, "failed (see the output above; -v shows the log)");
   } catch (const UsageError& e) {
     std::fprintf(stderr, "configstorectl %s: %s\nusage: %s\n", command.name.c_str(), e.what(),
                  UsageLine(command).c_str());
     return 2;
   } catch (const QorConfigStore::ConfigStoreException& e) {
-    return Fail(command.name, e.code(), e.what());
+    return Fail(command, e.code(), e.what());
   } catch (const std::exception& e) {
-    return Fail(command.name, QorConfigStore::CS_ERR_GENERIC, e.what());
+    return Fail(command, QorConfigStore::CS_ERR_GENERIC, e.what());
   }
 }
 
@@ -105,13 +106,17 @@ Registrar::Registrar(Command command) { Table().push_back(std::move(command)); }
 
 const std::vector<Command>& Commands() { return Table(); }
 
-void PrintJson(const rapidjson::Value& value) {
+std::string PrettyJson(const rapidjson::Value& value) {
   rapidjson::StringBuffer buf;
   rapidjson::PrettyWriter<rapidjson::StringBuffer> w(buf);
   w.SetIndent(' ', 2);
   value.Accept(w);
-  std::fwrite(buf.GetString(), 1, buf.GetSize(), stdout);
-  std::fputc('\n', stdout);
+  return std::string(buf.GetString(), buf.GetSize()) + '\n';
+}
+
+void PrintJson(const rapidjson::Value& value) {
+  const std::string text = PrettyJson(value);
+  std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
 rapidjson::Value JsonText(std::string_view text, rapidjson::Document::AllocatorType& allocator) {

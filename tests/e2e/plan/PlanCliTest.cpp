@@ -148,6 +148,7 @@ TEST_F(PlanCliTest, PlanChangesNothingAndAgreesWithTheLoad) {
     EXPECT_TRUE(PlanList(plan, c.list).contains(c.expected)) << planRun.out;
 
     std::map<std::string, std::string> config = ConfigRows();
+    WriteFile("/before-store", ReadFile("/etc/talvex/configstore/current-store-1"));
     CtlResult load = Ctl("load --no-restore");
     ASSERT_EQ(load.status, 0) << load.out << load.err;
     std::map<std::string, std::string> loaded = ConfigRows();
@@ -155,6 +156,11 @@ TEST_F(PlanCliTest, PlanChangesNothingAndAgreesWithTheLoad) {
     EXPECT_EQ(PlanList(plan, "added"), done.added);
     EXPECT_EQ(PlanList(plan, "removed"), done.removed);
     EXPECT_EQ(PlanList(plan, "changed"), done.changed);
+    CtlResult diff = Ctl("diff --json " + Path("/before-store") + " " + Path("/etc/talvex/configstore/current-store-1"));
+    EXPECT_EQ(diff.status, 1) << diff.err;
+    for (const char* list : {"added", "removed", "changed"}) {
+      EXPECT_EQ(PlanList(Json(diff), list), PlanList(plan, list)) << "diff of the store before and after the load";
+    }
     for (const std::string& kept : PlanList(plan, "kept")) {
       EXPECT_EQ(config[kept], loaded[kept]) << kept << " is kept as it was";
     }
@@ -234,6 +240,49 @@ TEST_F(PlanCliTest, BootsKeepTheLastReportsAndSkipAnUnreadableOne) {
   EXPECT_EQ(Ctl("last-boot 4").status, 1);
   EXPECT_EQ(Ctl("last-boot 0").status, 2);
   EXPECT_EQ(Ctl("load --no-restore").status, 0) << "an unreadable history file never fails a boot";
+}
+
+TEST_F(PlanCliTest, ExportStagedBackPlansNoChange) {
+  FirstBoot();
+  // An instance whose id member names another: no document can stage it back.
+  DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
+  ASSERT_EQ(DBStore::Execute(conn, "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) "
+                                   "VALUES ('qor', 'network', 'nuknics', 'nuk9', '{\"name\":\"nuk8\"}')",
+                             {}, {}, DBStore::kTimeoutMs), 0);
+  conn.reset();
+  // First on the installed host, whose mutable default instances are not in the store yet, then
+  // after a boot that applied a desired configuration.
+  const struct {
+    Objects leftOut, added, removed;
+  } rounds[] = {
+      {{"qor/network/nuknics/nuk9", "qor/advanced_options/user_vars/Agent_LogLevel",
+        "qor/advanced_options/user_vars/Agent_RetrySeconds", "qor/system/advanced_options/Net.TcpipHeapSize"},
+       {"qor/advanced_options/user_vars/Agent_LogLevel", "qor/advanced_options/user_vars/Agent_RetrySeconds",
+        "qor/system/advanced_options/Net.TcpipHeapSize"},
+       {"qor/network/nuknics/nuk9"}},
+      {{}, {}, {}},
+  };
+  for (const auto& round : rounds) {
+    CtlResult exported = Ctl("export --json -o " + Path("/export.json"));
+    ASSERT_EQ(exported.status, 0) << exported.err;
+    const std::string bytes = ReadFile("/export.json");
+    EXPECT_EQ(Ctl("export").out, bytes) << "two exports of one store are the same bytes";
+    Objects leftOut;
+    for (const auto& o : Json(exported)["leftOut"].GetArray()) {
+      const std::string name = std::string(o["component"].GetString()) + "/" + o["group"].GetString() + "/" +
+                               o["key"].GetString() + "/" + o["identifier"].GetString();
+      leftOut.insert(name);
+      EXPECT_NE(exported.err.find(o["identifier"].GetString()), std::string::npos) << name << " on standard error";
+    }
+    EXPECT_EQ(leftOut, round.leftOut);
+    ASSERT_EQ(Ctl("set-desired " + Path("/export.json")).status, 0);
+    rapidjson::Document plan = Json(Ctl("plan --json"));
+    EXPECT_EQ(PlanList(plan, "added"), round.added);
+    EXPECT_EQ(PlanList(plan, "removed"), round.removed);
+    EXPECT_EQ(PlanList(plan, "changed"), Objects{});
+    ASSERT_EQ(Ctl("load --no-restore").status, 0);
+  }
+  EXPECT_EQ(Ctl("diff " + Path("/export.json") + " " + Path("/etc/talvex/configstore/current-store-1")).status, 0);
 }
 
 }  // namespace

@@ -142,15 +142,20 @@ ConfigExport ExportConfiguration(const std::vector<std::string>& names) {
   out.document.AddMember("profile", profile, a);
 
   // Staging copies the default instances of a key with mutable default configuration unless the
-  // document stages the same instance; one absent from this store cannot stay absent.
+  // document stages the same instance; one this store has no user value for cannot stay so.
   staging::Rows defaults = staging::Run(
       conn, "SELECT Component, ConfigGroup, Name, Identifier FROM DefaultConfig ORDER BY Component, ConfigGroup, Name, "
             "Identifier", {}, "Failed to read the default configuration");
   for (const auto& row : defaults) {
     ConfigObjectKey key{row[0].value_or(""), row[1].value_or(""), row[2].value_or(""), row[3].value_or("")};
     auto schema = cache->GetSchema(SchemaObjectId(key[0], key[1], key[2]));
-    if (!Named(key, names) || !schema || !schema->HasMutableDefaultConfig() || objects.contains(key)) continue;
-    out.leftOut.push_back({IdOf(key), "a default instance absent here: set-desired stages it with its key's other defaults"});
+    auto live = objects.find(key);
+    if (!Named(key, names) || !schema || !schema->HasMutableDefaultConfig() ||
+        (live != objects.end() && live->second.user)) {
+      continue;
+    }
+    out.leftOut.push_back({IdOf(key), "a default instance without a user value here: set-desired stages it with "
+                                      "its key's other defaults"});
   }
   return out;
 }

@@ -29,8 +29,8 @@ struct ConfigExport {
 // carry is listed in `leftOut` (no schema registered for its key, a user value that is not a JSON
 // object, an instance id member that does not give the object's identifier, or an object staging
 // carries over from the host by itself and refuses in a document); so is every default instance of
-// a key with mutable default configuration that the store lacks, since staging copies it back
-// whatever the document says. Reads the stores read-only;
+// a key with mutable default configuration that has no user value in the store (no object, or
+// one without user value), since staging copies it back whatever the document says. Reads the stores read-only;
 // throws ConfigStoreException 2000 when they cannot be read.
 ConfigExport ExportConfiguration(const std::vector<std::string>& names);
 

@@ -88,8 +88,8 @@ const cli::Registrar kExport(
      "is named on standard error with the reason (no schema registered for its key, a user value that\n"
      "is not a JSON object, an instance id member that does not give its identifier, or an object\n"
      "that staging carries over from the host by itself), and so is a default instance of a key with\n"
-     "mutable default configuration that the store lacks (staging copies it back whatever the\n"
-     "document says). --json: {\"file\", \"objects\", \"leftOut\":\n"
+     "mutable default configuration that has no user value in the store (staging copies it back\n"
+     "whatever the document says). --json: {\"file\", \"objects\", \"leftOut\":\n"
      "[{\"component\", \"group\", \"key\", \"identifier\", \"reason\"}], \"document\"} (\"document\" null with -o).",
      RunExport});
 

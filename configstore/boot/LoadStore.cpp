@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <filesystem>
@@ -327,46 +328,50 @@ std::string UtcNow() {
   return text;
 }
 
-// Never throws: a report that cannot be kept must not fail the boot.
+// Never throws: a report that cannot be kept must not fail the boot. Runs under the boot lock, so
+// no other load writes the report or the history at the same time.
 void SaveBootReport(const BootReport& report) {
   try {
     std::string text;
     ConfigStoreDocument::SerializeValue(BootReportToJson(report), text);
-    std::filesystem::path path = Host::Resolve(kLastBootReport);
-    std::filesystem::path temporary = path.string() + ".tmp";
-    std::error_code ec;
-    std::filesystem::create_directories(path.parent_path(), ec);
-    {
-      std::ofstream out(temporary, std::ios::trunc | std::ios::binary);
-      out << text << '\n';
-      out.close();
-      if (!out) throw std::runtime_error("cannot write " + temporary.string());
-    }
-    std::filesystem::rename(temporary, path);
+    text += '\n';
+    std::string error;
+    if (!Host::WriteFileAtomically(Host::Resolve(kLastBootReport), text, &error)) throw std::runtime_error(error);
+    KeepInBootHistory(text);
   } catch (const std::exception& e) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to save the boot report: %s", e.what());
   }
 }
 
-const rapidjson::Value& Member(const rapidjson::Value& object, const char* name, bool (rapidjson::Value::*is)() const) {
+// A member of a boot report read from `file` (as shown in errors), of the type `is` checks.
+const rapidjson::Value& Member(const std::string& file, const rapidjson::Value& object, const char* name,
+                               bool (rapidjson::Value::*is)() const) {
   auto it = object.FindMember(name);
   if (it == object.MemberEnd() || !(it->value.*is)()) {
     throw ConfigStoreException(CS_ERR_GENERIC, Format("Boot report %s: member \"%s\" is missing or of the wrong type",
-                                                      kLastBootReport, name));
+                                                      file.c_str(), name));
   }
   return it->value;
 }
 
-std::vector<std::string> Strings(const rapidjson::Value& object, const char* name) {
+std::vector<std::string> Strings(const std::string& file, const rapidjson::Value& object, const char* name) {
   std::vector<std::string> strings;
-  for (const auto& item : Member(object, name, &rapidjson::Value::IsArray).GetArray()) {
+  for (const auto& item : Member(file, object, name, &rapidjson::Value::IsArray).GetArray()) {
     if (!item.IsString()) {
       throw ConfigStoreException(CS_ERR_GENERIC, Format("Boot report %s: member \"%s\" holds a non-string",
-                                                        kLastBootReport, name));
+                                                        file.c_str(), name));
     }
     strings.emplace_back(item.GetString(), item.GetStringLength());
   }
   return strings;
+}
+
+// The stage of that name in the report, null when the load did not reach it.
+const BootStage* StageOf(const BootReport& report, const char* name) {
+  for (const BootStage& stage : report.stages) {
+    if (stage.name == name) return &stage;
+  }
+  return nullptr;
 }
 
 }  // namespace
@@ -426,36 +431,66 @@ rapidjson::Document BootReportToJson(const BootReport& report) {
   return d;
 }
 
-std::optional<BootReport> ReadLastBootReport() {
-  std::string path = Host::Resolve(kLastBootReport);
-  if (!FileExists(path.c_str())) return std::nullopt;
-  auto doc = CreateDocumentFromFile(path);
+BootReport ReadBootReport(const std::string& resolvedPath, const std::string& shownPath) {
+  auto doc = CreateDocumentFromFile(resolvedPath);
   const rapidjson::Value& root = *doc->document;
+  const std::string& file = shownPath;
   if (!root.IsObject()) {
-    throw ConfigStoreException(CS_ERR_GENERIC, Format("Boot report %s is not a JSON object", kLastBootReport));
+    throw ConfigStoreException(CS_ERR_GENERIC, Format("Boot report %s is not a JSON object", file.c_str()));
   }
   using V = rapidjson::Value;
   BootReport report;
-  report.startTime = Member(root, "startTime", &V::IsString).GetString();
-  report.restore = Member(root, "restore", &V::IsBool).GetBool();
-  report.status = Member(root, "status", &V::IsInt).GetInt();
-  report.totalMs = Member(root, "totalMs", &V::IsNumber).GetDouble();
-  for (const auto& s : Member(root, "stages", &V::IsArray).GetArray()) {
+  report.startTime = Member(file, root, "startTime", &V::IsString).GetString();
+  report.restore = Member(file, root, "restore", &V::IsBool).GetBool();
+  report.status = Member(file, root, "status", &V::IsInt).GetInt();
+  report.totalMs = Member(file, root, "totalMs", &V::IsNumber).GetDouble();
+  for (const auto& s : Member(file, root, "stages", &V::IsArray).GetArray()) {
     if (!s.IsObject()) {
-      throw ConfigStoreException(CS_ERR_GENERIC, Format("Boot report %s: a stage is not an object", kLastBootReport));
+      throw ConfigStoreException(CS_ERR_GENERIC, Format("Boot report %s: a stage is not an object", file.c_str()));
     }
-    report.stages.push_back({Member(s, "stage", &V::IsString).GetString(), Member(s, "ms", &V::IsNumber).GetDouble(),
-                             Member(s, "detail", &V::IsString).GetString()});
+    report.stages.push_back({Member(file, s, "stage", &V::IsString).GetString(),
+                             Member(file, s, "ms", &V::IsNumber).GetDouble(),
+                             Member(file, s, "detail", &V::IsString).GetString()});
   }
-  report.recordedFailures = Strings(root, "recordedFailures");
-  report.alerts = Strings(root, "alerts");
+  report.recordedFailures = Strings(file, root, "recordedFailures");
+  report.alerts = Strings(file, root, "alerts");
   auto fatal = root.FindMember("fatal");
   if (fatal != root.MemberEnd() && !fatal->value.IsNull()) {
-    const V& f = Member(root, "fatal", &V::IsObject);
-    report.fatal =
-        BootFatalFailure{Member(f, "code", &V::IsInt).GetInt(), Member(f, "message", &V::IsString).GetString()};
+    const V& f = Member(file, root, "fatal", &V::IsObject);
+    report.fatal = BootFatalFailure{Member(file, f, "code", &V::IsInt).GetInt(),
+                                    Member(file, f, "message", &V::IsString).GetString()};
   }
   return report;
+}
+
+std::optional<BootReport> ReadLastBootReport() {
+  std::string path = Host::Resolve(kLastBootReport);
+  if (!FileExists(path.c_str())) return std::nullopt;
+  return ReadBootReport(path, kLastBootReport);
+}
+
+// The notes below are those RunLoadStore writes into its "restore", "upgrade" and "desired
+// configuration" stages.
+std::string BootKindOf(const BootReport& report) {
+  const BootStage* restore = StageOf(report, "restore");
+  if (restore == nullptr || restore->detail.ends_with("failed")) return "";
+  std::string kind = restore->detail == "new store created"           ? "new store"
+                     : restore->detail == "store restored from backup" ? "restored"
+                                                                       : "as it stands";
+  const BootStage* upgrade = StageOf(report, "upgrade");
+  if (upgrade != nullptr && upgrade->detail != "not an upgrade boot") kind += ", upgrade";
+  return kind;
+}
+
+std::optional<int> BootModeOf(const BootReport& report) {
+  const BootStage* desired = StageOf(report, "desired configuration");
+  const char* prefix = "boot mode ";
+  if (desired == nullptr || !desired->detail.starts_with(prefix)) return std::nullopt;
+  try {
+    return std::stoi(desired->detail.substr(std::strlen(prefix)));
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
 }
 
 void TrackFiles(const std::vector<std::string>& files, FileType type) {

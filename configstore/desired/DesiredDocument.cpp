@@ -126,13 +126,15 @@ void CopyMutableDefaultConfig(const DBStore::Connection& conn,
 }
 
 void PreserveAdvancedOptions(const DBStore::Connection& conn) {
-  Run(conn,
-      "INSERT INTO DesiredUserConfig (Identifier, Name, ConfigGroup, Component, Version, Value, BootAction) SELECT "
-      "Identifier, Name, ConfigGroup, Component, Version, UserValue, 'SET' FROM Config WHERE Component = 'qor' AND "
-      "ConfigGroup = 'advanced_options' AND Name = 'user_vars' AND Identifier in ('ZTN_ScxCpuSize', "
-      "'ZTN_ScxMemSize', 'ZTN_IP', 'ZTN_Thumbprint', 'ZTN_Token', 'ZTN_NodeUUID', 'ZTN_ValidateManagerCert', "
-      "'ZTN_OptionalServices')",
-      {}, "Failed to preserve ZTN user-var advanced options");
+  static const std::string sql = [] {
+    std::string text =
+        "INSERT INTO DesiredUserConfig (Identifier, Name, ConfigGroup, Component, Version, Value, BootAction) SELECT "
+        "Identifier, Name, ConfigGroup, Component, Version, UserValue, 'SET' FROM Config WHERE Component = 'qor' AND "
+        "ConfigGroup = 'advanced_options' AND Name = 'user_vars' AND Identifier in (";
+    for (const char* id : staging::kCarriedOverUserVars) text += std::string(text.back() == '(' ? "'" : ", '") + id + "'";
+    return text + ")";
+  }();
+  Run(conn, sql, {}, "Failed to preserve ZTN user-var advanced options");
   CSLogger::Log(CSLogger::PRIO_INFO, "Successfully preserved ZTN user-var advanced options.");
 }
 

@@ -21,6 +21,21 @@ using Rows = std::vector<std::vector<Column>>;
 
 inline constexpr const char* kDeleteDefault = "DELETE_DEFAULT";
 
+// The advanced options of the network virtualization agent (qor advanced_options user_vars, by
+// identifier) that every desired staging carries over from the host. A document that names one
+// cannot be staged: the carried-over row collides with the document's.
+inline constexpr const char* kCarriedOverUserVars[] = {
+    "ZTN_ScxCpuSize", "ZTN_ScxMemSize", "ZTN_IP", "ZTN_Thumbprint", "ZTN_Token", "ZTN_NodeUUID",
+    "ZTN_ValidateManagerCert", "ZTN_OptionalServices"};
+inline bool IsCarriedOverFromTheHost(const std::string& component, const std::string& group, const std::string& key,
+                                     const std::string& id) {
+  if (component != "qor" || group != "advanced_options" || key != "user_vars") return false;
+  for (const char* carried : kCarriedOverUserVars) {
+    if (id == carried) return true;
+  }
+  return false;
+}
+
 // Prepares `sql` (busy time-out 3000 ms), binds `params` in order, runs it and returns its rows
 // (columns in the order the statement selects them). A failed prepare, bind or step throws
 // ConfigStoreException 2000 with `failure`.

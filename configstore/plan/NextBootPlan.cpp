@@ -13,14 +13,10 @@ namespace QorConfigStore {
 namespace {
 
 using Text = std::optional<std::string>;
-// Component, group, key, identifier: the order of every list of the plan.
-using ObjectKey = std::array<std::string, 4>;
+using ObjectKey = ConfigObjectKey;
 using KeyOfObjects = std::array<std::string, 3>;
-
-struct Row {
-  Text user, vital, cached, revision, creationTime;
-};
-using Snapshot = std::map<ObjectKey, Row>;
+using Row = ConfigRowValues;
+using Snapshot = ConfigObjects;
 
 int SnapshotRow(void* context, int argc, char** argv, char**) {
   try {
@@ -31,19 +27,6 @@ int SnapshotRow(void* context, int argc, char** argv, char**) {
   } catch (...) {
     return 1;  // no exception may cross SQLite's C frames
   }
-}
-
-Snapshot ReadConfig(const DBStore::Connection& conn) {
-  Snapshot rows;
-  DBStore::Statement stmt = DBStore::internal::Prepare(
-      conn,
-      "SELECT Component, ConfigGroup, Name, Identifier, UserValue, VitalValue, CachedValue, Revision, CreationTime "
-      "FROM Config",
-      DBStore::kTimeoutMs);
-  if (!stmt || DBStore::ExecuteStmt(conn, stmt, SnapshotRow, &rows, DBStore::kTimeoutMs) != 0) {
-    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to read the configuration for the plan");
-  }
-  return rows;
 }
 
 KeyOfObjects KeyOf(const ObjectKey& object) { return {object[0], object[1], object[2]}; }
@@ -135,27 +118,16 @@ PlannedObject Planned(const ObjectKey& key, const Row* before, const Row* after)
   return object;
 }
 
-void Compare(const Snapshot& before, const Snapshot& afterStep, const Snapshot& after, std::set<KeyOfObjects> touched,
-             NextBootPlan& plan) {
+// The objects that come through unchanged in a key the step touched or a staged row names
+// (NextBootPlan::kept).
+void ListKept(const Snapshot& before, const Snapshot& afterStep, const Snapshot& after, std::set<KeyOfObjects> touched,
+              NextBootPlan& plan) {
   touched.merge(KeysTouched(before, afterStep));
   for (const auto& [key, row] : before) {
     auto it = after.find(key);
-    if (it == after.end()) {
-      plan.removed.push_back(Planned(key, &row, nullptr));
-      continue;
-    }
-    std::vector<std::string> columns = ChangedColumns(row, it->second);
-    if (!columns.empty()) {
-      PlannedObject object = Planned(key, &row, &it->second);
-      object.changedColumns = std::move(columns);
-      DiffMembers(object);
-      plan.changed.push_back(std::move(object));
-    } else if (row.user && touched.contains(KeyOf(key))) {
+    if (it != after.end() && ChangedColumns(row, it->second).empty() && row.user && touched.contains(KeyOf(key))) {
       plan.kept.push_back(Planned(key, &row, &it->second));
     }
-  }
-  for (const auto& [key, row] : after) {
-    if (!before.contains(key)) plan.added.push_back(Planned(key, nullptr, &row));
   }
 }
 
@@ -175,6 +147,41 @@ bool RunAsTheBootDoes(NextBootPlan& plan, Work work) {
 }
 
 }  // namespace
+
+ConfigObjects ReadConfigObjects(const DBStore::Connection& conn) {
+  Snapshot rows;
+  DBStore::Statement stmt = DBStore::internal::Prepare(
+      conn,
+      "SELECT Component, ConfigGroup, Name, Identifier, UserValue, VitalValue, CachedValue, Revision, CreationTime "
+      "FROM Config",
+      DBStore::kTimeoutMs);
+  if (!stmt || DBStore::ExecuteStmt(conn, stmt, SnapshotRow, &rows, DBStore::kTimeoutMs) != 0) {
+    ThrowStoreFailure("Failed to read the configuration");
+  }
+  return rows;
+}
+
+ObjectChanges CompareObjects(const ConfigObjects& before, const ConfigObjects& after) {
+  ObjectChanges changes;
+  for (const auto& [key, row] : before) {
+    auto it = after.find(key);
+    if (it == after.end()) {
+      changes.removed.push_back(Planned(key, &row, nullptr));
+      continue;
+    }
+    std::vector<std::string> columns = ChangedColumns(row, it->second);
+    if (!columns.empty()) {
+      PlannedObject object = Planned(key, &row, &it->second);
+      object.changedColumns = std::move(columns);
+      DiffMembers(object);
+      changes.changed.push_back(std::move(object));
+    }
+  }
+  for (const auto& [key, row] : after) {
+    if (!before.contains(key)) changes.added.push_back(Planned(key, nullptr, &row));
+  }
+  return changes;
+}
 
 NextBootPlan PlanNextBoot() {
   BootLock lock(Host::FileLock::Mode::Shared);  // the store as a load leaves it, never one half-loaded
@@ -197,16 +204,17 @@ NextBootPlan PlanNextBoot() {
   std::string modeText;
   plan.bootMode = ReadBootMode(conn, &modeText).value_or(kUnknownBootMode);
 
-  Snapshot before = ReadConfig(conn);
+  Snapshot before = ReadConfigObjects(conn);
   std::set<KeyOfObjects> staged = StagedKeys(conn, plan.bootMode);
   if (!RunAsTheBootDoes(plan, [&] { ApplyBootModeStep(conn, plan.bootMode); })) return plan;
-  Snapshot afterStep = ReadConfig(conn);
+  Snapshot afterStep = ReadConfigObjects(conn);
   if (!RunAsTheBootDoes(plan, [&] { FoldDesiredValues(conn); })) return plan;
-  Snapshot after = ReadConfig(conn);
+  Snapshot after = ReadConfigObjects(conn);
   if (DBStore::CancelTransaction(conn) != 0) {
     throw ConfigStoreException(CS_ERR_GENERIC, "Failed to roll back the plan's transaction");
   }
-  Compare(before, afterStep, after, std::move(staged), plan);
+  static_cast<ObjectChanges&>(plan) = CompareObjects(before, after);
+  ListKept(before, afterStep, after, std::move(staged), plan);
   return plan;
 }
 

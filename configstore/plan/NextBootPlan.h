@@ -5,12 +5,19 @@
 // not part of the plan: it assumes the next boot starts from this store and an unchanged boot image.
 #pragma once
 
+#include <array>
+#include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "configstore/bootstate/BootState.h"
 #include "configstore/frame/Documents.h"
+
+namespace DBStore {
+struct StoreConnection;
+}
 
 namespace QorConfigStore {
 
@@ -32,16 +39,36 @@ struct PlannedObject {
   std::vector<std::string> membersAdded, membersRemoved, membersChanged;
 };
 
+// The objects of a Config table, keyed by component, group, key and identifier (the order of every
+// list below), with their values; nullopt stands for NULL.
+struct ConfigRowValues {
+  std::optional<std::string> user, vital, cached, revision, creationTime;
+};
+using ConfigObjectKey = std::array<std::string, 4>;
+using ConfigObjects = std::map<ConfigObjectKey, ConfigRowValues>;
+
+// Every Config row on `conn` (a DBStore::Connection; declared here without the store's header, which
+// is not installed). Throws ConfigStoreException 2000 when the read fails.
+ConfigObjects ReadConfigObjects(const std::shared_ptr<DBStore::StoreConnection>& conn);
+
+// What differs from one set of objects to another: objects only in `after` (added), only in
+// `before` (removed), and in both with a different user, vital or cached value (changed, with the
+// columns and the top-level members of the user value that differ).
+struct ObjectChanges {
+  std::vector<PlannedObject> added, removed, changed;
+};
+ObjectChanges CompareObjects(const ConfigObjects& before, const ConfigObjects& after);
+
 // The plan's boot mode when the stored one is not a number: the boot then runs no mode step.
 inline constexpr BOOTMODE kUnknownBootMode = static_cast<BOOTMODE>(-1);
 
-struct NextBootPlan {
+// The lists of ObjectChanges, from the store as it is to the store as the next boot leaves it.
+struct NextBootPlan : ObjectChanges {
   BOOTMODE bootMode = BOOT_MODE_DEFAULT;
   // Set when the step or the fold fails: the boot then rolls its transaction back, so the lists
-  // below are empty (the load itself goes on).
+  // are empty (the load itself goes on).
   std::optional<std::string> failure;
   int failureCode = 0;
-  std::vector<PlannedObject> added, removed, changed;
   // Objects the step could have replaced but that come through with the same user value: present
   // before and after, user value not NULL and unchanged, nothing else changed, in a key that a staged
   // row names (when the boot mode's step applies staged rows) or of which the step added, removed,

@@ -151,6 +151,11 @@ Connection GetConnection(Type type, bool readWrite) {
     LogError("Failed to open database", ("unknown store database type " + std::to_string(type)).c_str());
     return nullptr;
   }
+  return OpenStoreFile(path, type, readWrite);
+}
+
+Connection OpenStoreFile(const std::string& path, Type type, bool readWrite) {
+  gLastError.clear();
   struct stat st{};
   if (stat(path.c_str(), &st) != 0) {
     CSLogger::Log(CSLogger::PRIO_INFO, "Store database %s does not exist", path.c_str());

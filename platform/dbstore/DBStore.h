@@ -63,6 +63,8 @@ std::string SchemaStorePath();
 // for a read-only connection (which briefly opens the file read-write for it), so readers see the
 // store as it was before that transaction.
 Connection GetConnection(Type type, bool readWrite);
+// The same for a store file of that type at any resolved path (a copy of a store, say).
+Connection OpenStoreFile(const std::string& path, Type type, bool readWrite);
 
 // The cause of the last failure of a call here on this thread: the file and SQLite's error text
 // ("<path>: database is locked", "<path> does not exist", "<path> is a directory"). Kept until the

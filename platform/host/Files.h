@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace Host {
 
@@ -26,5 +27,11 @@ int OpenRegularFile(const std::string& resolvedPath, int flags = 0);
 // "larger than N bytes".
 bool ReadFile(const std::string& resolvedPath, std::string* content, std::string* cause = nullptr,
               size_t maxBytes = kMaxReadBytes);
+
+// Replaces a resolved path's content so that a crash at any moment leaves either the old file or
+// the new one whole: the text goes to "<path>.tmp" in the same directory (created when missing),
+// which is flushed to disk and renamed over the path, and the directory is flushed. False (with
+// `error` naming the file and the cause) when any of that fails; the temporary file is removed then.
+bool WriteFileAtomically(const std::string& resolvedPath, std::string_view content, std::string* error);
 
 }  // namespace Host

@@ -53,6 +53,9 @@ struct Command {
   std::string help;     // longer text for "SUBCOMMAND --help"
   std::function<int(const Invocation&)> run;
   bool printsData = true;  // false: the subcommand prints no result, and --json is bad usage
+  // true: the run's return is the exit status itself (diff: 1 when the files differ), and a failure
+  // exits 2 so that it cannot be taken for that answer.
+  bool answersWithStatus = false;
 };
 
 struct Registrar {
@@ -65,6 +68,8 @@ const std::vector<Command>& Commands();
 // Writes a JSON value to standard output, pretty-printed, with a final newline. A string or member
 // name that is not UTF-8 is written Printable ("\xNN" for its bad bytes): the output is always JSON.
 void PrintJson(const rapidjson::Value& value);
+// The text PrintJson writes.
+std::string PrettyJson(const rapidjson::Value& value);
 
 // A JSON string copied from `text` (embedded NULs kept).
 rapidjson::Value JsonText(std::string_view text, rapidjson::Document::AllocatorType& allocator);

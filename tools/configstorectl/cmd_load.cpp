@@ -69,8 +69,17 @@ int RunLoad(const cli::Invocation& inv) {
 
 int RunLastBoot(const cli::Invocation& inv) {
   std::vector<std::string> args = inv.args;
+  const std::string nth = cli::TakeArg(args, "N", "");
   cli::ExpectNoMoreArgs(args);
-  std::optional<QorConfigStore::BootReport> report = QorConfigStore::ReadLastBootReport();
+  std::optional<QorConfigStore::BootReport> report;
+  if (nth.empty()) {
+    report = QorConfigStore::ReadLastBootReport();
+  } else {
+    if (nth.find_first_not_of("0123456789") != std::string::npos || nth.size() > 4 || std::stoi(nth) < 1) {
+      throw cli::UsageError("N must be a boot's number in the list 'boots' gives (1 the newest)");
+    }
+    report = QorConfigStore::ReadBootFromHistory(std::stoi(nth));
+  }
   if (!report) {
     throw QorConfigStore::ConfigStoreException(QorConfigStore::CS_ERR_GENERIC,
                                                "No boot report: no load has run on this host since it started");
@@ -143,12 +152,13 @@ const cli::Registrar kLoad({"load", "load [--no-restore] [--force]",
                             "/var/run/talvex/files/last-boot.json) is refused unless --force is given.",
                             RunLoad});
 const cli::Registrar kLastBoot(
-    {"last-boot", "last-boot", "the report of the last load",
-     "Prints the report the last load kept in /var/run/talvex/files/last-boot.json: when it started,\n"
+    {"last-boot", "last-boot [N]", "the report of the last load, or of the Nth newest in the boot history",
+     "Prints the report the last load kept in /var/run/talvex/files/last-boot.json, or with N the\n"
+     "report of the Nth newest boot of the history 'boots' lists (1 the newest): when it started,\n"
      "whether it restored the store, each stage with its duration and what it did, the status and total\n"
      "time, the recorded boot failures it raised, the fatal failure that ended it early (code and\n"
      "message) and every system alert it raised. --json prints the file's document. Exit status 1 when\n"
-     "no load has written a report yet.",
+     "no load has written a report yet, or the history holds no boot N.",
      RunLastBoot});
 const cli::Registrar kKitFiles({"kit-files", "kit-files", "files installed packages declare, by category", "", RunKitFiles});
 const cli::Registrar kFilterSticky({"filter-sticky", "filter-sticky [FILE...]",

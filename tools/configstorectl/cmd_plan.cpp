@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "configstore/plan/NextBootPlan.h"
-#include "tools/configstorectl/Cli.h"
+#include "tools/configstorectl/Changes.h"
 
 namespace {
 
@@ -21,36 +21,6 @@ const char* BootModeName(BOOTMODE mode) {
   }
 }
 
-rapidjson::Value Names(const std::vector<std::string>& names, Allocator& a) {
-  rapidjson::Value list(rapidjson::kArrayType);
-  for (const auto& name : names) list.PushBack(cli::JsonText(name, a), a);
-  return list;
-}
-
-enum class Kind { Added, Removed, Changed, Kept };
-
-rapidjson::Value ObjectJson(const PlannedObject& o, Kind kind, Allocator& a) {
-  rapidjson::Value v(rapidjson::kObjectType);
-  v.AddMember("component", cli::JsonText(o.id.component, a), a);
-  v.AddMember("group", cli::JsonText(o.id.group, a), a);
-  v.AddMember("key", cli::JsonText(o.id.key, a), a).AddMember("identifier", cli::JsonText(o.id.id, a), a);
-  switch (kind) {
-    case Kind::Added: v.AddMember("userValue", cli::StoredValueJson(o.newUserValue, a), a); break;
-    case Kind::Removed:
-    case Kind::Kept: v.AddMember("userValue", cli::StoredValueJson(o.oldUserValue, a), a); break;
-    case Kind::Changed: {
-      v.AddMember("columns", Names(o.changedColumns, a), a);
-      rapidjson::Value members(rapidjson::kObjectType);
-      members.AddMember("added", Names(o.membersAdded, a), a).AddMember("removed", Names(o.membersRemoved, a), a);
-      members.AddMember("changed", Names(o.membersChanged, a), a);
-      v.AddMember("members", members, a);
-      v.AddMember("old", cli::StoredValueJson(o.oldUserValue, a), a).AddMember("new", cli::StoredValueJson(o.newUserValue, a), a);
-      break;
-    }
-  }
-  return v;
-}
-
 void PrintPlanJson(const NextBootPlan& plan) {
   rapidjson::Document d(rapidjson::kObjectType);
   auto& a = d.GetAllocator();
@@ -62,29 +32,11 @@ void PrintPlanJson(const NextBootPlan& plan) {
     failure.AddMember("code", plan.failureCode, a).AddMember("message", cli::JsonText(*plan.failure, a), a);
   }
   d.AddMember("failure", failure, a);
-  const std::pair<const char*, Kind> lists[] = {
-      {"added", Kind::Added}, {"removed", Kind::Removed}, {"changed", Kind::Changed}, {"kept", Kind::Kept}};
-  for (const auto& [name, kind] : lists) {
-    const std::vector<PlannedObject>& objects = kind == Kind::Added     ? plan.added
-                                                : kind == Kind::Removed ? plan.removed
-                                                : kind == Kind::Changed ? plan.changed
-                                                                        : plan.kept;
-    rapidjson::Value list(rapidjson::kArrayType);
-    for (const PlannedObject& o : objects) list.PushBack(ObjectJson(o, kind, a), a);
-    d.AddMember(rapidjson::StringRef(name), list, a);
-  }
+  cli::AddChangesJson(d, plan, a);
+  rapidjson::Value kept(rapidjson::kArrayType);
+  for (const PlannedObject& o : plan.kept) kept.PushBack(cli::ObjectJson(o, cli::ChangeKind::Kept, a), a);
+  d.AddMember("kept", kept, a);
   cli::PrintJson(d);
-}
-
-std::string Name(const PlannedObject& o) {
-  return cli::Printable(o.id.component + " " + o.id.group + " " + o.id.key +
-                        (o.id.id.empty() ? "" : " [" + o.id.id + "]"));
-}
-
-std::string Joined(const std::vector<std::string>& names) {
-  std::string text;
-  for (const auto& name : names) text += (text.empty() ? "" : ", ") + name;
-  return text;
 }
 
 void PrintPlanText(const NextBootPlan& plan) {
@@ -95,22 +47,8 @@ void PrintPlanText(const NextBootPlan& plan) {
                 plan.failureCode, cli::Printable(*plan.failure).c_str());
     return;
   }
-  for (const PlannedObject& o : plan.added) {
-    std::printf("+ added    %s\n      new %s\n", Name(o).c_str(), cli::StoredValueText(o.newUserValue).c_str());
-  }
-  for (const PlannedObject& o : plan.removed) {
-    std::printf("- removed  %s\n      old %s\n", Name(o).c_str(), cli::StoredValueText(o.oldUserValue).c_str());
-  }
-  for (const PlannedObject& o : plan.changed) {
-    std::printf("~ changed  %s (%s)\n", Name(o).c_str(), Joined(o.changedColumns).c_str());
-    const std::pair<const char*, const std::vector<std::string>*> members[] = {
-        {"added", &o.membersAdded}, {"removed", &o.membersRemoved}, {"changed", &o.membersChanged}};
-    for (const auto& [what, names] : members) {
-      if (!names->empty()) std::printf("      members %s: %s\n", what, cli::Printable(Joined(*names)).c_str());
-    }
-    std::printf("      old %s\n      new %s\n", cli::StoredValueText(o.oldUserValue).c_str(), cli::StoredValueText(o.newUserValue).c_str());
-  }
-  for (const PlannedObject& o : plan.kept) std::printf("= kept     %s\n", Name(o).c_str());
+  cli::PrintChangesText(plan);
+  for (const PlannedObject& o : plan.kept) std::printf("= kept     %s\n", cli::ObjectName(o).c_str());
   std::printf("%zu added, %zu removed, %zu changed, %zu kept\n", plan.added.size(), plan.removed.size(),
               plan.changed.size(), plan.kept.size());
 }

@@ -89,10 +89,11 @@ void PrintErrorJson(bool json, int code, const std::string& message, const char*
   PrintJson(d);
 }
 
-int Fail(const std::string& name, bool json, int code, const std::string& message) {
-  std::fprintf(stderr, "configstorectl %s: error %d: %s\n", name.c_str(), code, message.c_str());
+// A subcommand that answers with its exit status (diff: 1 means "they differ") fails with 2.
+int Fail(const Command& command, bool json, int code, const std::string& message) {
+  std::fprintf(stderr, "configstorectl %s: error %d: %s\n", command.name.c_str(), code, message.c_str());
   PrintErrorJson(json, code, message, "failure");
-  return 1;
+  return command.answersWithStatus ? 2 : 1;
 }
 
 // Bad usage before a subcommand is known, exit status 2: the message, and where to look unless the
@@ -113,9 +114,9 @@ int Dispatch(const Command& command, Invocation inv) {
   try {
     if (inv.json && !command.printsData) throw UsageError("--json: this subcommand prints no result");
     g_colour = !inv.json && isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
-    if (command.run(inv) == 0) return 0;
-    return Fail(command.name, inv.json, QorConfigStore::CS_ERR_GENERIC,
-                "failed (see the output above; -v shows the log)");
+    const int status = command.run(inv);
+    if (status == 0 || command.answersWithStatus) return status;
+    return Fail(command, inv.json, QorConfigStore::CS_ERR_GENERIC, "failed (see the output above; -v shows the log)");
   } catch (const UsageError& e) {
     std::fprintf(stderr, "configstorectl %s: %s\nusage: %s\n", command.name.c_str(), e.what(),
                  UsageLine(command).c_str());
@@ -125,9 +126,9 @@ int Dispatch(const Command& command, Invocation inv) {
     std::fprintf(stderr, "configstorectl %s: nothing matches %s\n", command.name.c_str(), e.what());
     return 3;
   } catch (const QorConfigStore::ConfigStoreException& e) {
-    return Fail(command.name, inv.json, e.code(), e.what());
+    return Fail(command, inv.json, e.code(), e.what());
   } catch (const std::exception& e) {
-    return Fail(command.name, inv.json, QorConfigStore::CS_ERR_GENERIC, e.what());
+    return Fail(command, inv.json, QorConfigStore::CS_ERR_GENERIC, e.what());
   }
 }
 
@@ -179,8 +180,8 @@ bool AllUtf8(const rapidjson::Value& value) {
 
 }  // namespace
 
-void PrintJson(const rapidjson::Value& value) {
-  // Text that is not UTF-8 (stored before staging refused it) is printed with its bad bytes as
+std::string PrettyJson(const rapidjson::Value& value) {
+  // Text that is not UTF-8 (stored before staging refused it) is written with its bad bytes as
   // "\xNN", so that the output stays JSON.
   rapidjson::Document copy;
   rapidjson::Value safe;
@@ -190,8 +191,12 @@ void PrintJson(const rapidjson::Value& value) {
   rapidjson::PrettyWriter<rapidjson::StringBuffer> w(buf);
   w.SetIndent(' ', 2);
   (utf8 ? value : safe).Accept(w);
-  std::fwrite(buf.GetString(), 1, buf.GetSize(), stdout);
-  std::fputc('\n', stdout);
+  return std::string(buf.GetString(), buf.GetSize()) + '\n';
+}
+
+void PrintJson(const rapidjson::Value& value) {
+  const std::string text = PrettyJson(value);
+  std::fwrite(text.data(), 1, text.size(), stdout);
   g_printedJson = true;
 }
 

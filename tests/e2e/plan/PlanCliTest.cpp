@@ -175,6 +175,7 @@ TEST_F(PlanCliTest, PlanChangesNothingAndAgreesWithTheLoad) {
       }
     }
 
+    WriteFile("/before-store", ReadFile("/etc/talvex/configstore/current-store-1"));
     CtlResult load = Ctl("load --no-restore");
     ASSERT_EQ(load.status, 0) << load.out << load.err;
     std::map<std::string, std::string> loaded = ConfigRows();
@@ -182,6 +183,11 @@ TEST_F(PlanCliTest, PlanChangesNothingAndAgreesWithTheLoad) {
     EXPECT_EQ(PlanList(plan, "added"), done.added);
     EXPECT_EQ(PlanList(plan, "removed"), done.removed);
     EXPECT_EQ(PlanList(plan, "changed"), done.changed);
+    CtlResult diff = Ctl("diff --json " + Path("/before-store") + " " + Path("/etc/talvex/configstore/current-store-1"));
+    EXPECT_EQ(diff.status, 1) << diff.err;
+    for (const char* list : {"added", "removed", "changed"}) {
+      EXPECT_EQ(PlanList(Json(diff), list), PlanList(plan, list)) << "diff of the store before and after the load";
+    }
     for (const std::string& kept : PlanList(plan, "kept")) {
       EXPECT_EQ(config[kept], loaded[kept]) << kept << " is kept as it was";
     }
@@ -231,6 +237,79 @@ TEST_F(PlanCliTest, LastBootShowsTheLastLoadWithItsFailuresAndAlerts) {
   CtlResult unkept = Ctl("load --no-restore --force");
   EXPECT_EQ(unkept.status, 0) << unkept.err;
   EXPECT_NE(unkept.err.find("Failed to save the boot report"), std::string::npos) << unkept.err;
+}
+
+TEST_F(PlanCliTest, BootsKeepTheLastReportsAndSkipAnUnreadableOne) {
+  FirstBoot();
+  WriteFile("/var/run/talvex/files/loadStoreErrors.json", "{");
+  ASSERT_EQ(Ctl("load --no-restore --force").status, 1);
+  Remove("/var/run/talvex/files/loadStoreErrors.json");
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(cstest::RunCtl(root_, {"load", "--no-restore", "--force"}, {"TALVEX_BOOT_HISTORY=3"}).status, 0);
+  }
+  rapidjson::Document boots = Json(Ctl("boots --json"));
+  ASSERT_EQ(boots["boots"].Size(), 3u) << "the oldest of four loads is gone";
+  const struct { int status; const char* kind; } expected[] = {{0, "as it stands"}, {0, "as it stands"}, {1, "as it stands"}};
+  for (unsigned i = 0; i < 3; ++i) {
+    EXPECT_EQ(boots["boots"][i]["n"].GetInt(), static_cast<int>(i) + 1);
+    EXPECT_EQ(boots["boots"][i]["status"].GetInt(), expected[i].status) << i;
+    EXPECT_STREQ(boots["boots"][i]["kind"].GetString(), expected[i].kind);
+  }
+  EXPECT_TRUE(Json(Ctl("last-boot 1 --json")) == Json(Ctl("last-boot --json")));
+  EXPECT_EQ(Json(Ctl("last-boot --json 3"))["fatal"]["code"].GetInt(), 1081);
+
+  WriteFile(Json(Ctl("boots --json"))["boots"][1]["file"].GetString(), "{");
+  CtlResult skipping = Ctl("boots");
+  EXPECT_EQ(skipping.status, 0);
+  EXPECT_NE(skipping.err.find("skipped /var/run/talvex/files/boot-history/"), std::string::npos) << skipping.err;
+  EXPECT_EQ(Json(Ctl("boots --json"))["unreadable"][0]["n"].GetInt(), 2);
+  EXPECT_EQ(Ctl("last-boot 2").status, 1);
+  EXPECT_EQ(Ctl("last-boot 4").status, 1);
+  EXPECT_EQ(Ctl("last-boot 0").status, 2);
+  EXPECT_EQ(Ctl("load --no-restore --force").status, 0) << "an unreadable history file never fails a boot";
+}
+
+TEST_F(PlanCliTest, ExportStagedBackPlansNoChange) {
+  FirstBoot();
+  // An instance whose id member names another: no document can stage it back.
+  DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
+  ASSERT_EQ(DBStore::Execute(conn, "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) "
+                                   "VALUES ('qor', 'network', 'nuknics', 'nuk9', '{\"name\":\"nuk8\"}')",
+                             {}, {}, DBStore::kTimeoutMs), 0);
+  conn.reset();
+  // First on the installed host, whose mutable default instances are not in the store yet, then
+  // after a boot that applied a desired configuration.
+  const struct {
+    Objects leftOut, added, removed;
+  } rounds[] = {
+      {{"qor/network/nuknics/nuk9", "qor/advanced_options/user_vars/Agent_LogLevel",
+        "qor/advanced_options/user_vars/Agent_RetrySeconds", "qor/system/advanced_options/Net.TcpipHeapSize"},
+       {"qor/advanced_options/user_vars/Agent_LogLevel", "qor/advanced_options/user_vars/Agent_RetrySeconds",
+        "qor/system/advanced_options/Net.TcpipHeapSize"},
+       {"qor/network/nuknics/nuk9"}},
+      {{}, {}, {}},
+  };
+  for (const auto& round : rounds) {
+    CtlResult exported = Ctl("export --json -o " + Path("/export.json"));
+    ASSERT_EQ(exported.status, 0) << exported.err;
+    const std::string bytes = ReadFile("/export.json");
+    EXPECT_EQ(Ctl("export").out, bytes) << "two exports of one store are the same bytes";
+    Objects leftOut;
+    for (const auto& o : Json(exported)["leftOut"].GetArray()) {
+      const std::string name = std::string(o["component"].GetString()) + "/" + o["group"].GetString() + "/" +
+                               o["key"].GetString() + "/" + o["identifier"].GetString();
+      leftOut.insert(name);
+      EXPECT_NE(exported.err.find(o["identifier"].GetString()), std::string::npos) << name << " on standard error";
+    }
+    EXPECT_EQ(leftOut, round.leftOut);
+    ASSERT_EQ(Ctl("set-desired " + Path("/export.json")).status, 0);
+    rapidjson::Document plan = Json(Ctl("plan --json"));
+    EXPECT_EQ(PlanList(plan, "added"), round.added);
+    EXPECT_EQ(PlanList(plan, "removed"), round.removed);
+    EXPECT_EQ(PlanList(plan, "changed"), Objects{});
+    ASSERT_EQ(Ctl("load --no-restore --force").status, 0);
+  }
+  EXPECT_EQ(Ctl("diff " + Path("/export.json") + " " + Path("/etc/talvex/configstore/current-store-1")).status, 0);
 }
 
 }  // namespace

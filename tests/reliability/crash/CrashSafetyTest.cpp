@@ -292,6 +292,10 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
       EXPECT_EQ("", cstest::DiffStores(registered_, Registered())) << "registration half-applied";
     }
 
+    // A load killed while saving its report leaves every report file whole.
+    EXPECT_NO_THROW(QorConfigStore::ReadLastBootReport());
+    for (const auto& kept : QorConfigStore::ReadBootHistory()) EXPECT_TRUE(kept.report) << kept.error;
+
     // The next boot finds the store as the kill left it and runs to its end.
     log_.Clear();
     ASSERT_EQ(QorConfigStore::LoadStore(restoring), 0) << "boot after kill " << k;

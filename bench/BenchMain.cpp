@@ -1,6 +1,7 @@
 // Every main job of the library on generated hosts, each beside its floor (bench/Floors.h) in the
 // same run. Usage:
 //   configstore_bench --host=1x:DIR [--host=2x:DIR ...] [--table=FILE] [Google Benchmark flags]
+// Hosts come in pairs, the second twice the first's scale: the table shows the growth within each.
 // Each host root is made by configstore_bench_gen. Every iteration starts from the host's golden
 // stores (restored untimed) and from a cold validator cache, as a boot process does. The table
 // (median of the iterations, peak heap from bench/HeapCounter.h) goes to standard output and FILE.
@@ -22,6 +23,7 @@
 #include "configstore/boot/LoadStore.h"
 #include "configstore/desired/DesiredConfig.h"
 #include "configstore/frame/Metrics.h"
+#include "configstore/frame/core/FrameConstants.h"
 #include "configstore/maintenance/Cleanup.h"
 #include "configstore/packages/PackageFiles.h"
 #include "configstore/schema/SchemaProcessor.h"
@@ -56,11 +58,13 @@ std::map<std::string, std::map<std::string, Result>> gResults;  // job -> host l
 
 std::string Golden(const std::string& name) { return Host::Resolve(bench::kGoldenDir) + "/" + name; }
 
-void Put(const std::string& goldenName, const std::string& hostPath) {
+void CopyTo(const std::string& from, const std::string& hostPath) {
   const std::string target = Host::Resolve(hostPath);
   fs::create_directories(fs::path(target).parent_path());
-  fs::copy_file(Golden(goldenName), target, fs::copy_options::overwrite_existing);
+  fs::copy_file(from, target, fs::copy_options::overwrite_existing);
 }
+
+void Put(const std::string& goldenName, const std::string& hostPath) { CopyTo(Golden(goldenName), hostPath); }
 
 constexpr const char* kStore = "/etc/talvex/configstore/current-store-1";
 constexpr const char* kDataStore = "/etc/talvex/configstore/datafile-store";
@@ -84,10 +88,11 @@ void BootFrom(const std::string& goldenStore) {
   fs::remove(Host::Resolve(kDataStore));
 }
 
+// The cleanup only removes data files, so copying back what is missing restores the tree; removing
+// and copying tens of thousands of files each time made the file system the slowest part of the run.
 void DataFilesFromGolden() {
-  const std::string live = Host::Resolve("/var/cache/datafiles");
-  fs::remove_all(live);
-  fs::copy(Golden("datafiles"), live, fs::copy_options::recursive);
+  fs::copy(Golden("datafiles"), Host::Resolve("/var/cache/datafiles"),
+           fs::copy_options::recursive | fs::copy_options::skip_existing);
   Put("datafile-store", kDataStore);
 }
 
@@ -108,6 +113,17 @@ std::vector<std::string> StickyFiles() {
   return files;
 }
 
+// A boot whose load fails, or records a failure, ends the run.
+void Boot() {
+  QorConfigStore::BootReport report;
+  const int status = QorConfigStore::LoadStore(true, &report);
+  if (status != 0 || !report.recordedFailures.empty()) {
+    throw std::runtime_error("boot failed: " + (report.fatal ? report.fatal->message
+                                                : report.recordedFailures.empty() ? std::string("status 1")
+                                                                                  : report.recordedFailures.front()));
+  }
+}
+
 // A job: `prepare` runs once per benchmark, `reset` untimed before each iteration; `job` or `floor`
 // is what is timed.
 struct Job {
@@ -121,15 +137,34 @@ struct Job {
 
 std::unique_ptr<rapidjson::Document> gDoc;
 std::vector<std::string> gSticky;
+std::vector<bench::floor::SchemaCase> gCases;
+
+// Our validator on the cases the peer gets, with the rules the default configuration uses.
+void ValidateCases() {
+  rapidjson::Document errors;
+  for (const bench::floor::SchemaCase& c : gCases) {
+    for (const rapidjson::Value& instance : c.instances.GetArray()) {
+      JsonValidator::Validate(c.schema, c.text, instance, errors, QorConfigStore::kRulesDefaultConfig, "");
+      if (!errors.Empty()) throw std::runtime_error("a default instance is not valid");
+    }
+  }
+}
 
 std::vector<Job> Jobs() {
   return {
-      {"ProcessSchemas", 3, nullptr, LiveStores, [] { QorConfigStore::ProcessSchemas({}); },
+      {"ProcessSchemas", 3, nullptr, LiveStores,
+       [] {
+         std::string failure;
+         if (!QorConfigStore::ProcessSchemas({}, &failure)) throw std::runtime_error("ProcessSchemas: " + failure);
+       },
        [] { bench::floor::ProcessSchemas(); }},
+      {"Default instances validated, patterns off (floor: rapidjson's validator)", 3,
+       [] { gCases = bench::floor::PatternFreeDefaults(); }, nullptr, ValidateCases,
+       [] { bench::floor::PeerValidate(gCases); }},
       {"LoadStore, schema-change boot", 3, nullptr, [] { BootFrom("current-store-1.upgrade"); },
-       [] { QorConfigStore::LoadStore(true); }, [] { bench::floor::Boot(true); }},
+       Boot, [] { bench::floor::Boot(true); }},
       {"LoadStore, ordinary boot", 3, nullptr, [] { BootFrom("current-store-1"); },
-       [] { QorConfigStore::LoadStore(true); }, [] { bench::floor::Boot(false); }},
+       Boot, [] { bench::floor::Boot(false); }},
       {"SetDesiredUserConfig", 3, nullptr,
        [] {
          LiveStores();
@@ -141,16 +176,15 @@ std::vector<Job> Jobs() {
          LiveStores();
          auto doc = DesiredDocument();
          QorConfigStore::SetDesiredUserConfig(*doc);
-         fs::create_directories(Host::Resolve("/bench/work"));
-         fs::copy_file(Host::Resolve(kStore), Host::Resolve(kStaged), fs::copy_options::overwrite_existing);
+         CopyTo(Host::Resolve(kStore), kStaged);
        },
        [] {
-         fs::copy_file(Host::Resolve(kStaged), Host::Resolve(kBackup), fs::copy_options::overwrite_existing);
+         CopyTo(Host::Resolve(kStaged), kBackup);
          Put("datafile-store", kDataBackup);
          Put("schema-store", kSchemaStore);
          fs::remove(Host::Resolve(kStore));
        },
-       [] { QorConfigStore::LoadStore(true); }, [] { bench::floor::DesiredBoot(); }},
+       Boot, [] { bench::floor::DesiredBoot(); }},
       {"CleanupStore", 5, nullptr, LiveStores, [] { QorConfigStore::CleanupStore(true); },
        [] { bench::floor::CleanupStore(); }},
       {"CleanupAutoConfig", 5, nullptr, LiveStores, [] { QorConfigStore::CleanupAutoConfig(); },
@@ -231,17 +265,18 @@ std::string Table() {
           << " | " << Mib(r.floorPeak) << " |\n";
     }
   }
-  if (gHosts.size() >= 2) {
-    const std::string& a = gHosts[0].label;
-    const std::string& b = gHosts[1].label;
+  // Hosts given in pairs: the second of each pair is the first at twice the scale.
+  for (size_t pair = 0; pair + 1 < gHosts.size(); pair += 2) {
+    const std::string& a = gHosts[pair].label;
+    const std::string& b = gHosts[pair + 1].label;
     out << "\nGrowth from host " << a << " to host " << b << " (job time " << b << " / job time " << a << "):\n\n"
-        << "| job | wall growth | CPU growth | floor wall growth |\n|---|---:|---:|---:|\n";
+        << "| job | wall growth | CPU growth | floor wall growth | floor CPU growth |\n|---|---:|---:|---:|---:|\n";
     for (const std::string& job : gJobOrder) {
       const Result& ra = gResults[job][a];
       const Result& rb = gResults[job][b];
       out << "| " << job << " | " << ratio(Median(rb.job), Median(ra.job)) << " | "
           << ratio(Median(rb.jobCpu), Median(ra.jobCpu)) << " | " << ratio(Median(rb.floor), Median(ra.floor))
-          << " |\n";
+          << " | " << ratio(Median(rb.floorCpu), Median(ra.floorCpu)) << " |\n";
     }
   }
   return out.str();

@@ -13,10 +13,13 @@
 #include <set>
 #include <sstream>
 #include <stdexcept>
+#include <tuple>
 #include <unordered_map>
 #include <unordered_set>
 
+#include "bench/PeerValidator.h"
 #include "bench/RawSql.h"
+#include "configstore/maintenance/RowSetSql.h"
 #include "platform/host/HostRoot.h"
 
 namespace fs = std::filesystem;
@@ -200,7 +203,9 @@ void LoadDefaults() {
       rapidjson::Document schema;
       Parse(schema, schemaText);
       const rapidjson::Value& properties = schema["properties"];
+      peer::Validator validator(schema);
       auto write = [&](rapidjson::Value& instance) {
+        if (!validator.Valid(instance)) throw std::runtime_error("a default instance is not valid");
         if (idName == "cs_generated_id" && !instance.HasMember("cs_generated_id")) {
           std::string id = NewUuid();
           instance.AddMember("cs_generated_id", rapidjson::Value(id.c_str(), a), a);
@@ -267,13 +272,17 @@ void CleanupStoreRows() {
   {
     RawDb db(ConfigStore(), true);
     Attach(db);
-    db.Exec("DELETE FROM Config WHERE (Component, ConfigGroup, Name) NOT IN "
-            "(SELECT Component, ConfigGroup, Name FROM ss.ConfigSchema)");
+    db.Exec("DELETE FROM Config WHERE " +
+            QorConfigStore::NotInRowSet(
+                {{"Config.Component", "s.Component"}, {"Config.ConfigGroup", "s.ConfigGroup"}, {"Config.Name", "s.Name"}},
+                "ss.ConfigSchema AS s", ""));
     db.Exec("DETACH DATABASE ss");
   }
   RawDb db(DataFileStore(), true);
   Attach(db);
-  db.Exec("DELETE FROM DataFileMetadata WHERE (Component, KEY) NOT IN (SELECT Component, KEY FROM ss.DataFileSchema)");
+  db.Exec("DELETE FROM DataFileMetadata WHERE " +
+          QorConfigStore::NotInRowSet({{"DataFileMetadata.Component", "s.Component"}, {"DataFileMetadata.KEY", "s.KEY"}},
+                                      "ss.DataFileSchema AS s", ""));
   db.Exec("DETACH DATABASE ss");
 }
 
@@ -302,36 +311,37 @@ void DesiredBoot() {
     CleanupAutoConfigOn(db);
   }
   ApplyAndFold([](RawDb& db) {
-    std::vector<std::string> preserved;
-    RawStmt(db.get(),
-            "SELECT s.Component AS Component, s.ConfigGroup AS ConfigGroup, s.Name AS Name, p.value AS Identifier "
-            "FROM ss.ConfigSchema AS s, json_each(s.PreservedInstanceIds) AS p "
+    db.Exec("CREATE TEMP TABLE PreservedUserObject AS SELECT COALESCE(Component, '') AS Component, "
+            "COALESCE(ConfigGroup, '') AS ConfigGroup, COALESCE(Name, '') AS Name, COALESCE(Identifier, '') AS "
+            "Identifier FROM (SELECT s.Component AS Component, s.ConfigGroup AS ConfigGroup, s.Name AS Name, "
+            "p.value AS Identifier FROM ss.ConfigSchema AS s, json_each(s.PreservedInstanceIds) AS p "
             "WHERE COALESCE(s.InstanceIdName, '') NOT IN ('', 'cs_generated_id') AND s.PreservedInstanceIds IS NOT "
-            "NULL AND p.type = 'text' ORDER BY s.Component, s.ConfigGroup, s.Name, p.id")
-        .Run([&](sqlite3_stmt* s) {
-          for (int i = 0; i < 4; ++i) preserved.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(s, i)));
-        });
-    std::string mark =
-        "UPDATE Config SET UserValue = CASE WHEN UserValue IS NOT NULL AND s.PreserveNonUser = 0 THEN "
-        "'mark for deletion' ELSE NULL END, DesiredValue = NULL FROM ss.ConfigSchema AS s WHERE s.Component = "
-        "Config.Component AND s.ConfigGroup = Config.ConfigGroup AND s.Name = Config.Name AND s.DSPIntegrated = 1 "
-        "AND NOT (Config.Component='qor' AND Config.ConfigGroup='authentication' AND Config.Name='user_accounts' AND "
-        "Config.Identifier LIKE 'svc-zpl-%') AND (Config.Component, Config.ConfigGroup, Config.Name, "
-        "Config.Identifier) NOT IN (";
-    for (size_t i = 0; i < preserved.size(); i += 4) mark += i == 0 ? "(?,?,?,?)" : ",(?,?,?,?)";
-    mark += ")";
-    RawStmt marking(db.get(), mark);
-    for (size_t i = 0; i < preserved.size(); ++i) marking.Text(static_cast<int>(i + 1), preserved[i]);
-    marking.Run();
+            "NULL AND p.type = 'text' ORDER BY s.Component, s.ConfigGroup, s.Name, p.id)");
+    db.Exec("CREATE INDEX temp.PreservedUserObjectKey ON PreservedUserObject (Component, ConfigGroup, Name, "
+            "Identifier)");
+    db.Exec("UPDATE Config SET UserValue = CASE WHEN UserValue IS NOT NULL AND s.PreserveNonUser = 0 THEN "
+            "'mark for deletion' ELSE NULL END, DesiredValue = NULL FROM ss.ConfigSchema AS s WHERE s.Component = "
+            "Config.Component AND s.ConfigGroup = Config.ConfigGroup AND s.Name = Config.Name AND s.DSPIntegrated = 1 "
+            "AND NOT (Config.Component='qor' AND Config.ConfigGroup='authentication' AND Config.Name='user_accounts' "
+            "AND Config.Identifier LIKE 'svc-zpl-%') AND " +
+            QorConfigStore::NotInRowSet({{"Config.Component", "p.Component"},
+                                         {"Config.ConfigGroup", "p.ConfigGroup"},
+                                         {"Config.Name", "p.Name"},
+                                         {"Config.Identifier", "p.Identifier"}},
+                                        "temp.PreservedUserObject AS p", ""));
+    db.Exec("DROP TABLE temp.PreservedUserObject");
     db.Exec("INSERT OR IGNORE INTO Config ( Component, ConfigGroup, Name, Identifier, UserValue, VitalValue, "
             "CachedValue ) SELECT Component, ConfigGroup, Name, Identifier, Value, VitalValue, CachedValue FROM "
             "DesiredUserConfig;");
     db.Exec("UPDATE Config SET UserValue = COALESCE(du.Value, Config.UserValue), VitalValue = "
             "COALESCE(du.VitalValue, Config.VitalValue), CachedValue = COALESCE(du.CachedValue, Config.CachedValue) "
-            "FROM ( SELECT Component, ConfigGroup, Name, Identifier, Value, VitalValue, CachedValue FROM "
-            "DesiredUserConfig ) AS du WHERE du.Name = Config.Name AND du.ConfigGroup = Config.ConfigGroup AND "
-            "du.Component = Config.Component AND ( du.Identifier IS NULL OR du.Identifier = '' OR du.Identifier = "
-            "Config.Identifier )");
+            "FROM DesiredUserConfig AS du WHERE du.rowid = COALESCE("
+            "(SELECT d.rowid FROM DesiredUserConfig AS d WHERE d.Component = Config.Component AND d.ConfigGroup = "
+            "Config.ConfigGroup AND d.Name = Config.Name AND d.Identifier = Config.Identifier), "
+            "(SELECT d.rowid FROM DesiredUserConfig AS d WHERE d.Component = Config.Component AND d.ConfigGroup = "
+            "Config.ConfigGroup AND d.Name = Config.Name AND d.Identifier = ''), "
+            "(SELECT d.rowid FROM DesiredUserConfig AS d WHERE d.Component = Config.Component AND d.ConfigGroup = "
+            "Config.ConfigGroup AND d.Name = Config.Name AND d.Identifier IS NULL ORDER BY d.rowid DESC LIMIT 1))");
     db.Exec("Delete from DesiredUserConfig");
     db.Exec("DELETE FROM Config WHERE UserValue='mark for deletion'");
   });
@@ -537,6 +547,69 @@ std::vector<std::string> FilterStickyBitFiles(const std::vector<std::string>& fi
     for (const auto& path : skipped) out << path << '\n';
   }
   return kept;
+}
+
+namespace {
+
+void RemovePatterns(rapidjson::Value& schema) {
+  if (schema.IsArray()) {
+    for (rapidjson::Value& item : schema.GetArray()) RemovePatterns(item);
+    return;
+  }
+  if (!schema.IsObject()) return;
+  auto pattern = schema.FindMember("pattern");
+  if (pattern != schema.MemberEnd() && pattern->value.IsString()) schema.RemoveMember(pattern);
+  for (auto& m : schema.GetObject()) RemovePatterns(m.value);
+}
+
+}  // namespace
+
+std::vector<SchemaCase> PatternFreeDefaults() {
+  std::map<std::tuple<std::string, std::string, std::string>, SchemaCase> cases;
+  auto id = [](const rapidjson::Value& e) {
+    return std::tuple<std::string, std::string, std::string>(View(e["component"]), View(e["group"]), View(e["key"]));
+  };
+  for (const std::string& path : NewestFiles(Host::Resolve("/usr/lib/talvex/configmanager/schemas"))) {
+    rapidjson::Document doc;
+    Parse(doc, ReadAll(path));
+    for (rapidjson::Value& e : doc["data"].GetArray()) {
+      if (!e.HasMember("schema")) continue;
+      SchemaCase& c = cases[id(e)];
+      c.schema.CopyFrom(e["schema"], c.schema.GetAllocator());
+      RemovePatterns(c.schema);
+      c.text = Compact(c.schema);
+      c.instances.SetArray();
+    }
+  }
+  for (const std::string& path : NewestFiles(Host::Resolve("/etc/talvex/default-config"))) {
+    rapidjson::Document doc;
+    Parse(doc, ReadAll(path));
+    for (const rapidjson::Value& e : doc["data"].GetArray()) {
+      auto c = cases.find(id(e));
+      if (c == cases.end()) continue;
+      auto& a = c->second.instances.GetAllocator();
+      const rapidjson::Value& config = e["config"];
+      if (config.IsArray()) {
+        for (const rapidjson::Value& instance : config.GetArray()) c->second.instances.PushBack(rapidjson::Value(instance, a), a);
+      } else {
+        c->second.instances.PushBack(rapidjson::Value(config, a), a);
+      }
+    }
+  }
+  std::vector<SchemaCase> result;
+  for (auto& [key, c] : cases) {
+    if (!c.instances.Empty()) result.push_back(std::move(c));
+  }
+  return result;
+}
+
+void PeerValidate(const std::vector<SchemaCase>& cases) {
+  for (const SchemaCase& c : cases) {
+    peer::Validator validator(c.schema);
+    for (const rapidjson::Value& instance : c.instances.GetArray()) {
+      if (!validator.Valid(instance)) throw std::runtime_error("a default instance is not valid");
+    }
+  }
 }
 
 }  // namespace bench::floor

@@ -22,8 +22,8 @@ std::atomic<long long> gMark{0};
 
 void Added(void* ptr) {
   if (ptr == nullptr) return;
-  long long now = gInUse.fetch_add(static_cast<long long>(malloc_usable_size(ptr)), std::memory_order_relaxed) +
-                  static_cast<long long>(malloc_usable_size(ptr));
+  const auto size = static_cast<long long>(malloc_usable_size(ptr));
+  long long now = gInUse.fetch_add(size, std::memory_order_relaxed) + size;
   long long peak = gPeak.load(std::memory_order_relaxed);
   while (now > peak && !gPeak.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
   }

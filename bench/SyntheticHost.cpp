@@ -63,7 +63,10 @@ struct KeySpec {
   IdKind id = IdKind::Named;
   std::vector<Prop> props;
   bool mutableDefault = false, dsp = false, preserveNonUser = false, smartnic = false;
-  int defaults = 0;  // default instances
+  int defaults = 0;       // default instances
+  long storeRows = 0;     // its rows in the store; 0: an even share of the store's rows
+  long staged = 0;        // instances the desired document stages; 0: up to 5 while its count lasts
+  long preservedIds = 0;  // the first n instance ids, listed in preserveInstanceIds
 };
 
 struct Package {
@@ -75,6 +78,25 @@ struct Package {
 };
 
 using Alloc = rapidjson::MemoryPoolAllocator<>;
+
+// What the generator makes, every count times the scale.
+struct Counts {
+  long packages, configRows, orphanRows, desiredObjects, dataFiles, stickyFiles;
+  long wideRows, wideStaged, preservedIds;  // the shapes host's two keys of package "wide"
+};
+
+Counts CountsOf(const HostSpec& spec) {
+  Counts c = spec.shapes ? Counts{30, 9500, 20000, 1000, 20000, 200, 12000, 20000, 10000}
+                         : Counts{300, 95000, 5000, 10000, 2000, 2000, 0, 0, 0};
+  for (long* n : {&c.packages, &c.configRows, &c.orphanRows, &c.desiredObjects, &c.dataFiles, &c.stickyFiles,
+                  &c.wideRows, &c.wideStaged, &c.preservedIds}) {
+    *n *= spec.scale;
+  }
+  return c;
+}
+
+// The instance id of the i-th instance of a named key: the defaults' ids, then the others.
+std::string NamedId(const KeySpec& key, long i) { return (i < key.defaults ? "d" : "i") + std::to_string(i); }
 
 rapidjson::Value Str(const std::string& text, Alloc& a) {
   return rapidjson::Value(text.c_str(), static_cast<rapidjson::SizeType>(text.size()), a);
@@ -196,7 +218,11 @@ rapidjson::Value SchemaElement(const KeySpec& spec, Rng& rng, Alloc& a) {
     s.AddMember("schema", "qor-shared", a);
     e.AddMember("smartnic", s, a);
   }
-  if (spec.id == IdKind::Named && rng.Chance(5)) {
+  if (spec.preservedIds > 0) {
+    rapidjson::Value ids(rapidjson::kArrayType);
+    for (long i = 0; i < spec.preservedIds; ++i) ids.PushBack(Str(NamedId(spec, i), a), a);
+    e.AddMember("preserveInstanceIds", ids, a);
+  } else if (spec.id == IdKind::Named && rng.Chance(5)) {
     rapidjson::Value ids(rapidjson::kArrayType);
     ids.PushBack("d0", a);
     e.AddMember("preserveInstanceIds", ids, a);
@@ -205,8 +231,20 @@ rapidjson::Value SchemaElement(const KeySpec& spec, Rng& rng, Alloc& a) {
   return e;
 }
 
-std::vector<Package> MakePackages(const HostSpec& spec, Rng& rng) {
-  std::vector<Package> packages(static_cast<size_t>(300 * spec.scale));
+// A key of package "wide": named instances, integrated with the desired configuration, one default.
+KeySpec WideKey(const std::string& key, Rng& rng) {
+  KeySpec spec;
+  spec.component = "wide";
+  spec.group = "grp0";
+  spec.key = key;
+  spec.dsp = true;
+  spec.defaults = 1;
+  for (int i = 0; i < 8; ++i) spec.props.push_back({"p" + std::to_string(i), kKinds[rng.Range(0, 7)]});
+  return spec;
+}
+
+std::vector<Package> MakePackages(const Counts& counts, Rng& rng) {
+  std::vector<Package> packages(static_cast<size_t>(counts.packages));
   for (size_t p = 0; p < packages.size(); ++p) {
     Package& pkg = packages[p];
     char name[32];
@@ -238,6 +276,18 @@ std::vector<Package> MakePackages(const HostSpec& spec, Rng& rng) {
       key.defaults = key.id == IdKind::Singleton ? 1 : rng.Range(1, 8);
       pkg.keys.push_back(std::move(key));
     }
+  }
+  if (counts.wideRows > 0) {
+    Package wide;
+    wide.name = "wide";
+    KeySpec instances = WideKey("instances", rng);
+    instances.storeRows = counts.wideRows;
+    instances.staged = counts.wideStaged;
+    KeySpec preserved = WideKey("preserved", rng);
+    preserved.preservedIds = counts.preservedIds;
+    preserved.storeRows = counts.preservedIds + counts.preservedIds / 10;  // a tenth not preserved
+    wide.keys = {instances, preserved};
+    packages.push_back(std::move(wide));
   }
   return packages;
 }
@@ -292,7 +342,7 @@ void WriteSchemaAndDefaultFiles(const std::string& root, const std::vector<Packa
         e.AddMember("config", Instance(key, "", rng, da), da);
       } else {
         rapidjson::Value config(rapidjson::kArrayType);
-        for (int i = 0; i < key.defaults; ++i) config.PushBack(Instance(key, "d" + std::to_string(i), rng, da), da);
+        for (int i = 0; i < key.defaults; ++i) config.PushBack(Instance(key, NamedId(key, i), rng, da), da);
         e.AddMember("config", config, da);
       }
       *instances += key.defaults;
@@ -356,8 +406,9 @@ void WriteNodeTree() {
   if (!ok) throw std::runtime_error("cannot write the node tree");
 }
 
-// Config rows: about 95,000 per scale of registered keys (defaults' ids and more), 5,000 without schema.
-long FillConfig(RawDb& db, const std::vector<Package>& packages, const HostSpec& spec, Rng& rng) {
+// Config rows: the rows of registered keys (defaults' ids and more) shared evenly by the keys
+// without a row count of their own, the rows of those that have one, then the rows without schema.
+long FillConfig(RawDb& db, const std::vector<Package>& packages, const Counts& counts, Rng& rng) {
   RawStmt insert(db.get(),
                  "INSERT INTO Config (Identifier, Name, ConfigGroup, Component, Version, CreationTime, Revision, "
                  "AutoConfValue, VitalValue, CachedValue, UserValue, DesiredValue, Success) "
@@ -366,20 +417,22 @@ long FillConfig(RawDb& db, const std::vector<Package>& packages, const HostSpec&
   for (const Package& pkg : packages) {
     for (const KeySpec& key : pkg.keys) keys.push_back(&key);
   }
-  const long target = 95000L * spec.scale;
-  long singletons = 0;
-  for (const KeySpec* k : keys) singletons += k->id == IdKind::Singleton;
-  const long instanced = static_cast<long>(keys.size()) - singletons;
-  const long perKey = (target - singletons) / instanced;
-  long extra = (target - singletons) % instanced;
+  long singletons = 0, instanced = 0;
+  for (const KeySpec* k : keys) {
+    singletons += k->storeRows == 0 && k->id == IdKind::Singleton;
+    instanced += k->storeRows == 0 && k->id != IdKind::Singleton;
+  }
+  const long shared = counts.configRows - singletons;
+  const long perKey = shared / instanced;
+  long extra = shared % instanced;
   long rows = 0;
   for (const KeySpec* k : keys) {
-    long count = k->id == IdKind::Singleton ? 1 : perKey + (extra-- > 0 ? 1 : 0);
+    long count = k->storeRows > 0 ? k->storeRows : k->id == IdKind::Singleton ? 1 : perKey + (extra-- > 0 ? 1 : 0);
     for (long i = 0; i < count; ++i) {
       std::string id = k->id == IdKind::Singleton ? ""
                        : k->id == IdKind::Generated
                            ? "00000000-0000-4000-8000-" + std::to_string(100000000000L + rows)
-                           : (i < k->defaults ? "d" : "i") + std::to_string(i);
+                           : NamedId(*k, i);
       rapidjson::Document doc;
       rapidjson::Value instance = Instance(*k, id, rng, doc.GetAllocator());
       if (k->id == IdKind::Generated) instance.AddMember("cs_generated_id", Str(id, doc.GetAllocator()), doc.GetAllocator());
@@ -397,7 +450,7 @@ long FillConfig(RawDb& db, const std::vector<Package>& packages, const HostSpec&
       ++rows;
     }
   }
-  for (long i = 0; i < 5000L * spec.scale; ++i, ++rows) {
+  for (long i = 0; i < counts.orphanRows; ++i, ++rows) {
     insert.Text(1, "i" + std::to_string(i % 50)).Text(2, "key" + std::to_string(i / 50 % 10));
     insert.Text(3, "old").Text(4, "gone" + std::to_string(i / 500)).Text(8, R"({"leftover":true,"size":)" +
                                                                             std::to_string(i) + "}");
@@ -408,9 +461,9 @@ long FillConfig(RawDb& db, const std::vector<Package>& packages, const HostSpec&
 
 // Data files on disk and their records: 20 per data-file key, 1 in 50 unrecorded on disk, 1 in 50
 // records without a file, and 5% records of keys no schema declares.
-long FillDataFiles(const std::string& root, RawDb& db, const std::vector<Package>& packages, const HostSpec& spec) {
+long FillDataFiles(const std::string& root, RawDb& db, const std::vector<Package>& packages, const Counts& counts) {
   RawStmt insert(db.get(), "INSERT INTO DataFileMetadata (Component, KEY, DirName, FileName) VALUES (?, ?, ?, ?)");
-  const long target = 2000L * spec.scale;
+  const long target = counts.dataFiles;
   long files = 0, n = 0;
   while (files < target) {
     for (const Package& pkg : packages) {
@@ -432,8 +485,8 @@ long FillDataFiles(const std::string& root, RawDb& db, const std::vector<Package
 
 // Sticky-bit files: a quarter declared by the packages, the rest with a persistent copy that the
 // node tree maps to an archive (1 in 50 unmapped).
-long WriteStickyFiles(const std::string& root, const std::vector<Package>& packages, const HostSpec& spec) {
-  const long count = 2000L * spec.scale;
+long WriteStickyFiles(const std::string& root, const std::vector<Package>& packages, const Counts& counts) {
+  const long count = counts.stickyFiles;
   const long p = static_cast<long>(packages.size());
   std::string list;
   for (long i = 0; i < count; ++i) {
@@ -465,25 +518,29 @@ long WriteStickyFiles(const std::string& root, const std::vector<Package>& packa
   return count;
 }
 
-long WriteDesiredDocument(const std::string& root, const std::vector<Package>& packages, const HostSpec& spec,
+// Up to 5 instances a key (half replacing current ones, half new) while the document's count lasts;
+// a key with its own staged count gets that many, its current instances first.
+long WriteDesiredDocument(const std::string& root, const std::vector<Package>& packages, const Counts& counts,
                           Rng& rng) {
   rapidjson::Document doc(rapidjson::kObjectType);
   auto& a = doc.GetAllocator();
   rapidjson::Value profile(rapidjson::kObjectType);
-  const long target = 10000L * spec.scale;
-  long objects = 0;
+  const long target = counts.desiredObjects;
+  long objects = 0, own = 0;
   for (const Package& pkg : packages) {
     rapidjson::Value component(rapidjson::kObjectType);
     for (const KeySpec& key : pkg.keys) {
-      if (objects >= target) break;
+      if (key.staged == 0 && objects >= target) break;
       rapidjson::Value value;
-      if (key.id == IdKind::Singleton) {
+      if (key.staged > 0) {
+        value.SetArray();
+        for (long i = 0; i < key.staged; ++i, ++own) value.PushBack(Instance(key, NamedId(key, i), rng, a), a);
+      } else if (key.id == IdKind::Singleton) {
         value = Instance(key, "", rng, a);
         ++objects;
       } else {
         value.SetArray();
         for (int i = 0; i < 5 && objects < target; ++i, ++objects) {
-          // Half the instances replace current ones, half are new.
           value.PushBack(Instance(key, (i % 2 ? "n" : "i") + std::to_string(i), rng, a), a);
         }
       }
@@ -494,7 +551,7 @@ long WriteDesiredDocument(const std::string& root, const std::vector<Package>& p
   }
   doc.AddMember("profile", profile, a);
   WriteJson(root + kDesiredDocument, doc);
-  return objects;
+  return objects + own;
 }
 
 void Copy(const std::string& from, const std::string& to) {
@@ -509,7 +566,8 @@ void GenerateHost(const std::string& root, const HostSpec& spec) {
   fs::create_directories(root);
   Host::SetRoot(root);
   Rng rng(spec.seed * 1000003 + static_cast<uint64_t>(spec.scale));
-  std::vector<Package> packages = MakePackages(spec, rng);
+  const Counts counts = CountsOf(spec);
+  std::vector<Package> packages = MakePackages(counts, rng);
   long instances = 0;
   WriteSchemaAndDefaultFiles(root, packages, rng, &instances);
   WriteImageDb(root, packages);
@@ -523,7 +581,7 @@ void GenerateHost(const std::string& root, const HostSpec& spec) {
   {
     RawDb db(store, true);
     db.Exec("BEGIN");
-    rows = FillConfig(db, packages, spec, rng);
+    rows = FillConfig(db, packages, counts, rng);
     db.Exec("INSERT OR REPLACE INTO KeyValue (Key, Value) VALUES ('BOOT_FS_UUID', '" + std::string(kBootFsUuid) +
             "'), ('BOOT_MODE', '0')");
     db.Exec("COMMIT");
@@ -531,7 +589,7 @@ void GenerateHost(const std::string& root, const HostSpec& spec) {
   {
     RawDb db(dataStore, true);
     db.Exec("BEGIN");
-    dataFiles = FillDataFiles(root, db, packages, spec);
+    dataFiles = FillDataFiles(root, db, packages, counts);
     db.Exec("COMMIT");
   }
   // The library registers the schemas and loads the defaults, as the host's first boot does.
@@ -547,8 +605,12 @@ void GenerateHost(const std::string& root, const HostSpec& spec) {
   RawDb(golden + "/current-store-1.upgrade", true)
       .Exec("UPDATE KeyValue SET Value = 'an-older-boot-image' WHERE Key = 'BOOT_FS_UUID'");
 
-  long sticky = WriteStickyFiles(root, packages, spec);
-  long desired = WriteDesiredDocument(root, packages, spec, rng);
+  long sticky = WriteStickyFiles(root, packages, counts);
+  long desired = WriteDesiredDocument(root, packages, counts, rng);
+  const std::string shapes = counts.wideRows == 0 ? std::string()
+                             : "wide_key_rows " + std::to_string(counts.wideRows) + "\nwide_key_staged " +
+                                   std::to_string(counts.wideStaged) + "\npreserved_ids " +
+                                   std::to_string(counts.preservedIds) + "\n";
   long elements = 0;
   for (const Package& pkg : packages) elements += static_cast<long>(pkg.keys.size()) + 1 + (pkg.dataFileKey ? 1 : 0);
   WriteText(root + kCountsFile, "packages " + std::to_string(packages.size()) + "\nschema_elements " +
@@ -556,7 +618,8 @@ void GenerateHost(const std::string& root, const HostSpec& spec) {
                                     "\nconfig_rows " + std::to_string(rows) + "\ndesired_objects " +
                                     std::to_string(desired) + "\ndata_files " + std::to_string(dataFiles) +
                                     "\nsticky_files " + std::to_string(sticky) + "\nstore_bytes " +
-                                    std::to_string(fs::file_size(store)) + "\n");
+                                    std::to_string(fs::file_size(store)) + "\norphan_rows " +
+                                    std::to_string(counts.orphanRows) + "\n" + shapes);
 }
 
 }  // namespace bench

@@ -5,6 +5,12 @@
 // Scale 1 is the big host (300 packages, about 5,000 schema elements, 20,000 default instances,
 // 100,000 configuration rows, a 10,000-object desired document, 2,000 data files, 2,000 sticky
 // files); scale 2 doubles every count.
+//
+// The shapes host is a tenth of the big host (packages, rows, desired objects, sticky files) with
+// the shapes that a set statement comparing every row against every other would make quadratic:
+// one key with 12,000 instances in the store and 20,000 staged by the desired document, a key
+// that preserves 10,000 instance ids, 20,000 configuration rows without schema and 20,000
+// data-file records. Its scale doubles every count as well.
 #pragma once
 
 #include <cstdint>
@@ -15,6 +21,7 @@ namespace bench {
 struct HostSpec {
   int scale = 1;
   uint64_t seed = 1;
+  bool shapes = false;
 };
 
 // Host paths (resolved against the root) of what the generator leaves beside the host's own files.

@@ -1,6 +1,6 @@
 #!/bin/bash
-# Benchmarks of the main jobs on the generated big host and on one twice its size, each beside its
-# floor. Usage: bench/run.sh BUILD_DIR. Writes the table to standard output and BUILD_DIR/bench-table.md.
+# Benchmarks of the main jobs on the generated big host and on the shapes host, each also at twice
+# its size, each job beside its floor. Usage: bench/run.sh BUILD_DIR. Writes the table to standard output and BUILD_DIR/bench-table.md.
 set -euo pipefail
 build=${1:?usage: bench/run.sh BUILD_DIR}
 src="$(cd "$(dirname "$0")/.." && pwd)"
@@ -17,11 +17,13 @@ cmake --build "$build" --target configstore_bench configstore_bench_gen configst
 build="$(cd "$build" && pwd)"
 
 for scale in 1 2; do
-  echo "generating the ${scale}x host under $build/bench-host-${scale}x" >&2
+  echo "generating the ${scale}x hosts under $build/bench-host-${scale}x and $build/bench-host-shapes-${scale}x" >&2
   "$build/bench/configstore_bench_gen" "$build/bench-host-${scale}x" "$scale" "$seed"
+  "$build/bench/configstore_bench_gen" --shapes "$build/bench-host-shapes-${scale}x" "$scale" "$seed"
 done
 
 "$build/bench/configstore_bench" --host="1x:$build/bench-host-1x" --host="2x:$build/bench-host-2x" \
+  --host="shapes-1x:$build/bench-host-shapes-1x" --host="shapes-2x:$build/bench-host-shapes-2x" \
   --table="$build/bench-table.md" >&2
 {
   echo

@@ -1,6 +1,8 @@
 // Compile: copies the schema (and every remote schema it refers to) into the compiled result,
 // indexes the "id" base URIs, resolves "$ref" and compiles the patterns, once per cache key.
 #include <cmath>
+#include <iterator>
+#include <string_view>
 #include <unordered_set>
 
 #include "platform/validator/CompiledSchema.h"
@@ -65,7 +67,9 @@ class Compiler {
   // objects that "id" names. Values of "enum" and unknown keywords are not schemas: an "id" inside
   // them names nothing.
   void Index(const Value& schema, Place place) {
-    if (!schema.IsObject() || places_.count(&schema) != 0) return;
+    if (!schema.IsObject()) return;
+    auto [entry, added] = places_.try_emplace(&schema);
+    if (!added) return;
     auto id = schema.FindMember("id");
     if (id != schema.MemberEnd() && id->value.IsString() && !schema.HasMember("$ref")) {
       place.base = ResolveUri(place.base, Name(id->value));
@@ -73,24 +77,38 @@ class Compiler {
       if (!key.empty() && key.back() == '#') key.pop_back();
       byUri_.emplace(key, &schema);
     }
-    places_[&schema] = place;
-    for (const char* keyword : {"properties", "patternProperties", "definitions", "dependencies"}) {
-      auto map = schema.FindMember(keyword);
-      if (map == schema.MemberEnd() || !map->value.IsObject()) continue;
-      for (auto& m : map->value.GetObject()) {
-        Index(m.value, Place{place.base, place.location + "/" + keyword + "/" + EscapePointerToken(Name(m.name))});
+    entry->second = place;
+    // The maps of schemas first, then the schemas and arrays of schemas, each in this order; the
+    // first member of a name counts, as FindMember finds it.
+    static constexpr std::string_view kKeywords[] = {"properties", "patternProperties", "definitions",
+                                                     "dependencies", "items", "additionalItems",
+                                                     "additionalProperties", "not", "allOf", "anyOf", "oneOf"};
+    constexpr size_t kMaps = 4;
+    const Value* found[std::size(kKeywords)] = {};
+    for (auto& m : schema.GetObject()) {
+      const std::string_view name(m.name.GetString(), m.name.GetStringLength());
+      for (size_t k = 0; k < std::size(kKeywords); ++k) {
+        if (name == kKeywords[k]) {
+          if (found[k] == nullptr) found[k] = &m.value;
+          break;
+        }
       }
     }
-    for (const char* keyword : {"items", "additionalItems", "additionalProperties", "not", "allOf", "anyOf", "oneOf"}) {
-      auto sub = schema.FindMember(keyword);
-      if (sub == schema.MemberEnd()) continue;
-      std::string at = place.location + "/" + keyword;
-      if (sub->value.IsArray()) {
-        for (rapidjson::SizeType i = 0; i < sub->value.Size(); ++i) {
-          Index(sub->value[i], Place{place.base, at + "/" + std::to_string(i)});
+    for (size_t k = 0; k < kMaps; ++k) {
+      if (found[k] == nullptr || !found[k]->IsObject()) continue;
+      const std::string at = place.location + "/" + std::string(kKeywords[k]) + "/";
+      for (auto& m : found[k]->GetObject()) Index(m.value, Place{place.base, at + EscapePointerToken(Name(m.name))});
+    }
+    for (size_t k = kMaps; k < std::size(kKeywords); ++k) {
+      const Value* sub = found[k];
+      if (sub == nullptr) continue;
+      std::string at = place.location + "/" + std::string(kKeywords[k]);
+      if (sub->IsArray()) {
+        for (rapidjson::SizeType i = 0; i < sub->Size(); ++i) {
+          Index((*sub)[i], Place{place.base, at + "/" + std::to_string(i)});
         }
       } else {
-        Index(sub->value, Place{place.base, at});
+        Index(*sub, Place{place.base, at});
       }
     }
   }
@@ -141,9 +159,12 @@ class Compiler {
     return *target;
   }
 
-  const Node* CompileChild(const Value& schema, const Place& parent, const std::string& suffix) {
+  // `suffix()` gives the child's location below its parent's, for a child that Index did not reach;
+  // it is built only then.
+  template <typename Suffix>
+  const Node* CompileChild(const Value& schema, const Place& parent, Suffix suffix) {
     auto known = places_.find(&schema);
-    return CompileAt(schema, known != places_.end() ? known->second : Place{parent.base, parent.location + suffix});
+    return CompileAt(schema, known != places_.end() ? known->second : Place{parent.base, parent.location + suffix()});
   }
 
   const Node* CompileAt(const Value& schema, const Place& place) {
@@ -164,19 +185,21 @@ class Compiler {
     if (auto ref = schema.FindMember("$ref"); ref != schema.MemberEnd()) {
       if (!ref->value.IsString()) throw SchemaError{place.location + ": \"$ref\" must be a string"};
       const Value& target = ResolveRef(Name(ref->value), place);
-      node.ref = CompileChild(target, place, "/$ref");
+      node.ref = CompileChild(target, place, [] { return std::string("/$ref"); });
       refNodes_.push_back(&node);
       return &node;  // "$ref" overrides every sibling keyword
     }
     for (auto& member : schema.GetObject()) {
-      CompileKeyword(node, Name(member.name), member.value, place);
+      CompileKeyword(node, std::string_view(member.name.GetString(), member.name.GetStringLength()), member.value,
+                     place);
     }
     return &node;
   }
 
-  void CompileKeyword(Node& node, const std::string& keyword, const Value& v, const Place& place) {
-    std::string at = place.location + "/" + EscapePointerToken(keyword);
-    auto bad = [&](const char* what) { throw SchemaError{at + ": \"" + keyword + "\" must be " + what}; };
+  void CompileKeyword(Node& node, std::string_view keyword, const Value& v, const Place& place) {
+    // The keyword's location, built only for an error.
+    auto at = [&] { return place.location + "/" + EscapePointerToken(std::string(keyword)); };
+    auto bad = [&](const char* what) { throw SchemaError{at() + ": \"" + std::string(keyword) + "\" must be " + what}; };
     auto count = [&]() -> uint64_t {
       if (v.IsUint64()) return v.GetUint64();
       if (v.IsDouble() && v.GetDouble() >= 0 && v.GetDouble() < 1e18 && std::floor(v.GetDouble()) == v.GetDouble()) {
@@ -187,12 +210,14 @@ class Compiler {
     };
     auto schemaArray = [&](std::vector<const Node*>& into) {
       if (!v.IsArray()) bad("an array of schemas");
-      for (rapidjson::SizeType i = 0; i < v.Size(); ++i) into.push_back(CompileChild(v[i], place, "/" + keyword + "/" + std::to_string(i)));
+      for (rapidjson::SizeType i = 0; i < v.Size(); ++i) {
+        into.push_back(CompileChild(v[i], place, [&] { return "/" + std::string(keyword) + "/" + std::to_string(i); }));
+      }
     };
     auto pattern = [&](const std::string& source) {
       std::string error;
       std::shared_ptr<const RE2> re = CompileEcmaPattern(source, error);
-      if (!re) throw SchemaError{at + ": bad pattern \"" + source + "\": " + error};
+      if (!re) throw SchemaError{at() + ": bad pattern \"" + source + "\": " + error};
       return re;
     };
 
@@ -222,7 +247,7 @@ class Compiler {
       node.describesMembers = true;
       for (auto& m : v.GetObject()) {
         node.properties[std::string_view(m.name.GetString(), m.name.GetStringLength())] =
-            CompileChild(m.value, place, "/properties/" + EscapePointerToken(Name(m.name)));
+            CompileChild(m.value, place, [&] { return "/properties/" + EscapePointerToken(Name(m.name)); });
         auto marker = m.value.FindMember("instanceId");
         if (node.instanceIdMember.empty() && marker != m.value.MemberEnd() && marker->value.IsTrue()) {
           node.instanceIdMember = Name(m.name);
@@ -237,7 +262,7 @@ class Compiler {
         PatternSchema& p = node.patternProperties.emplace_back();
         p.source = Name(m.name);
         p.re = pattern(p.source);
-        p.schema = CompileChild(m.value, place, "/patternProperties/" + EscapePointerToken(p.source));
+        p.schema = CompileChild(m.value, place, [&] { return "/patternProperties/" + EscapePointerToken(p.source); });
       }
     } else if (keyword == "additionalProperties" || keyword == "additionalItems") {
       bool properties = keyword == "additionalProperties";
@@ -246,7 +271,8 @@ class Compiler {
         extra = v.GetBool() ? Extra::kAllowed : Extra::kRefused;
       } else if (v.IsObject()) {
         extra = Extra::kSchema;
-        (properties ? node.additionalPropertiesSchema : node.additionalItemsSchema) = CompileChild(v, place, "/" + keyword);
+        (properties ? node.additionalPropertiesSchema : node.additionalItemsSchema) =
+            CompileChild(v, place, [&] { return "/" + std::string(keyword); });
       } else {
         bad("a boolean or a schema");
       }
@@ -267,7 +293,7 @@ class Compiler {
             d.requiredMembers.push_back(Name(name));
           }
         } else {
-          d.schema = CompileChild(m.value, place, "/dependencies/" + EscapePointerToken(d.member));
+          d.schema = CompileChild(m.value, place, [&] { return "/dependencies/" + EscapePointerToken(d.member); });
         }
       }
     } else if (keyword == "minProperties") {
@@ -279,7 +305,7 @@ class Compiler {
         node.itemsIsTuple = true;
         schemaArray(node.tupleItems);
       } else {
-        node.items = CompileChild(v, place, "/items");
+        node.items = CompileChild(v, place, [] { return std::string("/items"); });
       }
     } else if (keyword == "minItems") {
       node.minItems = count();
@@ -315,7 +341,7 @@ class Compiler {
     } else if (keyword == "oneOf") {
       schemaArray(node.oneOf);
     } else if (keyword == "not") {
-      node.notSchema = CompileChild(v, place, "/not");
+      node.notSchema = CompileChild(v, place, [] { return std::string("/not"); });
     } else if (keyword == "definitions") {
       if (!v.IsObject()) bad("an object");
       pendingDefinitions_.push_back(&v);  // compiled at the end: a broken unused definition still counts

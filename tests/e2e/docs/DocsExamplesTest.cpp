@@ -113,6 +113,6 @@ TEST_P(DocsExamplesTest, EveryExampleShowsWhatTheToolsPrint) {
   std::filesystem::remove_all(scratch);
 }
 
-INSTANTIATE_TEST_SUITE_P(Docs, DocsExamplesTest, testing::Values("docs/operator-guide.md", "docs/plonsh.md"));
+INSTANTIATE_TEST_SUITE_P(Docs, DocsExamplesTest, testing::Values("docs/operator-guide.md", "docs/cli.md", "docs/plonsh.md"));
 
 }  // namespace

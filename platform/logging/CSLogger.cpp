@@ -8,6 +8,7 @@
 #include <ctime>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "platform/host/Files.h"
 #include "platform/host/HostRoot.h"
@@ -139,9 +140,9 @@ void RemoveFileLogger(FileLoggerHandle handle) {
   std::erase_if(gFileLoggers, [&](const auto& f) { return f.get() == handle; });
 }
 
-void SetStderrLevel(int maxPriority) {
+int SetStderrLevel(int maxPriority) {
   std::lock_guard lock(gMutex);
-  gStderrLevel = maxPriority;
+  return std::exchange(gStderrLevel, maxPriority);
 }
 
 Capture::Capture() {

@@ -30,8 +30,9 @@ using FileLoggerHandle = void*;
 FileLoggerHandle AddFileLogger(const std::string& name);
 void RemoveFileLogger(FileLoggerHandle handle);
 
-// Standard-error sink: lines of priority <= maxPriority are written; -1 turns it off.
-void SetStderrLevel(int maxPriority);
+// Standard-error sink: lines of priority <= maxPriority are written; -1 turns it off. Returns the
+// level it replaces.
+int SetStderrLevel(int maxPriority);
 
 struct Line {
   int priority;

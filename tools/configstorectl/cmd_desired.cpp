@@ -43,7 +43,9 @@ int RunSetDesired(const cli::Invocation& inv) {
       cli::PrintJson(d);
     }
     for (const auto& e : errors.GetArray()) {
-      std::fprintf(stderr, "%s: %s\n", cli::Printable(e["field"].GetString()).c_str(),
+      // An error of the whole document (a root that is not an object) has the empty path.
+      std::string field = e["field"].GetString();
+      std::fprintf(stderr, "%s: %s\n", field.empty() ? "(document)" : cli::Printable(field).c_str(),
                    cli::Printable(e["error"].GetString()).c_str());
     }
     const char* noun = errors.Size() == 1 ? " validation error" : " validation errors";
@@ -60,7 +62,18 @@ int RunSetSmartnic(const cli::Invocation& inv) {
   std::string file = TakeArg(args, "FILE");
   cli::ExpectNoMoreArgs(args);
   std::shared_ptr<JsonDoc> doc = CreateDocumentFromFile(file);
-  SetDesiredSmartnicConfiguration(*doc->document);
+  try {
+    SetDesiredSmartnicConfiguration(*doc->document);
+  } catch (const ConfigStoreException& e) {
+    // The library's message names its own function and, for a refused object, sends the reader to
+    // "logs": those are the validation errors already printed above on standard error.
+    std::string reason = e.what();
+    for (const char* prefix : {"SetDesiredSmartnicConfiguration failed: ", "Failed to validate smartnic configuration"}) {
+      if (reason.rfind(prefix, 0) == 0) reason.erase(0, std::string(prefix).size());
+    }
+    if (reason.rfind(", Check logs", 0) == 0) reason = "invalid SmartNIC configuration (the errors are listed above)";
+    throw ConfigStoreException(e.code(), file + ": " + reason + ", nothing staged");
+  }
   PrintStatus(inv.json, "smartnic configuration");
   return 0;
 }

@@ -9,6 +9,7 @@
 #include "configstore/frame/BootLock.h"
 #include "configstore/packages/PackageFiles.h"
 #include "platform/host/HostRoot.h"
+#include "platform/logging/CSLogger.h"
 #include "tools/configstorectl/Cli.h"
 
 namespace {
@@ -112,6 +113,8 @@ int RunKitFiles(const cli::Invocation& inv) {
   return 0;
 }
 
+constexpr const char* kSkipList = "/var/run/talvex/files/skip-backup-list";
+
 int RunFilterSticky(const cli::Invocation& inv) {
   std::vector<std::string> files = cli::Positionals(inv.args);
   if (files.empty()) {
@@ -119,14 +122,35 @@ int RunFilterSticky(const cli::Invocation& inv) {
       if (!line.empty()) files.push_back(line);
     }
   }
-  std::vector<std::string> kept = QorConfigStore::FilterStickyBitFiles(files);
+  // A refused file is the filter's answer, not a failure. The library gives its reasons to the
+  // system log as errors; standard error shows them only with -v, and gets one line per refused file.
+  const int shown = CSLogger::SetStderrLevel(-1);
+  if (shown > CSLogger::PRIO_ERROR) CSLogger::SetStderrLevel(shown);
+  std::vector<std::string> kept;
+  try {
+    kept = QorConfigStore::FilterStickyBitFiles(files);
+  } catch (...) {
+    CSLogger::SetStderrLevel(shown);
+    throw;
+  }
+  CSLogger::SetStderrLevel(shown);
   if (inv.json) {
     rapidjson::Document d(rapidjson::kArrayType);
     for (const auto& f : kept) d.PushBack(cli::JsonText(f, d.GetAllocator()), d.GetAllocator());
     cli::PrintJson(d);
-    return 0;
+  } else {
+    for (const auto& f : kept) std::printf("%s\n", f.c_str());
   }
-  for (const auto& f : kept) std::printf("%s\n", f.c_str());
+  std::fflush(stdout);  // the list, then the refusals, whatever the streams are
+  size_t next = 0;      // kept is in input order
+  for (const auto& f : files) {
+    if (next < kept.size() && kept[next] == f) {
+      ++next;
+    } else {
+      std::fprintf(stderr, "configstorectl filter-sticky: %s: not persisted, listed in %s (the system log says why)\n",
+                   cli::Printable(f).c_str(), kSkipList);
+    }
+  }
   return 0;
 }
 
@@ -165,7 +189,8 @@ const cli::Registrar kFilterSticky({"filter-sticky", "filter-sticky [FILE...]",
                                     "print the sticky-bit files that may be persisted (others go to the skip list)",
                                     "Reads the candidate files from the arguments, or one per line from standard input.\n"
                                     "Prints those that may be persisted; the refused ones are written to\n"
-                                    "/var/run/talvex/files/skip-backup-list.",
+                                    "/var/run/talvex/files/skip-backup-list, each with a line on standard error\n"
+                                    "(the reasons go to the system log; -v shows them too).",
                                     RunFilterSticky});
 const cli::Registrar kTrackFiles({"track-files", "track-files backup|nonschema FILE...",
                                   "replace the backup list or the list of files without schema", "", RunTrackFiles,

@@ -31,6 +31,11 @@ TEST_F(DesiredCliTest, SetDesiredPrintsEveryErrorAndStagesNothing) {
   EXPECT_NE(r.err.find("4 validation errors, nothing staged"), std::string::npos) << r.err;
   EXPECT_EQ(Staged(), before);
   EXPECT_EQ(BootMode(), "0");
+
+  WriteFile("/tmp/array.json", "[]");
+  r = Run("set-desired " + Path("/tmp/array.json"));
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("(document): must be of type object, got array\n"), std::string::npos) << r.err;
 }
 
 TEST_F(DesiredCliTest, SetDesiredStagesAValidDocumentAndStagedListsIt) {
@@ -71,6 +76,16 @@ TEST_F(DesiredCliTest, DeleteHostApiAndSmartnic) {
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(BootMode(), "3");
   EXPECT_EQ(Staged().size(), 3u);
+
+  // The failure line names the file and the problem, not the library's function or "logs".
+  WriteFile("/tmp/badnic.json", R"({"qor": {"dpu": {"mode": {"mode": "sideways"}}}})");
+  r = Run("set-smartnic " + Path("/tmp/badnic.json"));
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("error 2000: " + Path("/tmp/badnic.json") +
+                       ": invalid SmartNIC configuration (the errors are listed above), nothing staged\n"),
+            std::string::npos)
+      << r.err;
+  EXPECT_EQ(r.err.find("SetDesiredSmartnicConfiguration"), std::string::npos) << r.err;
 
   r = Run("set-smartnic " + Path("/tmp/missing.json"));
   EXPECT_EQ(r.status, 1);

@@ -4,7 +4,7 @@
 set -eu
 
 PACKAGES="cmake make g++ clang libclang-rt-14-dev pkg-config sqlite3 libsqlite3-dev rapidjson-dev libre2-dev
-libpugixml-dev libgtest-dev libgmock-dev googletest libbenchmark-dev python3
+libpugixml-dev libgtest-dev libgmock-dev googletest libbenchmark-dev python3 jq
 build-essential debhelper help2man lintian systemd man-db"
 
 missing=""

@@ -62,10 +62,11 @@ std::string Replace(std::string text, const std::string& from, const std::string
   return text;
 }
 
-// Times, dates and durations masked; trailing blanks dropped.
+// Times, dates and durations masked (with the blanks around a duration, whose width varies in a
+// table); trailing blanks dropped.
 std::string Masked(const std::string& text) {
-  static const std::regex time(R"(\d{4}-\d\d-\d\d[T ]\d\d:\d\d:\d\dZ?)"), ms(R"( +\d+\.\d ms)"), trailing(R"([ \t]+\n)");
-  std::string masked = std::regex_replace(std::regex_replace(text, time, "<time>"), ms, " <ms>");
+  static const std::regex time(R"(\d{4}-\d\d-\d\d[T ]\d\d:\d\d:\d\dZ?)"), ms(R"( +\d+\.\d ms *)"), trailing(R"([ \t]+\n)");
+  std::string masked = std::regex_replace(std::regex_replace(text, time, "<time>"), ms, " <ms> ");
   return std::regex_replace(masked, trailing, "\n");
 }
 

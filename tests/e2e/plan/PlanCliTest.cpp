@@ -295,7 +295,8 @@ TEST_F(PlanCliTest, ExportStagedBackPlansNoChange) {
     const std::string bytes = ReadFile("/export.json");
     EXPECT_EQ(Ctl("export").out, bytes) << "two exports of one store are the same bytes";
     Objects leftOut;
-    for (const auto& o : Json(exported)["leftOut"].GetArray()) {
+    const rapidjson::Document report = Json(exported);  // outlives the loop over its members
+    for (const auto& o : report["leftOut"].GetArray()) {
       const std::string name = std::string(o["component"].GetString()) + "/" + o["group"].GetString() + "/" +
                                o["key"].GetString() + "/" + o["identifier"].GetString();
       leftOut.insert(name);

@@ -162,8 +162,7 @@ std::string Unsoundness(const std::string& path) {
 
 // Creates the file when missing and every missing table, in one transaction. 0 on success.
 int CreateStore(const std::string& path, Kind kind) {
-  auto slash = path.find_last_of('/');
-  if (slash != std::string::npos && slash > 0 && !Host::MakeDirs(path.substr(0, slash))) {
+  if (!Host::MakeParentDirs(path)) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to create the directory of database %s", path.c_str());
     return 1;
   }

@@ -15,8 +15,7 @@
 namespace Host {
 
 FileLock::FileLock(const std::string& path, Mode mode, int waitMs) {
-  auto slash = path.find_last_of('/');
-  if (slash != std::string::npos && slash > 0) MakeDirs(path.substr(0, slash));
+  MakeParentDirs(path);
   fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
   if (fd_ < 0) throw std::runtime_error("cannot open the lock file " + path + ": " + std::strerror(errno));
   const int operation = (mode == Mode::Exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB;

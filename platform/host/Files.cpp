@@ -16,8 +16,7 @@
 namespace Host {
 
 bool AppendLine(const std::string& path, const std::string& line) {
-  auto slash = path.find_last_of('/');
-  if (slash != std::string::npos && slash > 0) MakeDirs(path.substr(0, slash));
+  MakeParentDirs(path);
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   std::string text = line + "\n";

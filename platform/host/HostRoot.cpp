@@ -94,6 +94,11 @@ bool InsideRoot(const std::string& resolvedPath) {
   return rootEnd == realRoot.end() && candidate != realRoot && path.filename() != "..";
 }
 
+bool MakeParentDirs(const std::string& path) {
+  auto slash = path.find_last_of('/');
+  return slash == std::string::npos || slash == 0 || MakeDirs(path.substr(0, slash));
+}
+
 bool MakeDirs(const std::string& path) {
   struct stat st{};
   if (path.empty() || stat(path.c_str(), &st) == 0) return S_ISDIR(st.st_mode) || path.empty();

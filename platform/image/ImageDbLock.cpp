@@ -38,8 +38,7 @@ std::string HolderPid(const std::string& path) {
 }  // namespace
 
 ImageDbLock::ImageDbLock(const std::string& path) {
-  auto slash = path.find_last_of('/');
-  if (slash != std::string::npos && slash > 0) Host::MakeDirs(path.substr(0, slash));
+  Host::MakeParentDirs(path);
   fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   if (fd_ < 0) {
     Fail("Cannot open the image database lock file " + path + ": " + std::strerror(errno));

@@ -112,8 +112,7 @@ NUK_ReturnStatus NodeFile(const NodeDef& def, const PLON_ParamList* args, std::s
 
 // Replaces the whole of a regular file (anything else is refused), creating its directory.
 bool WriteWholeFile(const std::string& resolvedPath, const std::string& content) {
-  auto slash = resolvedPath.find_last_of('/');
-  if (slash != std::string::npos && slash > 0 && !Host::MakeDirs(resolvedPath.substr(0, slash))) return false;
+  if (!Host::MakeParentDirs(resolvedPath)) return false;
   int fd = Host::OpenRegularFile(resolvedPath, O_WRONLY | O_CREAT | O_TRUNC);
   if (fd < 0) return false;
   size_t done = 0;

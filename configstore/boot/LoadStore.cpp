@@ -8,7 +8,6 @@
 #include <ctime>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <unordered_set>
 #include <memory>
 #include <sstream>
@@ -99,6 +98,7 @@ long CountRows(const char* sql, bool attachSchemaStore = false) {
 
 long ConfigRows() { return CountRows("SELECT COUNT(*) FROM Config"); }
 
+// SYSTEM-AS-IS: modules run in directory order, unsorted, as the host has always run them.
 std::vector<std::string> UpgradeModulePaths() {
   std::vector<std::string> paths;
   std::string dir = Host::Resolve(kUpgradeModuleDir);
@@ -112,8 +112,10 @@ std::vector<std::string> UpgradeModulePaths() {
 }
 
 void RunUpgrade(Stage& stage) {
-  Host::MakeDirs(Host::Resolve("/tmp"));  // present on a real host; a sandbox root may lack it
-  { std::ofstream marker(Host::Resolve(kUpgradeMarker), std::ios::trunc); }
+  std::string error;
+  if (!Host::WriteFileAtomically(Host::Resolve(kUpgradeMarker), "", &error)) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "%s", error.c_str());
+  }
   CSLogger::Log(CSLogger::PRIO_INFO, "Configuration upgrade started.");
   std::vector<std::string> modules = UpgradeModulePaths();
   if (QorConfigUpgrade::ExecuteBootTimeModules(modules, !IsDebugUpgrade()) != 0) {
@@ -502,12 +504,11 @@ void TrackFiles(const std::vector<std::string>& files, FileType type) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Invalid file type specified.");
     return;
   }
-  std::ofstream out(Host::Resolve(target), std::ios::trunc);
-  if (!out) {
-    CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to open file for tracking");
-    return;
+  std::string text, error;
+  for (const auto& file : files) text += file + '\n';
+  if (!Host::WriteFileAtomically(Host::Resolve(target), text, &error)) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to open file for tracking: %s", error.c_str());
   }
-  for (const auto& file : files) out << file << '\n';
 }
 
 }  // namespace QorConfigStore

@@ -1,7 +1,6 @@
 #include "configstore/defaults/DefaultConfig.h"
 
 #include <exception>
-#include <fstream>
 #include <vector>
 
 #include "configstore/defaults/DefaultConfigSteps.h"
@@ -10,6 +9,7 @@
 #include "configstore/frame/Documents.h"
 #include "configstore/schema/SchemaFiles.h"
 #include "platform/host/Features.h"
+#include "platform/host/Files.h"
 #include "platform/host/HostRoot.h"
 #include "platform/schemastore/SchemaDocument.h"
 #include "platform/validator/ConfigStoreDocument.h"
@@ -23,12 +23,10 @@ namespace {
 void WriteErrorFile(const std::string& path, const rapidjson::Value& errors) {
   std::string text;
   ConfigStoreDocument::SerializeValue(errors, text);
-  const std::string parent = path.substr(0, path.rfind('/'));
-  std::ofstream out;
-  if (Host::MakeDirs(parent)) out.open(path, std::ios::binary | std::ios::trunc);
-  out << text;
-  out.close();
-  if (!out) CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to write default config error file %s", path.c_str());
+  std::string error;
+  if (!Host::WriteFileAtomically(path, text, &error)) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to write default config error file %s", error.c_str());
+  }
 }
 
 }  // namespace

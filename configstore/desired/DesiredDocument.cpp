@@ -80,6 +80,7 @@ void PreserveDroppedSwitches(const DBStore::Connection& conn,
                   staging::OrNull(row[1]), staging::OrNull(row[2]));
     rapidjson::Document value;
     if (!row[1] || value.Parse(row[1]->c_str()).HasParseError()) {
+      // SYSTEM-AS-IS: "configruation" is the host's own wording; scripts match the message.
       throw ConfigStoreException(CS_ERR_GENERIC, "Failed to preserve ZSW configruation.");
     }
     std::string serialized;

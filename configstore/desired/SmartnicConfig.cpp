@@ -82,7 +82,8 @@ void SetDesiredSmartnicConfiguration(rapidjson::Document& doc) {
           CS_ERR_GENERIC, "Failed to validate smartnic configuration, Check logs for specific validation errors.");
     }
     // Every shared key the document leaves out starts from its default configuration, or from
-    // nothing where that default may not change.
+    // nothing where that default may not change. SYSTEM-AS-IS: the double-quoted tokens are
+    // SQLite's string-literal fallback, kept as the host's statement has them.
     Run(conn,
         "INSERT OR REPLACE INTO DesiredUserConfig (Component, ConfigGroup, Name, BootAction) SELECT Component, "
         "ConfigGroup, Name, CASE WHEN MutableDefaultConfig=1 THEN \"SET_DEFAULT\" ELSE 'DELETE' END FROM "

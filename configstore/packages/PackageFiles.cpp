@@ -7,11 +7,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <unordered_set>
 
+#include "platform/host/Files.h"
 #include "platform/host/HostRoot.h"
 #include "platform/image/QorImage.h"
 #include "platform/logging/CSLogger.h"
@@ -25,7 +25,8 @@ const char* const kCategories[] = {"vital", "cached", "config"};
 const char* kSkipListFile = "/var/run/talvex/files/skip-backup-list";
 constexpr size_t kArchiveNameOffset = 36;
 
-// Declared files by category: process-wide and only ever added to, as the backup flow expects.
+// SYSTEM-AS-IS: declared files by category are process-wide and only ever added to (never
+// emptied, whatever the host root), as the single boot or backup flow that calls the filter expects.
 std::unordered_map<std::string, std::unordered_set<std::string>>& DeclaredFiles() {
   static std::unordered_map<std::string, std::unordered_set<std::string>> sets;
   return sets;
@@ -179,10 +180,11 @@ std::vector<std::string> FilterStickyBitFiles(const std::vector<std::string>& fi
     }
   }
   if (!skipped.empty()) {
-    std::string list = Host::Resolve(kSkipListFile);
-    Host::MakeDirs(list.substr(0, list.find_last_of('/')));
-    std::ofstream out(list, std::ios::trunc);
-    for (const auto& path : skipped) out << path << '\n';
+    std::string text, error;
+    for (const auto& path : skipped) text += path + '\n';
+    if (!Host::WriteFileAtomically(Host::Resolve(kSkipListFile), text, &error)) {
+      CSLogger::SystemLog(CSLogger::PRIO_ERROR, "%s", error.c_str());
+    }
   }
   return kept;
 }

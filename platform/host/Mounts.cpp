@@ -7,6 +7,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/host/Files.h"
 #include "platform/host/HostRoot.h"
 
 namespace Host {
@@ -49,10 +50,8 @@ int Mount(const char* source, const char* target, const char* fstype, unsigned l
   errno = 0;
   if (!MakeDirs(logDir)) return fail("cannot create " + logDir, ENOTDIR);
   errno = 0;
-  std::ofstream out(log, std::ios::app);
-  out << source << ' ' << target << ' ' << fstype << ' ' << flags << ' ' << (data ? data : "") << '\n';
-  out.flush();
-  if (!out) return fail("cannot write " + log, EIO);
+  std::string line = std::string(source) + ' ' + target + ' ' + fstype + ' ' + std::to_string(flags) + ' ' + (data ? data : "");
+  if (!AppendLine(log, line)) return fail("cannot write " + log, EIO);
   return 0;
 }
 

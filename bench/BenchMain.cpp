@@ -23,7 +23,7 @@
 #include "configstore/boot/LoadStore.h"
 #include "configstore/desired/DesiredConfig.h"
 #include "configstore/frame/Metrics.h"
-#include "configstore/frame/core/FrameConstants.h"
+#include "configstore/frame/RuleSets.h"
 #include "configstore/maintenance/Cleanup.h"
 #include "configstore/packages/PackageFiles.h"
 #include "configstore/schema/SchemaProcessor.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 
 namespace bench::floor {
 

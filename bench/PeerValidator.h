@@ -6,7 +6,7 @@
 
 #include <memory>
 
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 
 namespace bench::peer {
 

@@ -9,7 +9,7 @@
 
 #include "bench/RawSql.h"
 #include "configstore/bootstate/BootState.h"
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 #include "configstore/schema/SchemaProcessor.h"
 #include "platform/dbstore/DBStore.h"
 #include "platform/host/HostRoot.h"

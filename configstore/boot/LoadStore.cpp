@@ -22,7 +22,7 @@
 #include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 #include "configstore/frame/Documents.h"
-#include "configstore/frame/core/Printable.h"
+#include "errors/Printable.h"
 #include "configstore/maintenance/Cleanup.h"
 #include "configstore/packages/PackageFiles.h"
 #include "configstore/schema/SchemaProcessor.h"

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 #include "platform/dbstore/DBStore.h"
 #include "platform/schemastore/SchemaObject.h"
 #include "platform/schemastore/SchemaStore.h"

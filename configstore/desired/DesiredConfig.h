@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "configstore/frame/Documents.h"
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 #include "platform/dbstore/DBStore.h"
 #include "platform/schemastore/SchemaObject.h"
 #include "platform/schemastore/SchemaStore.h"

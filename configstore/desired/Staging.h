@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "configstore/bootstate/BootState.h"
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 #include "platform/dbstore/DBStore.h"
 #include "platform/schemastore/SchemaStore.h"
 

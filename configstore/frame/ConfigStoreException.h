@@ -1,5 +1,6 @@
-// Chief header of the library's error model (see core/ for the definitions the platform shares).
+// Chief header of the library's error model: the exceptions, codes and events (errors/) and the
+// validator rule sets.
 #pragma once
 
-#include "configstore/frame/core/ConfigStoreException.h"
-#include "configstore/frame/core/FrameConstants.h"
+#include "errors/ConfigStoreException.h"
+#include "configstore/frame/RuleSets.h"

@@ -7,7 +7,7 @@
 #include <rapidjson/memorystream.h>
 
 #include "configstore/frame/CallFrame.h"
-#include "configstore/frame/core/Printable.h"
+#include "errors/Printable.h"
 #include "platform/host/Files.h"
 #include "platform/schemastore/SchemaObject.h"
 #include "platform/validator/ConfigStoreDocument.h"

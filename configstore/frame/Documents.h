@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "configstore/frame/ConfigStoreException.h"
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 
 namespace QorSchemaStore {
 class SchemaObject;

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 
 namespace QorConfigStore {
 

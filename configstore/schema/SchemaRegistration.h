@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 #include "platform/schemastore/SchemaStore.h"
 
 namespace QorConfigStore {

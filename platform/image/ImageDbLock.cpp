@@ -10,7 +10,7 @@
 #include <cstring>
 #include <thread>
 
-#include "configstore/frame/core/ConfigStoreException.h"
+#include "errors/ConfigStoreException.h"
 #include "platform/host/HostRoot.h"
 #include "platform/logging/CSLogger.h"
 

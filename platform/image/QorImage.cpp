@@ -6,7 +6,7 @@
 #include <pugixml.hpp>
 #include <set>
 
-#include "configstore/frame/core/ConfigStoreException.h"
+#include "errors/ConfigStoreException.h"
 #include "platform/host/Files.h"
 #include "platform/host/HostRoot.h"
 #include "platform/image/ImageDbLock.h"

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <utility>
 
+#include "errors/ErrorTable.h"
 #include "platform/host/Files.h"
 #include "platform/host/HostRoot.h"
 

@@ -60,6 +60,3 @@ class Capture {
 };
 
 }  // namespace CSLogger
-
-// printf-style template of an error code; a generic text for codes outside the catalogue.
-const char* ErrorMessageForId(int code);

@@ -4,8 +4,8 @@
 #include <cstdarg>
 #include <fstream>
 
-#include "configstore/frame/core/FrameConstants.h"
-#include "configstore/frame/core/Json.h"
+#include "errors/ErrorTable.h"
+#include "errors/Json.h"
 #include "platform/host/Files.h"
 #include "platform/host/HostRoot.h"
 #include "platform/logging/CSLogger.h"

@@ -7,8 +7,8 @@
 #include <chrono>
 #include <new>
 
-#include "configstore/frame/core/Json.h"
-#include "configstore/frame/core/Printable.h"
+#include "errors/Json.h"
+#include "errors/Printable.h"
 #include "platform/host/Files.h"
 #include "platform/host/HostRoot.h"
 #include "platform/logging/CSLogger.h"

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "configstore/frame/core/ConfigStoreException.h"
+#include "errors/ConfigStoreException.h"
 
 namespace QorSchemaStore {
 namespace {

@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 #include "platform/schemastore/SchemaObject.h"
 #include "platform/schemastore/SchemaStore.h"
 

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <utility>
 
-#include "configstore/frame/core/ConfigStoreException.h"
+#include "errors/ConfigStoreException.h"
 
 namespace QorSchemaStore::detail {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include "configstore/frame/core/ConfigStoreException.h"
+#include "errors/ConfigStoreException.h"
 
 namespace QorSchemaStore {
 

@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 
 namespace QorSchemaStore {
 

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <variant>
 
-#include "configstore/frame/core/ConfigStoreException.h"
+#include "errors/ConfigStoreException.h"
 #include "platform/logging/CSLogger.h"
 #include "platform/schemastore/SchemaElement.h"
 

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 #include "platform/dbstore/DBStore.h"
 #include "platform/schemastore/SchemaObject.h"
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 
 namespace ConfigStoreDocument {
 

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "configstore/frame/core/Printable.h"
+#include "errors/Printable.h"
 #include "platform/validator/CompiledSchema.h"
 #include "platform/validator/ConfigStoreDocument.h"
 #include "platform/validator/EcmaPattern.h"

@@ -10,7 +10,7 @@
 #include <set>
 #include <string>
 
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 
 namespace JsonValidator {
 

@@ -12,7 +12,7 @@
 #include <mutex>
 #include <set>
 
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 #include "platform/validator/ConfigStoreDocument.h"
 #include "platform/validator/JsonValidator.h"
 #include "tests/conformance/ParseCase.h"

@@ -1,13 +1,13 @@
 #include "tests/support/Sandbox.h"
 
-#include "configstore/frame/core/ConfigStoreException.h"
+#include "errors/ConfigStoreException.h"
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 #include "platform/host/HostRoot.h"
 
 namespace fs = std::filesystem;

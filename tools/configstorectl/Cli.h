@@ -22,8 +22,8 @@
 #include <string_view>
 #include <vector>
 
-#include "configstore/frame/core/Json.h"
-#include "configstore/frame/core/Printable.h"
+#include "errors/Json.h"
+#include "errors/Printable.h"
 
 namespace cli {
 

@@ -5,7 +5,7 @@
 
 #include "configstore/bootstate/BootState.h"
 #include "configstore/bootstate/UpgradeDetection.h"
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 #include "platform/dbstore/DBStore.h"
 #include "platform/plon/Plon.h"
 #include "tests/support/Ctl.h"

@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "configstore/frame/core/Json.h"
-#include "configstore/frame/core/Printable.h"
+#include "errors/Json.h"
+#include "errors/Printable.h"
 #include "platform/dbstore/DBStore.h"
 #include "platform/schemastore/SchemaStore.h"
 #include "tests/support/Ctl.h"

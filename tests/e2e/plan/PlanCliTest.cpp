@@ -10,7 +10,7 @@
 #include <set>
 #include <string>
 
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 #include "platform/dbstore/DBStore.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/Ctl.h"

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "configstore/frame/core/ConfigStoreException.h"
+#include "errors/ConfigStoreException.h"
 #include "platform/host/HostRoot.h"
 #include "platform/image/QorImage.h"
 #include "tests/support/Sandbox.h"

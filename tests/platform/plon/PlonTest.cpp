@@ -7,7 +7,7 @@
 #include <sstream>
 #include <vector>
 
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 #include "platform/plon/Plon.h"
 #include "tests/support/Sandbox.h"
 

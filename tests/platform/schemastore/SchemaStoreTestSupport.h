@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "configstore/frame/core/ConfigStoreException.h"
+#include "errors/ConfigStoreException.h"
 #include "platform/dbstore/DBStore.h"
 #include "platform/schemastore/SchemaStore.h"
 #include "tests/support/Sandbox.h"

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "configstore/frame/core/Json.h"
+#include "errors/Json.h"
 #include "platform/validator/JsonValidator.h"
 
 namespace cstest {

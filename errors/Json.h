@@ -5,10 +5,10 @@
 // noexcept markers are switched off so that the throw can leave the functions that assert.
 #pragma once
 
-#include "configstore/frame/core/ConfigStoreException.h"
+#include "errors/ConfigStoreException.h"
 
 #ifdef RAPIDJSON_ASSERT
-#error "rapidjson must be included through configstore/frame/core/Json.h only"
+#error "rapidjson must be included through errors/Json.h only"
 #endif
 #define RAPIDJSON_ASSERT(x) \
   ((x) ? static_cast<void>(0) : ::QorConfigStore::ThrowJsonAssertion(__FILE__, __LINE__, #x))

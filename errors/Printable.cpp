@@ -1,4 +1,4 @@
-#include "configstore/frame/core/Printable.h"
+#include "errors/Printable.h"
 
 #include <cstdint>
 #include <cstdio>

@@ -1,4 +1,4 @@
-#include "configstore/frame/core/ConfigStoreException.h"
+#include "errors/ConfigStoreException.h"
 
 namespace HostCtl::Lib {
 

@@ -1,4 +1,4 @@
-// Exceptions of the configuration store and its error codes.
+// Exceptions of the configuration store (their codes and templates: ErrorTable.h).
 //
 // The message lives in shared, reference-counted storage: copying an exception while it
 // propagates (or across threads) is cheap and what() stays valid for every copy.
@@ -8,6 +8,8 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "errors/ErrorTable.h"
 
 namespace HostCtl::Lib {
 
@@ -25,21 +27,6 @@ class HostCtlException : public std::exception {
 }  // namespace HostCtl::Lib
 
 namespace QorConfigStore {
-
-// Error codes shared with the host's configuration tools (plain integers on purpose).
-enum CSErrorCodes : int {
-  CS_ERR_DESIRED_CONFIG_NOT_FOUND = 1005,
-  CS_ERR_HOSTAPI_DELETE_NOT_ALLOWED = 1012,
-  CS_ERR_INSTANCE_ID_MISSING = 1032,
-  CS_ERR_JSON_PARSE_STRING = 1080,
-  CS_ERR_JSON_PARSE_FILE = 1081,
-  CS_ERR_JSON_TYPE = 1082,
-  CS_ERR_SCHEMA_VALIDATION = 1083,
-  CS_ERR_PROCESS_START = 1102,
-  CS_ERR_PROCESS_WAIT = 1103,
-  CS_ERR_PROCESS_EXIT = 1104,
-  CS_ERR_GENERIC = 2000,
-};
 
 class ConfigStoreException : public HostCtl::Lib::HostCtlException {
  public:

@@ -15,7 +15,7 @@
 namespace Host {
 
 FileLock::FileLock(const std::string& path, Mode mode, int waitMs) {
-  MakeParentDirs(path);
+  (void)MakeParentDirs(path);  // a missing directory makes the open below fail with its cause
   fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
   if (fd_ < 0) throw std::runtime_error("cannot open the lock file " + path + ": " + std::strerror(errno));
   const int operation = (mode == Mode::Exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB;

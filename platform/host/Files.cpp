@@ -16,7 +16,7 @@
 namespace Host {
 
 bool AppendLine(const std::string& path, const std::string& line) {
-  MakeParentDirs(path);
+  (void)MakeParentDirs(path);  // a missing directory makes the open below fail
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   std::string text = line + "\n";
@@ -97,7 +97,7 @@ bool WriteFileAtomically(const std::string& path, std::string_view content, std:
   };
   auto slash = path.find_last_of('/');
   const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-  MakeDirs(dir);
+  (void)MakeDirs(dir);  // a missing directory makes the open below fail with its cause
   const std::string temporary = path + ".tmp";
   int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return fail(temporary, "cannot be created");

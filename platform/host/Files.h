@@ -19,19 +19,19 @@ constexpr size_t kMaxReadBytes = 64 * 1024 * 1024;
 // only when it is a regular file: a FIFO, device, socket or directory is never read or written (a
 // FIFO is opened without blocking, then refused). Returns a blocking descriptor, or -1 with errno
 // set: the open's own error, EISDIR for a directory, EINVAL for any other file that is not regular.
-int OpenRegularFile(const std::string& resolvedPath, int flags = 0);
+[[nodiscard]] int OpenRegularFile(const std::string& resolvedPath, int flags = 0);
 
 // The whole of a regular file of at most `maxBytes` bytes. On failure returns false with errno
 // set (OpenRegularFile's codes, EFBIG when the file is larger) and, when `cause` is given, the
 // reason in words: the system's text for the error, "not a regular file" or
 // "larger than N bytes".
-bool ReadFile(const std::string& resolvedPath, std::string* content, std::string* cause = nullptr,
+[[nodiscard]] bool ReadFile(const std::string& resolvedPath, std::string* content, std::string* cause = nullptr,
               size_t maxBytes = kMaxReadBytes);
 
 // Replaces a resolved path's content so that a crash at any moment leaves either the old file or
 // the new one whole: the text goes to "<path>.tmp" in the same directory (created when missing),
 // which is flushed to disk and renamed over the path, and the directory is flushed. False (with
 // `error` naming the file and the cause) when any of that fails; the temporary file is removed then.
-bool WriteFileAtomically(const std::string& resolvedPath, std::string_view content, std::string* error);
+[[nodiscard]] bool WriteFileAtomically(const std::string& resolvedPath, std::string_view content, std::string* error);
 
 }  // namespace Host

@@ -37,9 +37,9 @@ std::string Resolve(std::string_view hostPath);
 bool InsideRoot(const std::string& resolvedPath);
 
 // Creates a directory and its parents (mode 0755); true when it exists afterwards.
-bool MakeDirs(const std::string& resolvedPath);
+[[nodiscard]] bool MakeDirs(const std::string& resolvedPath);
 
 // MakeDirs of the directory that holds a resolved file path; true when there is none to make.
-bool MakeParentDirs(const std::string& resolvedPath);
+[[nodiscard]] bool MakeParentDirs(const std::string& resolvedPath);
 
 }  // namespace Host

@@ -14,7 +14,7 @@ namespace Host {
 // Returns 0 on success, -1 with errno set on failure; then `failure`, when given, says what could
 // not be done, to which resolved path, and why ("cannot create <dir>: Not a directory").
 // `target` is a host path.
-int Mount(const char* source, const char* target, const char* fstype, unsigned long flags, const char* data,
+[[nodiscard]] int Mount(const char* source, const char* target, const char* fstype, unsigned long flags, const char* data,
           std::string* failure = nullptr);
 
 // The mount requests recorded in a sandbox root, oldest first.

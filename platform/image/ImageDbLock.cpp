@@ -38,7 +38,7 @@ std::string HolderPid(const std::string& path) {
 }  // namespace
 
 ImageDbLock::ImageDbLock(const std::string& path) {
-  Host::MakeParentDirs(path);
+  (void)Host::MakeParentDirs(path);  // a missing directory makes the open below fail with its cause
   fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   if (fd_ < 0) {
     Fail("Cannot open the image database lock file " + path + ": " + std::strerror(errno));

@@ -52,8 +52,8 @@ struct PLON_ParamList;
 PLON_ParamList* PLON_ParamListCreate(int capacity);  // nullptr when capacity < 0 or out of memory
 // Both add functions: NUK_LIMIT_EXCEEDED when the list is full, NUK_BAD_PARAM for a null list or
 // value. The string is copied.
-NUK_ReturnStatus PLON_ParamListAddString(PLON_ParamList* list, const char* value);
-NUK_ReturnStatus PLON_ParamListAddInt(PLON_ParamList* list, int64_t value);
+[[nodiscard]] NUK_ReturnStatus PLON_ParamListAddString(PLON_ParamList* list, const char* value);
+[[nodiscard]] NUK_ReturnStatus PLON_ParamListAddInt(PLON_ParamList* list, int64_t value);
 void PLON_ParamListDestroy(PLON_ParamList* list);
 int PLON_ParamListCount(const PLON_ParamList* list);
 // Ints in decimal; "" for an index outside the list.
@@ -63,15 +63,15 @@ std::string PLON_ParamListGetString(const PLON_ParamList* list, int index);
 // instanceArgs may be nullptr for nodes without instances. NUK_NOT_FOUND when the node file is
 // missing, NUK_BAD_PARAM for an unknown node or instance arguments of the wrong number or kind,
 // NUK_NOT_SUPPORTED for a set-only node, NUK_IO_ERROR when the file cannot be read.
-NUK_ReturnStatus PLON_Get(PLON_NodeId node, const PLON_ParamList* instanceArgs, void* buffer, size_t size);
+[[nodiscard]] NUK_ReturnStatus PLON_Get(PLON_NodeId node, const PLON_ParamList* instanceArgs, void* buffer, size_t size);
 // Sets the sysAlert or memUsageLimit node (see the node list). NUK_BAD_PARAM for parameters of the
 // wrong number, kind or range (limits outside 0..100 or warning above error), NUK_NOT_SUPPORTED
 // for a node that cannot be set, NUK_IO_ERROR when the record cannot be written. Bytes of a message
 // that are not UTF-8 are recorded as U+FFFD.
-NUK_ReturnStatus PLON_Set(PLON_NodeId node, const PLON_ParamList* instanceArgs, const PLON_ParamList* input);
+[[nodiscard]] NUK_ReturnStatus PLON_Set(PLON_NodeId node, const PLON_ParamList* instanceArgs, const PLON_ParamList* input);
 // NUK_OK when the signature file holds kPlonSignature (one trailing newline allowed),
 // NUK_SIGNATURE_MISMATCH otherwise, a missing file included.
-NUK_ReturnStatus PLON_CheckSig();
+[[nodiscard]] NUK_ReturnStatus PLON_CheckSig();
 
 // Output type of a node's get: its record size in bytes.
 struct PLON_Type {
@@ -79,7 +79,7 @@ struct PLON_Type {
 };
 // The caller owns *type and releases it with PLON_ReleaseType. NUK_NOT_SUPPORTED for a set-only
 // node, NUK_BAD_PARAM for an unknown one; *type is then nullptr.
-NUK_ReturnStatus PLON_LookupOutputTypeOfGet(PLON_NodeId node, PLON_Type** type);
+[[nodiscard]] NUK_ReturnStatus PLON_LookupOutputTypeOfGet(PLON_NodeId node, PLON_Type** type);
 void PLON_ReleaseType(PLON_Type* type);
 
 // Path library: turns a textual node path into a node id, its instance arguments and output size.
@@ -87,11 +87,11 @@ struct PLONSHPath;
 // "/system/lumafs/inodes/1234/stats" -> the inode stats node with instance [1234]. The caller owns
 // *path (PLONSHPath_Delete). NUK_NOT_FOUND, and *path nullptr, when the text names no known node
 // (an inode number that is not plain decimal, a refused instance element, an unknown element).
-NUK_ReturnStatus PLONSHPath_Form(const char* text, PLONSHPath** path);
+[[nodiscard]] NUK_ReturnStatus PLONSHPath_Form(const char* text, PLONSHPath** path);
 // outputSize is 0 for a set-only node.
-NUK_ReturnStatus PLONSHPath_GetLeafElement(const PLONSHPath* path, PLON_NodeId* node, size_t* outputSize);
+[[nodiscard]] NUK_ReturnStatus PLONSHPath_GetLeafElement(const PLONSHPath* path, PLON_NodeId* node, size_t* outputSize);
 // The caller owns the returned list (PLON_ParamListDestroy).
-NUK_ReturnStatus PLONSHPath_GetInstArgs(const PLONSHPath* path, PLON_ParamList** args);
+[[nodiscard]] NUK_ReturnStatus PLONSHPath_GetInstArgs(const PLONSHPath* path, PLON_ParamList** args);
 void PLONSHPath_Delete(PLONSHPath* path);
 // Path patterns of every known node, "%" standing for an instance element
 // ("/system/lumafs/inodes/%/stats"), in the node table's order.
@@ -99,6 +99,6 @@ std::vector<std::string> PLONSHPath_KnownPatterns();
 
 // Test and demo support: write a node's content under the current root (creating directories).
 // False when the path has an element the tree refuses ("..", an empty one) or the write fails.
-bool PLON_WriteNodeFile(const std::string& nodePath, const std::string& content);
+[[nodiscard]] bool PLON_WriteNodeFile(const std::string& nodePath, const std::string& content);
 // Writes the signature file of this library version under the current root.
-bool PLON_WriteSignature();
+[[nodiscard]] bool PLON_WriteSignature();

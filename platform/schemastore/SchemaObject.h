@@ -99,7 +99,7 @@ class SchemaObject {
   virtual bool IsNoRestore() const;
   virtual bool IsPreserveNonUser() const;
   virtual bool IsDSPIntegrated() const;
-  virtual int GetSchemaType() const;
+  [[nodiscard]] virtual int GetSchemaType() const;
   // Names of the solution-user instances a user-accounts key declares (may be empty).
   virtual const std::vector<std::string>& GetSolutionUserInstances() const;
   // Instance ids whose user value survives a desired configuration (may be empty).
@@ -108,11 +108,11 @@ class SchemaObject {
 
   // Declared-file queries: 0 on success, 1 when an argument is null or (for the category and
   // path) the object is no file entry. Data-file keys answer GetFileCategory too.
-  virtual int IsFileEntry(bool* isFile) const;
-  virtual int GetFileCategory(std::string* category) const;
-  virtual int GetFilePath(std::string* path) const;
+  [[nodiscard]] virtual int IsFileEntry(bool* isFile) const;
+  [[nodiscard]] virtual int GetFileCategory(std::string* category) const;
+  [[nodiscard]] virtual int GetFilePath(std::string* path) const;
   // Data-file keys: the directory name under "/var/cache/datafiles". 0 on success, 1 otherwise.
-  virtual int GetDataFileDirName(std::string* dirName) const;
+  [[nodiscard]] virtual int GetDataFileDirName(std::string* dirName) const;
 
   const SchemaRecord& Record() const { return record_; }
 

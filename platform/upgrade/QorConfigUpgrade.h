@@ -22,13 +22,13 @@ inline constexpr const char* kLiveInstallModuleDir = "/usr/lib/talvex/configmana
 // path for it. `commit` false asks every module for a debugging run that changes nothing.
 // Returns 0 when every module ran and returned 0 (also for an empty list), otherwise the number of
 // failed modules (positive).
-int ExecuteBootTimeModules(const std::vector<std::string>& modulePaths, bool commit);
+[[nodiscard]] int ExecuteBootTimeModules(const std::vector<std::string>& modulePaths, bool commit);
 
 // Runs live-install modules, always committing. `modules` are module names, each resolved to
 // "<root>/usr/lib/talvex/configmanager/upgrade/live/<name>.so"; a name that is empty, holds '/',
 // ".." or a NUL character is refused (counts as failed) so that no name leaves that directory.
 // Returns the number of modules run (0 for an empty list) when all succeeded, otherwise minus the
 // number of failed or refused modules: zero or positive means success, negative failure.
-int ExecuteLiveInstallModules(const std::vector<std::string>& modules);
+[[nodiscard]] int ExecuteLiveInstallModules(const std::vector<std::string>& modules);
 
 }  // namespace QorConfigUpgrade

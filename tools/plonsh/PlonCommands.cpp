@@ -394,8 +394,9 @@ class Runner {
       if (args.size() != 3 || !ParseInt(args[1], &warning) || !ParseInt(args[2], &err)) {
         return Error("bad arguments: memUsageLimit takes a warning and an error per cent (integers)");
       }
-      PLON_ParamListAddInt(input.get(), warning);
-      PLON_ParamListAddInt(input.get(), err);
+      if (PLON_ParamListAddInt(input.get(), warning) != NUK_OK || PLON_ParamListAddInt(input.get(), err) != NUK_OK) {
+        return Error("out of memory");
+      }
     } else {
       return Error("node cannot be set: " + nodePath);
     }

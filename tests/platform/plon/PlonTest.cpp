@@ -292,8 +292,8 @@ TEST_F(PlonTest, UsageLimitsAreRecordedPerRamdisk) {
 // Wrong parameters are refused before anything is written.
 TEST_F(PlonTest, SetWithWrongParametersIsRefused) {
   ListPtr mixed(PLON_ParamListCreate(2));
-  PLON_ParamListAddInt(mixed.get(), 80);
-  PLON_ParamListAddString(mixed.get(), "90");
+  ASSERT_EQ(PLON_ParamListAddInt(mixed.get(), 80), NUK_OK);
+  ASSERT_EQ(PLON_ParamListAddString(mixed.get(), "90"), NUK_OK);
   const PLON_NodeId alert = PLON_NODE_system_sysAlert, limits = PLON_NODE_system_lumafs_ramdisks_memUsageLimit;
   struct Case {
     const char* name;

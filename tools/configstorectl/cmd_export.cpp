@@ -85,13 +85,14 @@ const cli::Registrar kExport(
      "and key when given) as a desired configuration document, to standard output or atomically to\n"
      "FILE: a singleton key's object as an object, an instanced key's objects as an array, ordered by\n"
      "component, group, key and instance id, so two exports of one store are byte for byte the same.\n"
-     "Staging the whole export with set-desired plans no change beyond what is named on standard error\n"
-     "and the pending desired values the next boot folds anyway. An object the document cannot carry\n"
-     "is named on standard error with the reason (no schema registered for its key, a user value that\n"
-     "is not a JSON object, an instance id member that does not give its identifier, or an object\n"
-     "that staging carries over from the host by itself), and so is a default instance of a key with\n"
-     "mutable default configuration that has no user value in the store (staging copies it back\n"
-     "whatever the document says). --json: {\"file\", \"objects\", \"leftOut\":\n"
+     "Staging the whole export with set-desired plans no change beyond what is named on standard error.\n"
+     "An object the document cannot carry is named there with the reason (no schema registered for its\n"
+     "key, a user value that is not a JSON object, an instance id member that does not give its\n"
+     "identifier, or an object that staging carries over from the host by itself), and so is a default\n"
+     "instance of a key with mutable default configuration that has no user value in the store, or\n"
+     "whose ids are generated (staging copies those back whatever the document says), and an object\n"
+     "with a pending desired value (exported with its user value; the pending value is not carried).\n"
+     "--json: {\"file\", \"objects\", \"leftOut\":\n"
      "[{\"component\", \"group\", \"key\", \"identifier\", \"reason\"}], \"document\"} (\"document\" null with -o).",
      RunExport});
 

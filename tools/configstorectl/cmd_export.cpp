@@ -50,6 +50,11 @@ int RunExport(const cli::Invocation& inv) {
   } else {
     cli::PrintJson(exported.document);
   }
+  if (!names.empty() && exported.objects == 0 && exported.leftOut.empty()) {
+    std::string what;
+    for (const std::string& name : names) what += (what.empty() ? "" : "/") + cli::Printable(name);
+    throw cli::NothingMatched(what);
+  }
   return 0;
 }
 
@@ -61,7 +66,8 @@ int RunDiff(const cli::Invocation& inv) {
   }
   // A document holds user values only: against one, a store is compared on those alone.
   const bool userValuesOnly = !IsStoreFile(files[0]) || !IsStoreFile(files[1]);
-  ObjectChanges changes = CompareObjects(ReadConfigFile(files[0], userValuesOnly), ReadConfigFile(files[1], userValuesOnly));
+  const ConfigObjects a = ReadConfigFile(files[0], userValuesOnly);  // A's failure is named first
+  ObjectChanges changes = CompareObjects(a, ReadConfigFile(files[1], userValuesOnly));
   const bool equal = changes.added.empty() && changes.removed.empty() && changes.changed.empty();
   if (inv.json) {
     rapidjson::Document d(rapidjson::kObjectType);
@@ -92,6 +98,7 @@ const cli::Registrar kExport(
      "instance of a key with mutable default configuration that has no user value in the store, or\n"
      "whose ids are generated (staging copies those back whatever the document says), and an object\n"
      "with a pending desired value (exported with its user value; the pending value is not carried).\n"
+     "Names under which nothing is found to write or to name exit with 3, as get does.\n"
      "--json: {\"file\", \"objects\", \"leftOut\":\n"
      "[{\"component\", \"group\", \"key\", \"identifier\", \"reason\"}], \"document\"} (\"document\" null with -o).",
      RunExport});

@@ -316,6 +316,15 @@ TEST_F(PlanCliTest, ExportStagedBackPlansNoChange) {
     ASSERT_EQ(Ctl("load --no-restore --force").status, 0);
   }
   EXPECT_EQ(Ctl("diff " + Path("/export.json") + " " + Path("/etc/talvex/configstore/current-store-1")).status, 0);
+
+  // Names that match nothing are said so, as get says it; an unreadable file is named in order.
+  CtlResult none = Ctl("export qor nosuch");
+  EXPECT_EQ(none.status, 3);
+  EXPECT_EQ(none.err, "configstorectl export: nothing matches qor/nosuch\n");
+  EXPECT_EQ(Json(Ctl("export --json qor nosuch"))["objects"].GetInt(), 0) << "the empty result comes first";
+  CtlResult unreadable = Ctl("diff " + Path("/a.json") + " " + Path("/b.json"));
+  EXPECT_EQ(unreadable.status, 2);
+  EXPECT_NE(unreadable.err.find(Path("/a.json") + " could not be read"), std::string::npos) << unreadable.err;
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include <functional>
 #include <iostream>
 #include <map>
+#include <set>
 #include <sstream>
 
 #include "bench/Floors.h"
@@ -25,8 +26,10 @@
 #include "configstore/frame/Metrics.h"
 #include "configstore/frame/RuleSets.h"
 #include "configstore/maintenance/Cleanup.h"
+#include "configstore/plan/ConfigExport.h"
 #include "configstore/packages/PackageFiles.h"
 #include "configstore/schema/SchemaProcessor.h"
+#include "platform/host/Files.h"
 #include "platform/host/HostRoot.h"
 #include "platform/validator/JsonValidator.h"
 
@@ -150,6 +153,69 @@ void ValidateCases() {
   }
 }
 
+constexpr const char* kExportStore = "/bench/work/export-store";
+constexpr const char* kExportFile = "/bench/work/export.json";
+
+// The store export runs on, with the round trip checked on it first: from the live store after a
+// boot, export, set-desired (validated as the command line does) and plan. The first round's plan
+// may only change what export named (the default instances of mutable keys that no desired boot
+// has brought in yet); after that desired boot, the second round's plan must change nothing.
+// Done once per host root; later calls put the checked store back.
+void ExportRoundTrip() {
+  static std::set<std::string> checked;
+  if (checked.insert(Host::Resolve("/")).second) {
+    BootFrom("current-store-1");
+    Boot();
+    for (int round = 1; round <= 2; ++round) {
+      QorConfigStore::ConfigExport exported = QorConfigStore::ExportConfiguration({});
+      std::set<std::string> named;
+      auto name = [](const QorConfigStore::ConfigStoreObjectId& id) {
+        return id.component + "/" + id.group + "/" + id.key + "/" + id.id;
+      };
+      for (const auto& o : exported.leftOut) named.insert(name(o.id));
+      if (!QorConfigStore::DesiredDocumentErrors(exported.document, QorSchemaStore::SchemaStore::GetCache()).Empty()) {
+        throw std::runtime_error("export round trip: set-desired refuses the export");
+      }
+      QorConfigStore::SetDesiredUserConfig(exported.document);
+      const QorConfigStore::NextBootPlan plan = QorConfigStore::PlanNextBoot();
+      if (plan.failure) throw std::runtime_error("export round trip: the plan fails: " + *plan.failure);
+      size_t unnamed = 0;
+      for (const auto* list : {&plan.added, &plan.removed, &plan.changed}) {
+        for (const auto& o : *list) unnamed += round == 2 || !named.contains(name(o.id));
+      }
+      if (unnamed > 0) {
+        throw std::runtime_error("export round trip, round " + std::to_string(round) + ": the plan shows " +
+                                 std::to_string(plan.added.size()) + " added, " + std::to_string(plan.removed.size()) +
+                                 " removed, " + std::to_string(plan.changed.size()) + " changed, " +
+                                 std::to_string(unnamed) + " of them not named by export");
+      }
+      if (round == 1) {  // the desired boot
+        CopyTo(Host::Resolve(kStore), kBackup);
+        Put("datafile-store", kDataBackup);
+        fs::remove(Host::Resolve(kStore));
+        Boot();
+      }
+    }
+    CopyTo(Host::Resolve(kStore), kExportStore);
+  }
+  CopyTo(Host::Resolve(kExportStore), kStore);
+  Put("schema-store", kSchemaStore);
+}
+
+// export -o FILE: the document as the command line writes it (two-space indent), atomically.
+void ExportToFile() {
+  const QorConfigStore::ConfigExport exported = QorConfigStore::ExportConfiguration({});
+  rapidjson::StringBuffer buffer;
+  rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+  writer.SetIndent(' ', 2);
+  exported.document.Accept(writer);
+  std::string error;
+  if (!Host::WriteFileAtomically(Host::Resolve(kExportFile), std::string(buffer.GetString(), buffer.GetSize()) + "\n",
+                                 &error)) {
+    throw std::runtime_error("export: " + error);
+  }
+}
+
 std::vector<Job> Jobs() {
   return {
       {"ProcessSchemas", 3, nullptr, LiveStores,
@@ -201,6 +267,8 @@ std::vector<Job> Jobs() {
       {"FilterStickyBitFiles", 5, [] { gSticky = StickyFiles(); }, nullptr,
        [] { benchmark::DoNotOptimize(QorConfigStore::FilterStickyBitFiles(gSticky)); },
        [] { benchmark::DoNotOptimize(bench::floor::FilterStickyBitFiles(gSticky)); }},
+      {"Export (export -o, round trip checked)", 5, ExportRoundTrip, nullptr, ExportToFile,
+       [] { benchmark::DoNotOptimize(bench::floor::Export(Host::Resolve(kExportFile))); }},
   };
 }
 

@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -19,6 +21,7 @@
 
 #include "bench/PeerValidator.h"
 #include "bench/RawSql.h"
+#include "configstore/desired/Staging.h"
 #include "configstore/maintenance/RowSetSql.h"
 #include "platform/host/HostRoot.h"
 
@@ -547,6 +550,99 @@ std::vector<std::string> FilterStickyBitFiles(const std::vector<std::string>& fi
     for (const auto& path : skipped) out << path << '\n';
   }
   return kept;
+}
+
+size_t Export(const std::string& path) {
+  using Object = std::array<std::string, 4>;  // component, group, key, identifier
+  struct Key {
+    std::string idName;
+    bool singleton = false, mutableDefault = false;
+  };
+  std::map<std::tuple<std::string, std::string, std::string>, Key> keys;
+  {
+    RawDb schemas(SchemaStore(), false, 0);
+    RawStmt(schemas.get(), "SELECT Component, ConfigGroup, Name, InstanceIdName, Singleton, MutableDefaultConfig FROM "
+                           "ConfigSchema")
+        .Run([&](sqlite3_stmt* s) {
+          auto text = [&](int i) { return std::string(reinterpret_cast<const char*>(sqlite3_column_text(s, i))); };
+          keys[{text(0), text(1), text(2)}] = Key{text(3), sqlite3_column_int(s, 4) != 0, sqlite3_column_int(s, 5) != 0};
+        });
+  }
+  auto text = [](sqlite3_stmt* s, int i) {
+    const unsigned char* t = sqlite3_column_text(s, i);
+    return t ? std::string(reinterpret_cast<const char*>(t)) : std::string();
+  };
+  RawDb db(ConfigStore(), false);
+  std::vector<std::pair<Object, std::string>> rows;  // objects with a user value
+  RawStmt(db.get(),
+          "SELECT Component, ConfigGroup, Name, Identifier, UserValue, VitalValue, CachedValue, Revision, CreationTime "
+          "FROM Config")
+      .Run([&](sqlite3_stmt* s) {
+        if (sqlite3_column_type(s, 4) != SQLITE_NULL) rows.push_back({{text(s, 0), text(s, 1), text(s, 2), text(s, 3)}, text(s, 4)});
+      });
+  std::sort(rows.begin(), rows.end());
+  std::set<Object> pending, defaults;
+  RawStmt(db.get(), "SELECT Component, ConfigGroup, Name, Identifier FROM Config WHERE DesiredValue IS NOT NULL AND "
+                    "DesiredValue IS NOT UserValue")
+      .Run([&](sqlite3_stmt* s) { pending.insert({text(s, 0), text(s, 1), text(s, 2), text(s, 3)}); });
+  RawStmt(db.get(), "SELECT Component, ConfigGroup, Name, Identifier FROM DefaultConfig ORDER BY Component, ConfigGroup, "
+                    "Name, Identifier")
+      .Run([&](sqlite3_stmt* s) { defaults.insert({text(s, 0), text(s, 1), text(s, 2), text(s, 3)}); });
+
+  rapidjson::Document doc(rapidjson::kObjectType);
+  auto& a = doc.GetAllocator();
+  rapidjson::Value profile(rapidjson::kObjectType);
+  auto child = [&](rapidjson::Value& object, const std::string& name, rapidjson::Type type) -> rapidjson::Value& {
+    if (object.MemberCount() == 0 || View((object.MemberEnd() - 1)->name) != name) {
+      object.AddMember(rapidjson::Value(name.c_str(), static_cast<rapidjson::SizeType>(name.size()), a),
+                       rapidjson::Value(type), a);
+    }
+    return (object.MemberEnd() - 1)->value;
+  };
+  std::vector<Object> leftOut;
+  size_t objects = 0;
+  for (const auto& [object, user] : rows) {
+    auto key = keys.find({object[0], object[1], object[2]});
+    rapidjson::Document value;
+    bool carried = key != keys.end() && !value.Parse(user.c_str(), user.size()).HasParseError() && value.IsObject();
+    if (carried && !key->second.idName.empty()) {
+      auto id = value.FindMember(key->second.idName.c_str());
+      carried = id != value.MemberEnd() && id->value.IsString() && View(id->value) == object[3];
+    }
+    carried = carried && !QorConfigStore::staging::IsCarriedOverFromTheHost(object[0], object[1], object[2], object[3]);
+    carried = carried && !(key->second.mutableDefault && key->second.idName == "cs_generated_id" &&
+                           defaults.count(object) != 0);
+    if (!carried) {
+      leftOut.push_back(object);
+      continue;
+    }
+    if (pending.count(object) != 0) leftOut.push_back(object);
+    rapidjson::Value& group = child(child(profile, object[0], rapidjson::kObjectType), object[1], rapidjson::kObjectType);
+    rapidjson::Value copy(value, a);
+    if (key->second.singleton) {
+      group.AddMember(rapidjson::Value(object[2].c_str(), a), copy, a);
+    } else {
+      child(group, object[2], rapidjson::kArrayType).PushBack(copy, a);
+    }
+    ++objects;
+  }
+  doc.AddMember("profile", profile, a);
+
+  rapidjson::StringBuffer buffer;
+  rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+  writer.SetIndent(' ', 2);
+  doc.Accept(writer);
+  const std::string temporary = path + ".tmp";
+  int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) throw std::runtime_error("cannot write " + temporary);
+  const bool written = write(fd, buffer.GetString(), buffer.GetSize()) == static_cast<ssize_t>(buffer.GetSize()) &&
+                       write(fd, "\n", 1) == 1 && fsync(fd) == 0;
+  close(fd);
+  if (!written || rename(temporary.c_str(), path.c_str()) != 0) throw std::runtime_error("cannot write " + path);
+  int dir = open(fs::path(path).parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dir < 0 || fsync(dir) != 0) throw std::runtime_error("cannot flush the directory of " + path);
+  close(dir);
+  return objects;
 }
 
 namespace {

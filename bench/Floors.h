@@ -22,6 +22,9 @@ void CleanupAutoConfig();
 void CleanupDataFiles();
 void Metrics();
 std::vector<std::string> FilterStickyBitFiles(const std::vector<std::string>& files);
+// export -o: the user values as a desired document (the same checks of what a document cannot
+// carry), written pretty-printed and atomically to the resolved `path`. Returns the objects written.
+size_t Export(const std::string& path);
 
 // One schema of the host's newest schema files without its "pattern" keywords, with the default
 // instances of its key from the newest default files.

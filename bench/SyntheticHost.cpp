@@ -444,7 +444,11 @@ long FillConfig(RawDb& db, const std::vector<Package>& packages, const Counts& c
         if (!vital.empty()) insert.Text(6, vital);
         if (!cached.empty()) insert.Text(7, cached);
         insert.Text(8, PropCategoryPart(*k, instance, 0));
-        if (rng.Chance(10)) insert.Text(9, PropCategoryPart(*k, Instance(*k, id, rng, doc.GetAllocator()), 0));
+        if (rng.Chance(10)) {  // a pending desired value: an instance of the same object, its id included
+          rapidjson::Value desired = Instance(*k, id, rng, doc.GetAllocator());
+          if (k->id == IdKind::Generated) desired.AddMember("cs_generated_id", Str(id, doc.GetAllocator()), doc.GetAllocator());
+          insert.Text(9, PropCategoryPart(*k, desired, 0));
+        }
       }
       insert.Run();
       ++rows;

@@ -1,6 +1,7 @@
 #include "configstore/plan/ConfigExport.h"
 
 #include <fstream>
+#include <set>
 
 #include "configstore/desired/Staging.h"
 #include "configstore/frame/CallFrame.h"
@@ -117,19 +118,50 @@ ConfigExport ExportConfiguration(const std::vector<std::string>& names) {
   if (!conn) ThrowStoreFailure("Failed to connect to database");
   ConfigObjects objects = ReadConfigObjects(conn);
   std::shared_ptr<QorSchemaStore::SchemaObjectCache> cache = QorSchemaStore::SchemaStore::GetCache();
+  // A pending desired value is not the live configuration and no document carries it: the next
+  // boot folds it into the user value, or drops it where staging replaces the key whole.
+  std::set<ConfigObjectKey> pending;
+  for (const auto& row : staging::Run(conn,
+                                      "SELECT Component, ConfigGroup, Name, Identifier FROM Config WHERE DesiredValue "
+                                      "IS NOT NULL AND DesiredValue IS NOT UserValue",
+                                      {}, "Failed to read the pending desired values")) {
+    pending.insert({row[0].value_or(""), row[1].value_or(""), row[2].value_or(""), row[3].value_or("")});
+  }
+  // Staging copies the default instances of a key with mutable default configuration unless the
+  // document stages the same instance (with generated ids, whatever it stages).
+  staging::Rows defaults = staging::Run(
+      conn, "SELECT Component, ConfigGroup, Name, Identifier FROM DefaultConfig ORDER BY Component, ConfigGroup, Name, "
+            "Identifier", {}, "Failed to read the default configuration");
+  std::set<ConfigObjectKey> defaultObjects;
+  for (const auto& row : defaults) {
+    defaultObjects.insert({row[0].value_or(""), row[1].value_or(""), row[2].value_or(""), row[3].value_or("")});
+  }
+  constexpr const char* kPending =
+      "its pending desired value is not carried (only its user value is): the boot after staging folds it "
+      "in, or drops it where staging replaces the key";
 
   ConfigExport out;
   out.document.SetObject();
   auto& a = out.document.GetAllocator();
   rapidjson::Value profile(rapidjson::kObjectType);
   for (const auto& [key, row] : objects) {
-    if (!Named(key, names) || !row.user) continue;
+    if (!Named(key, names)) continue;
+    if (!row.user) {
+      if (pending.contains(key)) out.leftOut.push_back({IdOf(key), kPending});
+      continue;
+    }
     auto schema = cache->GetSchema(SchemaObjectId(key[0], key[1], key[2]));
     std::shared_ptr<JsonDoc> value;
     if (std::string why = WhyNotCarried(key, *row.user, schema, value); !why.empty()) {
       out.leftOut.push_back({IdOf(key), why});
       continue;
     }
+    if (schema->HasMutableDefaultConfig() && schema->IsGeneratedInstanceId() && defaultObjects.contains(key)) {
+      out.leftOut.push_back({IdOf(key), "a default instance of a key with generated ids: set-desired copies it from "
+                                        "the key's defaults itself, and a document naming it fails to stage"});
+      continue;
+    }
+    if (pending.contains(key)) out.leftOut.push_back({IdOf(key), kPending});
     rapidjson::Value& group = Child(Child(profile, key[0], rapidjson::kObjectType, a), key[1], rapidjson::kObjectType, a);
     rapidjson::Value object(*value->document, a);
     if (schema->IsSingleton()) {
@@ -141,13 +173,8 @@ ConfigExport ExportConfiguration(const std::vector<std::string>& names) {
   }
   out.document.AddMember("profile", profile, a);
 
-  // Staging copies the default instances of a key with mutable default configuration unless the
-  // document stages the same instance; one this store has no user value for cannot stay so.
-  staging::Rows defaults = staging::Run(
-      conn, "SELECT Component, ConfigGroup, Name, Identifier FROM DefaultConfig ORDER BY Component, ConfigGroup, Name, "
-            "Identifier", {}, "Failed to read the default configuration");
-  for (const auto& row : defaults) {
-    ConfigObjectKey key{row[0].value_or(""), row[1].value_or(""), row[2].value_or(""), row[3].value_or("")};
+  // A default instance this store has no user value for cannot stay so.
+  for (const ConfigObjectKey& key : defaultObjects) {
     auto schema = cache->GetSchema(SchemaObjectId(key[0], key[1], key[2]));
     auto live = objects.find(key);
     if (!Named(key, names) || !schema || !schema->HasMutableDefaultConfig() ||

@@ -30,7 +30,9 @@ struct ConfigExport {
 // object, an instance id member that does not give the object's identifier, or an object staging
 // carries over from the host by itself and refuses in a document); so is every default instance of
 // a key with mutable default configuration that has no user value in the store (no object, or
-// one without user value), since staging copies it back whatever the document says. Reads the stores read-only;
+// one without user value), or whose ids are generated (left out of the document: staging copies it
+// back whatever the document says, and refuses it in one), and every object with a pending desired
+// value (exported with its user value; the pending value is not carried). Reads the stores read-only;
 // throws ConfigStoreException 2000 when they cannot be read.
 ConfigExport ExportConfiguration(const std::vector<std::string>& names);
 

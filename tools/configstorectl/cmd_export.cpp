@@ -50,6 +50,11 @@ int RunExport(const cli::Invocation& inv) {
   } else {
     cli::PrintJson(exported.document);
   }
+  if (!names.empty() && exported.objects == 0 && exported.leftOut.empty()) {
+    std::string what;
+    for (const std::string& name : names) what += (what.empty() ? "" : "/") + cli::Printable(name);
+    throw cli::NothingMatched(what);
+  }
   return 0;
 }
 
@@ -61,7 +66,8 @@ int RunDiff(const cli::Invocation& inv) {
   }
   // A document holds user values only: against one, a store is compared on those alone.
   const bool userValuesOnly = !IsStoreFile(files[0]) || !IsStoreFile(files[1]);
-  ObjectChanges changes = CompareObjects(ReadConfigFile(files[0], userValuesOnly), ReadConfigFile(files[1], userValuesOnly));
+  const ConfigObjects a = ReadConfigFile(files[0], userValuesOnly);  // A's failure is named first
+  ObjectChanges changes = CompareObjects(a, ReadConfigFile(files[1], userValuesOnly));
   const bool equal = changes.added.empty() && changes.removed.empty() && changes.changed.empty();
   if (inv.json) {
     rapidjson::Document d(rapidjson::kObjectType);
@@ -85,13 +91,15 @@ const cli::Registrar kExport(
      "and key when given) as a desired configuration document, to standard output or atomically to\n"
      "FILE: a singleton key's object as an object, an instanced key's objects as an array, ordered by\n"
      "component, group, key and instance id, so two exports of one store are byte for byte the same.\n"
-     "Staging the whole export with set-desired plans no change beyond what is named on standard error\n"
-     "and the pending desired values the next boot folds anyway. An object the document cannot carry\n"
-     "is named on standard error with the reason (no schema registered for its key, a user value that\n"
-     "is not a JSON object, an instance id member that does not give its identifier, or an object\n"
-     "that staging carries over from the host by itself), and so is a default instance of a key with\n"
-     "mutable default configuration that has no user value in the store (staging copies it back\n"
-     "whatever the document says). --json: {\"file\", \"objects\", \"leftOut\":\n"
+     "Staging the whole export with set-desired plans no change beyond what is named on standard error.\n"
+     "An object the document cannot carry is named there with the reason (no schema registered for its\n"
+     "key, a user value that is not a JSON object, an instance id member that does not give its\n"
+     "identifier, or an object that staging carries over from the host by itself), and so is a default\n"
+     "instance of a key with mutable default configuration that has no user value in the store, or\n"
+     "whose ids are generated (staging copies those back whatever the document says), and an object\n"
+     "with a pending desired value (exported with its user value; the pending value is not carried).\n"
+     "Names under which nothing is found to write or to name exit with 3, as get does.\n"
+     "--json: {\"file\", \"objects\", \"leftOut\":\n"
      "[{\"component\", \"group\", \"key\", \"identifier\", \"reason\"}], \"document\"} (\"document\" null with -o).",
      RunExport});
 

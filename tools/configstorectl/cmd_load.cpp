@@ -77,7 +77,8 @@ int RunLastBoot(const cli::Invocation& inv) {
     report = QorConfigStore::ReadLastBootReport();
   } else {
     if (nth.find_first_not_of("0123456789") != std::string::npos || nth.size() > 4 || std::stoi(nth) < 1) {
-      throw cli::UsageError("N must be a boot's number in the list 'boots' gives (1 the newest)");
+      throw cli::UsageError("N must be a boot's number in the list 'boots' gives (1 the newest), not '" +
+                            cli::Printable(nth) + "'");
     }
     report = QorConfigStore::ReadBootFromHistory(std::stoi(nth));
   }

@@ -276,13 +276,18 @@ TEST_F(PlanCliTest, ExportStagedBackPlansNoChange) {
   ASSERT_EQ(DBStore::Execute(conn, "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) "
                                    "VALUES ('qor', 'network', 'nuknics', 'nuk9', '{\"name\":\"nuk8\"}')",
                              {}, {}, DBStore::kTimeoutMs), 0);
+  // A pending desired value no document carries: the boot after staging drops it, as staging
+  // replaces its key whole.
+  ASSERT_EQ(DBStore::Execute(conn, "UPDATE Config SET DesiredValue = '{\"name\":\"admin\",\"shell\":\"pending\"}' "
+                                   "WHERE Name = 'user_accounts' AND Identifier = 'admin'",
+                             {}, {}, DBStore::kTimeoutMs), 0);
   conn.reset();
   // First on the installed host, whose mutable default instances are not in the store yet, then
   // after a boot that applied a desired configuration.
   const struct {
     Objects leftOut, added, removed;
   } rounds[] = {
-      {{"qor/network/nuknics/nuk9", "qor/advanced_options/user_vars/Agent_LogLevel",
+      {{"qor/network/nuknics/nuk9", "qor/authentication/user_accounts/admin", "qor/advanced_options/user_vars/Agent_LogLevel",
         "qor/advanced_options/user_vars/Agent_RetrySeconds", "qor/system/advanced_options/Net.TcpipHeapSize"},
        {"qor/advanced_options/user_vars/Agent_LogLevel", "qor/advanced_options/user_vars/Agent_RetrySeconds",
         "qor/system/advanced_options/Net.TcpipHeapSize"},
@@ -311,6 +316,15 @@ TEST_F(PlanCliTest, ExportStagedBackPlansNoChange) {
     ASSERT_EQ(Ctl("load --no-restore --force").status, 0);
   }
   EXPECT_EQ(Ctl("diff " + Path("/export.json") + " " + Path("/etc/talvex/configstore/current-store-1")).status, 0);
+
+  // Names that match nothing are said so, as get says it; an unreadable file is named in order.
+  CtlResult none = Ctl("export qor nosuch");
+  EXPECT_EQ(none.status, 3);
+  EXPECT_EQ(none.err, "configstorectl export: nothing matches qor/nosuch\n");
+  EXPECT_EQ(Json(Ctl("export --json qor nosuch"))["objects"].GetInt(), 0) << "the empty result comes first";
+  CtlResult unreadable = Ctl("diff " + Path("/a.json") + " " + Path("/b.json"));
+  EXPECT_EQ(unreadable.status, 2);
+  EXPECT_NE(unreadable.err.find(Path("/a.json") + " could not be read"), std::string::npos) << unreadable.err;
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 // Staging and boot loads killed with SIGKILL at random points: after SQLite's
 // own recovery the store is sound, the staging table and the boot mode are
 // exactly the state before or after the operation that was running, and the
-// next boot load succeeds.
+// next boot load succeeds and keeps its report as the newest of a boot history
+// whose every file parses.
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
@@ -298,7 +299,17 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
 
     // The next boot finds the store as the kill left it and runs to its end.
     log_.Clear();
-    ASSERT_EQ(QorConfigStore::LoadStore(restoring), 0) << "boot after kill " << k;
+    QorConfigStore::BootReport report;
+    ASSERT_EQ(QorConfigStore::LoadStore(restoring, &report), 0) << "boot after kill " << k;
+    // Its report is the newest of the history, whole, and no temporary file of a killed save stays.
+    const auto history = QorConfigStore::ReadBootHistory();
+    ASSERT_FALSE(history.empty());
+    ASSERT_TRUE(history.front().report) << history.front().error;
+    EXPECT_TRUE(history.front().report->startTime == report.startTime && history.front().report->totalMs == report.totalMs)
+        << history.front().file << " is not the report of the last boot";
+    for (const auto& entry : std::filesystem::directory_iterator(Host::Resolve(QorConfigStore::kBootHistoryDir))) {
+      EXPECT_NE(entry.path().extension(), ".tmp") << entry.path();
+    }
     EXPECT_FALSE(log_.Contains("GenerateDesiredConfiguration failed"));
     state = Observe();
     EXPECT_EQ(state, restoring ? After(Op::RestoreBoot, seen) : After(Op::Boot, seen));

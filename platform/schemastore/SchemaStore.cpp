@@ -169,7 +169,7 @@ std::shared_ptr<SchemaObject> SchemaObjectCache::GetSchema(const SchemaObjectId&
 
 SchemaStore::SchemaStore(DBStore::Connection conn, bool forUpdate) : conn_(std::move(conn)), forUpdate_(forUpdate) {}
 
-SchemaStore::~SchemaStore() = default;  // the connection rolls back an open update when it closes
+SchemaStore::~SchemaStore() = default;  // update_ rolls back an open update
 
 std::shared_ptr<SchemaStore> SchemaStore::GetStore(bool forUpdate) {
   return std::shared_ptr<SchemaStore>(new SchemaStore(OpenSchemaStore(forUpdate), forUpdate));
@@ -225,7 +225,7 @@ void SchemaStore::RequireUpdate(const char* operation) const {
 void SchemaStore::BeginUpdate() {
   if (!forUpdate_) Fail("The schema store was opened read-only and cannot be updated");
   if (updating_) Fail("A schema store update is already in progress");
-  if (DBStore::BeginTransaction(conn_) != 0) Fail("Failed to begin the schema store update");
+  if (update_.Begin() != 0) Fail("Failed to begin the schema store update");
   updating_ = true;
   broken_ = false;
 }
@@ -233,13 +233,13 @@ void SchemaStore::BeginUpdate() {
 void SchemaStore::CommitUpdate() {
   RequireUpdate("CommitUpdate");
   if (broken_) Fail("The schema store update holds a partly written element and cannot be committed");
-  if (DBStore::CommitTransaction(conn_) != 0) Fail("Failed to commit the schema store update");
+  if (update_.Commit() != 0) Fail("Failed to commit the schema store update");
   updating_ = false;
 }
 
 void SchemaStore::CancelUpdate() {
   if (!updating_) return;
-  if (DBStore::CancelTransaction(conn_) != 0) {
+  if (update_.Rollback() != 0) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to cancel the schema store update");
   } else {
     CSLogger::Log(CSLogger::PRIO_INFO, "Schema store update cancelled");

@@ -1,7 +1,5 @@
 #include "configstore/boot/BootApplyRecord.h"
 
-#include <cstring>
-
 #include "configstore/frame/CallFrame.h"
 #include "platform/validator/ConfigStoreDocument.h"
 
@@ -9,22 +7,6 @@ namespace QorConfigStore {
 namespace {
 
 const char* kBootApplyResultKey = "BOOT_APPLY_RESULT";
-
-int FailureRowCallback(void* context, int argc, char** argv, char** columnNames) {
-  FailureRecord record;
-  for (int i = 0; i < argc; ++i) {
-    const char* value = argv[i] ? argv[i] : "";
-    if (std::strcmp(columnNames[i], "Component") == 0) record.Component = value;
-    else if (std::strcmp(columnNames[i], "ConfigGroup") == 0) record.ConfigGroup = value;
-    else if (std::strcmp(columnNames[i], "Name") == 0) record.Name = value;
-  }
-  static_cast<std::vector<FailureRecord>*>(context)->push_back(std::move(record));
-  return 0;
-}
-
-void DetachLogged(const DBStore::Connection& conn) {
-  if (DBStore::DetachSchemaStore(conn) != 0) CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to detach schema store");
-}
 
 }  // namespace
 
@@ -59,24 +41,26 @@ rapidjson::Document getBootApplyRecord() {
 
 std::vector<FailureRecord> GetBootTimeRestoreFailures() {
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
-  if (DBStore::AttachSchemaStore(conn) != 0) throw ConfigStoreException(CS_ERR_GENERIC, "Failed to attach schema store");
+  DBStore::SchemaStoreAttachment ss(conn);  // detached however this ends
+  if (ss.Attach() != 0) throw ConfigStoreException(CS_ERR_GENERIC, "Failed to attach schema store");
   std::vector<FailureRecord> failures;
-  try {
-    DBStore::Statement stmt = DBStore::internal::Prepare(
-        conn,
-        "SELECT c.Name, c.Component, c.ConfigGroup, c.Identifier FROM Config c, ss.ConfigSchema AS s "
-        "WHERE c.Name = s.Name AND c.Component = s.Component AND c.ConfigGroup = s.ConfigGroup "
-        "AND s.DSPIntegrated = 1 AND c.Success = 0 AND (s.SchemaType = 0 OR s.SchemaType = 2) "
-        "AND c.UserValue IS NOT NULL;",
-        DBStore::kTimeoutMs);
-    if (DBStore::ExecuteStmt(conn, stmt, FailureRowCallback, &failures, DBStore::kTimeoutMs) != 0) {
-      throw ConfigStoreException(CS_ERR_GENERIC, "Failed to read from config store.");
-    }
-  } catch (const std::exception&) {
-    DetachLogged(conn);
-    throw;
+  // Columns: Name, Component, ConfigGroup, Identifier.
+  auto keep = [&failures](const DBStore::Row& row) {
+    FailureRecord& record = failures.emplace_back();
+    record.Name = row.String(0);
+    record.Component = row.String(1);
+    record.ConfigGroup = row.String(2);
+  };
+  if (DBStore::QueryEach(
+          conn,
+          "SELECT c.Name, c.Component, c.ConfigGroup, c.Identifier FROM Config c, ss.ConfigSchema AS s "
+          "WHERE c.Name = s.Name AND c.Component = s.Component AND c.ConfigGroup = s.ConfigGroup "
+          "AND s.DSPIntegrated = 1 AND c.Success = 0 AND (s.SchemaType = 0 OR s.SchemaType = 2) "
+          "AND c.UserValue IS NOT NULL;",
+          keep) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to read from config store.");
   }
-  DetachLogged(conn);
+  if (ss.Detach() != 0) CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to detach schema store");
   return failures;
 }
 

@@ -64,14 +64,8 @@ Instance ToInstance(const rapidjson::Value& value, const std::shared_ptr<QorSche
 
 void DeleteKey(const DBStore::Connection& conn, const std::string& component, const std::string& group,
                const std::string& key) {
-  const char* failure = "Delete mutable default config failed";
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn, kDeleteKeySql, DBStore::kTimeoutMs);
-  if (!stmt) throw ConfigStoreException(CS_ERR_GENERIC, failure);
-  int index = 1;
-  if (DBStore::internal::Bind(conn, stmt, index, key) != 0 || DBStore::internal::Bind(conn, stmt, index, group) != 0 ||
-      DBStore::internal::Bind(conn, stmt, index, component) != 0 ||
-      DBStore::ExecuteStmt(conn, stmt, nullptr, nullptr, DBStore::kTimeoutMs) != 0) {
-    throw ConfigStoreException(CS_ERR_GENERIC, failure);
+  if (DBStore::Exec(conn, kDeleteKeySql, key, group, component) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "Delete mutable default config failed");
   }
 }
 
@@ -163,15 +157,8 @@ void ProcessBootConfigurationDocument(const DBStore::Connection& conn) {
 
 void WriteUserConfig(const DBStore::Connection& conn, const ConfigStoreObjectId& id, const std::string& version,
                      const std::string& userValue) {
-  const char* failure = "Write user config failed";
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn, kWriteUserConfigSql, DBStore::kTimeoutMs);
-  if (!stmt) throw ConfigStoreException(CS_ERR_GENERIC, failure);
-  int index = 1;
-  for (const std::string* value : {&id.id, &id.key, &id.group, &id.component, &version, &userValue}) {
-    if (DBStore::internal::Bind(conn, stmt, index, *value) != 0) throw ConfigStoreException(CS_ERR_GENERIC, failure);
-  }
-  if (DBStore::ExecuteStmt(conn, stmt, nullptr, nullptr, DBStore::kTimeoutMs) != 0) {
-    throw ConfigStoreException(CS_ERR_GENERIC, failure);
+  if (DBStore::Exec(conn, kWriteUserConfigSql, id.id, id.key, id.group, id.component, version, userValue) != 0) {
+    throw ConfigStoreException(CS_ERR_GENERIC, "Write user config failed");
   }
 }
 

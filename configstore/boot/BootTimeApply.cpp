@@ -1,11 +1,9 @@
 #include "configstore/boot/BootTimeApply.h"
 
-#include <cstring>
 #include <string>
 
 #include "configstore/boot/BootDocument.h"
 #include "configstore/frame/CallFrame.h"
-#include "configstore/maintenance/CleanupSupport.h"
 #include "configstore/maintenance/RowSetSql.h"
 #include "platform/schemastore/SchemaObject.h"
 
@@ -17,15 +15,10 @@ struct Step {
   const char* failure;
 };
 
-void RunStep(const DBStore::Connection& conn, const char* sql, const char* failure) {
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
-  if (!stmt || DBStore::ExecuteStmt(conn, stmt, nullptr, nullptr, DBStore::kTimeoutMs) != 0) {
-    throw ConfigStoreException(CS_ERR_GENERIC, failure);
-  }
-}
-
 void RunSteps(const DBStore::Connection& conn, std::initializer_list<Step> steps) {
-  for (const Step& step : steps) RunStep(conn, step.sql, step.failure);
+  for (const Step& step : steps) {
+    if (DBStore::Exec(conn, step.sql) != 0) throw ConfigStoreException(CS_ERR_GENERIC, step.failure);
+  }
 }
 
 // Refills the SET_DEFAULT keys from DefaultConfig; shared by the host API and SmartNIC routines.
@@ -44,23 +37,6 @@ std::string PreservedIdsSql() {
          QorSchemaStore::kGeneratedIdMember +
          "') AND s.PreservedInstanceIds IS NOT NULL AND p.type = 'text' "
          "ORDER BY s.Component, s.ConfigGroup, s.Name, p.id";
-}
-
-int PreservedIdRow(void* context, int argc, char** argv, char** columnNames) {
-  try {
-    ConfigStoreObjectId id;
-    for (int i = 0; i < argc; ++i) {
-      const char* value = argv[i] ? argv[i] : "";
-      if (std::strcmp(columnNames[i], "Component") == 0) id.component = value;
-      else if (std::strcmp(columnNames[i], "ConfigGroup") == 0) id.group = value;
-      else if (std::strcmp(columnNames[i], "Name") == 0) id.key = value;
-      else if (std::strcmp(columnNames[i], "Identifier") == 0) id.id = value;
-    }
-    static_cast<std::vector<ConfigStoreObjectId>*>(context)->push_back(std::move(id));
-    return 0;
-  } catch (...) {
-    return 1;  // no exception may cross SQLite's C frames; the statement fails instead
-  }
 }
 
 // The marking of the user values that a desired configuration drops. The reference form binds
@@ -96,11 +72,7 @@ int MarkUnpreservedUserConfigReference(const DBStore::Connection& conn) {
   for (const ConfigStoreObjectId& id : preserved) {
     values.insert(values.end(), {id.component, id.group, id.key, id.id});
   }
-  DBStore::Statement stmt =
-      DBStore::internal::Prepare(conn, MarkUnpreservedUserConfigReferenceSql(preserved.size()), DBStore::kTimeoutMs);
-  int index = 1;
-  if (!stmt || (!values.empty() && DBStore::internal::Bind(conn, stmt, index, values) != 0)) return 1;
-  return DBStore::ExecuteStmt(conn, stmt, nullptr, nullptr, DBStore::kTimeoutMs) == 0 ? 0 : 1;
+  return DBStore::Exec(conn, MarkUnpreservedUserConfigReferenceSql(preserved.size()), values);
 }
 
 const std::string& MarkUnpreservedUserConfigSql() {
@@ -116,16 +88,16 @@ const std::string& MarkUnpreservedUserConfigSql() {
 // Lives inside the caller's transaction: a rollback takes the table with it.
 void MarkUnpreservedUserConfig(const DBStore::Connection& conn) {
   // NULL reads as "" here, as in ListPreservedUserObjects.
-  if (RunStatement(conn, "CREATE TEMP TABLE PreservedUserObject AS SELECT COALESCE(Component, '') AS Component, "
+  if (DBStore::Exec(conn, "CREATE TEMP TABLE PreservedUserObject AS SELECT COALESCE(Component, '') AS Component, "
                          "COALESCE(ConfigGroup, '') AS ConfigGroup, COALESCE(Name, '') AS Name, "
                          "COALESCE(Identifier, '') AS Identifier FROM (" + PreservedIdsSql() + ")") != 0) {
     throw ConfigStoreException(CS_ERR_GENERIC, "Failed to read preserved instance ids");
   }
   const std::string& sql = MarkUnpreservedUserConfigSql();
   CSLogger::Log(CSLogger::PRIO_INFO, "Delete existing user configuration query = %s", sql.c_str());
-  if (RunStatement(conn, "CREATE INDEX temp.PreservedUserObjectKey ON PreservedUserObject (Component, "
+  if (DBStore::Exec(conn, "CREATE INDEX temp.PreservedUserObjectKey ON PreservedUserObject (Component, "
                          "ConfigGroup, Name, Identifier)") != 0 ||
-      RunStatement(conn, sql) != 0 || RunStatement(conn, "DROP TABLE temp.PreservedUserObject") != 0) {
+      DBStore::Exec(conn, sql) != 0 || DBStore::Exec(conn, "DROP TABLE temp.PreservedUserObject") != 0) {
     throw ConfigStoreException(CS_ERR_GENERIC, kMarkFailure);
   }
 }
@@ -243,7 +215,7 @@ int ApplyBootModeStep(const DBStore::Connection& conn, BOOTMODE mode) {
 }
 
 void FoldDesiredValues(const DBStore::Connection& conn) {
-  if (DBStore::Execute(conn, kFoldDesiredValuesSql, {}, {}, DBStore::kTimeoutMs) != 0) {
+  if (DBStore::Exec(conn, kFoldDesiredValuesSql) != 0) {
     throw ConfigStoreException(CS_ERR_GENERIC, "Failed to reset success flag for configuration");
   }
 }
@@ -314,7 +286,7 @@ void GenerateDesiredUserConfiguration(const DBStore::Connection& conn) {
 
 std::vector<EquivalentStatement> BootTimeEquivalentStatements() {
   auto text = [](std::string sql) -> EquivalentStatement::Run {
-    return [sql](const DBStore::Connection& conn, std::vector<std::string>&) { return RunStatement(conn, sql); };
+    return [sql](const DBStore::Connection& conn, std::vector<std::string>&) { return DBStore::Exec(conn, sql); };
   };
   auto marking = [](const DBStore::Connection& conn, std::vector<std::string>&) {
     try {
@@ -338,8 +310,11 @@ std::vector<EquivalentStatement> BootTimeEquivalentStatements() {
 
 std::vector<ConfigStoreObjectId> ListPreservedUserObjects(const DBStore::Connection& conn) {
   std::vector<ConfigStoreObjectId> preserved;
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn, PreservedIdsSql(), DBStore::kTimeoutMs);
-  if (!stmt || DBStore::ExecuteStmt(conn, stmt, PreservedIdRow, &preserved, DBStore::kTimeoutMs) != 0) {
+  // Columns: Component, ConfigGroup, Name, Identifier (NULL reads as "").
+  auto keep = [&preserved](const DBStore::Row& row) {
+    preserved.push_back(ConfigStoreObjectId{row.String(2), row.String(0), row.String(1), row.String(3)});
+  };
+  if (DBStore::QueryEach(conn, PreservedIdsSql(), keep) != 0) {
     throw ConfigStoreException(CS_ERR_GENERIC, "Failed to read preserved instance ids");
   }
   return preserved;

@@ -79,17 +79,13 @@ void RaiseAlert(BootReport& report, const std::string& message) {
 long CountRows(const char* sql, bool attachSchemaStore = false) {
   try {
     DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, false);
-    if (!conn || (attachSchemaStore && DBStore::AttachSchemaStore(conn) != 0)) return -1;
+    if (!conn) return -1;
+    DBStore::SchemaStoreAttachment ss(conn);
+    if (attachSchemaStore && ss.Attach() != 0) return -1;
     long count = -1;
-    auto stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
-    DBStore::ExecuteStmt(
-        conn, stmt,
-        [](void* ctx, int, char** argv, char**) {
-          *static_cast<long*>(ctx) = argv[0] ? std::stol(argv[0]) : 0;
-          return 0;
-        },
-        &count, DBStore::kTimeoutMs);
-    if (attachSchemaStore) DBStore::DetachSchemaStore(conn);
+    auto keep = [&count](const DBStore::Row& row) { count = static_cast<long>(row.Int(0)); };
+    // A failed count stays -1: the report shows it as unknown.
+    (void)DBStore::QueryEach(conn, sql, keep);
     return count;
   } catch (const std::exception&) {
     return -1;
@@ -147,14 +143,16 @@ void ReportUnknownBootMode(const std::string& text, BootReport& report, Stage& s
 // boot type to record, or -1 when the schema store could not be attached (nothing is recorded then).
 int ApplyDesiredConfiguration(BootReport& report, Stage& stage) {
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
-  if (DBStore::AttachSchemaStore(conn) != 0) {
+  DBStore::SchemaStoreAttachment ss(conn);
+  if (ss.Attach() != 0) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to attach schema store");
     DumpZeb(kDesiredConfigError, 0);
     stage.Note("schema store not attached: nothing applied");
     return -1;
   }
   int bootType = 0;
-  if (DBStore::BeginTransaction(conn) != 0) {
+  DBStore::Transaction tx(conn);
+  if (tx.Begin() != 0) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to begin desired configuration transaction");
     DumpZeb(kDesiredConfigError, 0);
     stage.Note("transaction not begun: nothing applied");
@@ -173,17 +171,17 @@ int ApplyDesiredConfiguration(BootReport& report, Stage& stage) {
       if (DBStore::WriteKeyValue("BOOT_MODE", std::to_string(BOOT_MODE_DEFAULT), conn) != 0) {
         throw ConfigStoreException(CS_ERR_GENERIC, "Failed to reset the boot mode");
       }
-      if (DBStore::CommitTransaction(conn) != 0) {
+      if (tx.Commit() != 0) {
         throw ConfigStoreException(CS_ERR_GENERIC, "Failed to commit desired configuration transaction");
       }
     } catch (const std::exception& e) {
-      DBStore::CancelTransaction(conn);
+      (void)tx.Rollback();  // before the log line and the event; a failed rollback logs itself
       CSLogger::Log(CSLogger::PRIO_ERROR, "GenerateDesiredConfiguration failed: %s", e.what());
       DumpZeb(kDesiredConfigError, 0);
       stage.Note(std::string("rolled back: ") + e.what());
     }
   }
-  if (DBStore::DetachSchemaStore(conn) != 0) {
+  if (ss.Detach() != 0) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to detach schema store");
     DumpZeb(kDesiredConfigError, 0);
   }
@@ -195,7 +193,9 @@ void RecordBootType(int bootType) {
   info.AddMember("type", static_cast<unsigned>(bootType), info.GetAllocator());
   std::string text;
   ConfigStoreDocument::SerializeValue(info, text);
-  DBStore::WriteKeyValue("BOOT_INFO", text, GetDBConnection(DBStore::CONFIG_STORE, true));
+  // The boot type is a note for tools that read it later; a boot never fails over it (the write logs
+  // its own failure).
+  (void)DBStore::WriteKeyValue("BOOT_INFO", text, GetDBConnection(DBStore::CONFIG_STORE, true));
 }
 
 // Removes the files an upgrade left behind that no installed package declares any more.

@@ -51,23 +51,23 @@ std::optional<BOOTMODE> ReadBootMode(const DBStore::Connection& conn, std::strin
 // missing store the write fails and is ignored, so a boot tool never stops over these flags.
 void StartAutoConf() {
   CSLogger::Log(CSLogger::PRIO_INFO, "ConfigStore autoconf start");
-  DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
+  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, false);
   IgnoreStatus(DBStore::WriteKeyValue("IS_BOOT", TRUE_STR, conn));
 }
 
 void EndAutoConf() {
   CSLogger::Log(CSLogger::PRIO_INFO, "ConfigStore endconf end");
-  DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
+  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, false);
   IgnoreStatus(DBStore::WriteKeyValue("IS_BOOT", "", conn));
 }
 
 bool IsAutoConf() {
-  DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
+  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, false);
   return ReadKeyValueOrThrow("IS_BOOT", conn) == TRUE_STR;
 }
 
 void EnableNexdNotification(bool enable) {
-  DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
+  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, false);
   IgnoreStatus(DBStore::WriteKeyValue("NOTIFY_NEXD", enable ? TRUE_STR : "false", conn));
   CSLogger::Log(CSLogger::PRIO_INFO, "ConfigStore nexd notification enabled = %d", enable ? 1 : 0);
 }

@@ -51,9 +51,8 @@ void WriteDefaultInstance(rapidjson::MemoryPoolAllocator<>& allocator, const DBS
       "INSERT OR REPLACE INTO '%s'(Component, ConfigGroup, Name, Identifier, Value, VitalValue, CachedValue, "
       "Version) VALUES (?, ?, ?, ?, ?, ?, ?, ?);",
       "DefaultConfig");
-  if (DBStore::Execute(conn, kInsert,
-                       {component, group, key, identifier, parts["user"], parts["vital"], parts["cached"], version}, {},
-                       DBStore::kTimeoutMs) != 0) {
+  if (DBStore::Exec(conn, kInsert, component, group, key, identifier, parts["user"], parts["vital"], parts["cached"],
+                    version) != 0) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to write default config for %s/%s/%s/%s", component.c_str(),
                   group.c_str(), key.c_str(), identifier.c_str());
   }
@@ -99,21 +98,19 @@ bool ProcessDefaultConfiguration(bool isQorio) {
   BootLock lock(Host::FileLock::Mode::Shared);  // a load's restore must not replace the store under it
   CSLogger::Log(CSLogger::PRIO_INFO, "Processing default configuration.");
   const std::string directory = Host::Resolve(kDefaultConfigDir);
-  DBStore::Connection conn;
   try {
     const std::vector<std::string> files = GetSchemaFiles(directory);
     SchemaFileSelection selection(directory, files, Host::FeatureState_IsEnabled(Host::FEATURE_SCHEMA_VERSIONING));
-    conn = GetDBConnection(DBStore::CONFIG_STORE, true);
+    DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
     std::shared_ptr<QorSchemaStore::SchemaStore> store = QorSchemaStore::SchemaStore::GetStore(false);
     if (files.empty()) {
       CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to open %s", directory.c_str());
       return false;
     }
 
-    if (DBStore::BeginTransaction(conn) != 0) {
-      ThrowStoreFailure("Failed to begin default config transaction");
-    }
-    if (DBStore::Execute(conn, "DELETE from DefaultConfig", {}, {}, DBStore::kTimeoutMs) != 0) {
+    DBStore::Transaction tx(conn);  // rolled back on the way to the catch below
+    if (tx.Begin() != 0) ThrowStoreFailure("Failed to begin default config transaction");
+    if (DBStore::Exec(conn, "DELETE from DefaultConfig") != 0) {
       throw ConfigStoreException(CS_ERR_GENERIC, "Failed to cleanup default config");
     }
 
@@ -136,14 +133,13 @@ bool ProcessDefaultConfiguration(bool isQorio) {
       }
     }
 
-    if (DBStore::CommitTransaction(conn) != 0) {
+    if (tx.Commit() != 0) {
       throw ConfigStoreException(CS_ERR_GENERIC, "Failed to commit default config");
     }
     CSLogger::Log(CSLogger::PRIO_INFO, "Completed processing default configuration: %s.",
                   result ? "success" : "failure");
     return result;
   } catch (const std::exception& e) {
-    if (conn) DBStore::CancelTransaction(conn);  // logs its own failure; nothing more to do here
     CSLogger::Log(CSLogger::PRIO_ERROR, "DefaultConfiguration Failed %s", e.what());
     return false;
   }

@@ -144,20 +144,18 @@ void PreserveAdvancedOptions(const DBStore::Connection& conn) {
 void SetDesiredUserConfig(rapidjson::Document& doc) {
   BootLock lock(Host::FileLock::Mode::Shared);  // staged wholly before or wholly after a boot load
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
-  if (DBStore::BeginTransaction(conn) != 0) {
-    ThrowStoreFailure("Failed to start set desired transaction");
-  }
+  DBStore::Transaction tx(conn);
+  if (tx.Begin() != 0) ThrowStoreFailure("Failed to start set desired transaction");
   try {
     Run(conn, "DELETE from DesiredUserConfig", {}, "Failed to cleanup desired configuration.");
     ProcessDesiredDocument(doc, conn);
     staging::SetBootModeInTransaction(conn, BOOT_MODE_DESIRED_USER_CONFIG);
-    if (DBStore::CommitTransaction(conn) != 0) {
+    if (tx.Commit() != 0) {
       throw ConfigStoreException(CS_ERR_GENERIC, "Failed to commit set desired transaction");
     }
-  } catch (const std::exception& e) {
-    DBStore::CancelTransaction(conn);
-    CSLogger::Log(CSLogger::PRIO_ERROR, "%s", e.what());
-    throw ConfigStoreException(CS_ERR_GENERIC, std::string("SetDesiredUserConfig failed: ") + e.what());
+  } catch (const std::exception&) {
+    (void)tx.Rollback();  // before the log line; a failed rollback logs itself
+    RethrowFromOperation("SetDesiredUserConfig failed: ");
   }
   CSLogger::Log(CSLogger::PRIO_INFO, "Desired configuration set");
 }

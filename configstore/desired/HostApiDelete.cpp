@@ -12,22 +12,11 @@ constexpr const char* kWriteDelete =
 
 // Writes the "DELETE" row; a statement that cannot be prepared, bound or run throws 1005.
 void WriteDeleteRow(const DBStore::Connection& conn, const char* component, const char* group, const char* key) {
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn, kWriteDelete, DBStore::kTimeoutMs);
-  int index = 1;
-  bool bound = stmt != nullptr;
-  for (const char* value : {component, group, key, "DELETE"}) {
-    bound = bound && DBStore::internal::Bind(conn, stmt, index, value) == 0;
-  }
-  if (!bound || DBStore::ExecuteStmt(conn, stmt, nullptr, nullptr, DBStore::kTimeoutMs) != 0) {
+  if (DBStore::Exec(conn, kWriteDelete, component, group, key, "DELETE") != 0) {
     throw ConfigStoreException(
         CS_ERR_DESIRED_CONFIG_NOT_FOUND,
         Format("desired configuration for component %s group %s key %s", component, group, key));
   }
-}
-
-int NoteRow(void* context, int /*argc*/, char** /*argv*/, char** /*columnNames*/) {
-  *static_cast<bool*>(context) = true;
-  return 0;
 }
 
 }  // namespace
@@ -46,35 +35,26 @@ void DeleteHostAPIConfiguration(const char* component, const char* group, const 
 
   BootLock lock(Host::FileLock::Mode::Shared);  // staged wholly before or wholly after a boot load
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
-  if (DBStore::BeginTransaction(conn) != 0) {
-    ThrowStoreFailure("Failed to start Delete HostAPI transaction");
-  }
+  DBStore::Transaction tx(conn);
+  if (tx.Begin() != 0) ThrowStoreFailure("Failed to start Delete HostAPI transaction");
   try {
     WriteDeleteRow(conn, component, group, key);
     // The boot mode commits with the row: a row the next boot would not apply is never left behind.
     staging::SetBootModeInTransaction(conn, BOOT_MODE_HOSTAPI_CONFIG);
-    if (DBStore::CommitTransaction(conn) != 0) {
+    if (tx.Commit() != 0) {
       throw ConfigStoreException(CS_ERR_HOSTAPI_DELETE_NOT_ALLOWED,
                                  Format("for component %s group %s key %s in Delete HostAPI", component, group, key));
     }
-  } catch (const std::exception& e) {
-    DBStore::CancelTransaction(conn);
-    CSLogger::Log(CSLogger::PRIO_ERROR, "%s", e.what());
-    throw;
+  } catch (const std::exception&) {
+    (void)tx.Rollback();  // before the log line; a failed rollback logs itself
+    RethrowFromOperation("");
   }
 }
 
 bool CheckDesiredObjectExists(const ConfigStoreObjectId& id, const std::shared_ptr<DBStore::StoreConnection>& conn) {
-  DBStore::Statement stmt = DBStore::internal::Prepare(
-      conn, "SELECT 1 FROM DesiredUserConfig WHERE Name = ? AND ConfigGroup = ? AND Component = ? LIMIT 1",
-      DBStore::kTimeoutMs);
-  int index = 1;
-  bool bound = stmt != nullptr;
-  for (const std::string* value : {&id.key, &id.group, &id.component}) {
-    bound = bound && DBStore::internal::Bind(conn, stmt, index, *value) == 0;
-  }
   bool found = false;
-  if (!bound || DBStore::ExecuteStmt(conn, stmt, NoteRow, &found, DBStore::kTimeoutMs) != 0) {
+  if (DBStore::QueryEach(conn, "SELECT 1 FROM DesiredUserConfig WHERE Name = ? AND ConfigGroup = ? AND Component = ? LIMIT 1",
+                         [&found](const DBStore::Row&) { found = true; }, id.key, id.group, id.component) != 0) {
     throw ConfigStoreException(CS_ERR_GENERIC, "Check Instance failed for: " + id.toString());
   }
   return found;

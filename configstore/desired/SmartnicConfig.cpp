@@ -12,8 +12,8 @@ namespace {
 using QorSchemaStore::SchemaObjectId;
 using staging::Run;
 
-void DetachOrLog(const DBStore::Connection& conn) {
-  if (DBStore::DetachSchemaStore(conn) != 0) CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to detach schema store");
+void DetachOrLog(DBStore::SchemaStoreAttachment& ss) {
+  if (ss.Detach() != 0) CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to detach schema store");
 }
 
 // Validates one object; on failure logs it and returns false. The generated instance id is filled
@@ -71,11 +71,11 @@ bool StageSmartnicDocument(rapidjson::Document& doc, const DBStore::Connection& 
 void SetDesiredSmartnicConfiguration(rapidjson::Document& doc) {
   BootLock lock(Host::FileLock::Mode::Shared);  // staged wholly before or wholly after a boot load
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
-  if (DBStore::AttachSchemaStore(conn) != 0) throw ConfigStoreException(CS_ERR_GENERIC, "Failed to attach schema store");
+  DBStore::SchemaStoreAttachment ss(conn);
+  if (ss.Attach() != 0) throw ConfigStoreException(CS_ERR_GENERIC, "Failed to attach schema store");
+  DBStore::Transaction tx(conn);
   try {
-    if (DBStore::BeginTransaction(conn) != 0) {
-      ThrowStoreFailure("Failed to start set desired transaction");
-    }
+    if (tx.Begin() != 0) ThrowStoreFailure("Failed to start set desired transaction");
     Run(conn, "DELETE from DesiredUserConfig", {}, "Failed to cleanup desired configuration.");
     if (!StageSmartnicDocument(doc, conn)) {
       throw ConfigStoreException(
@@ -92,16 +92,15 @@ void SetDesiredSmartnicConfiguration(rapidjson::Document& doc) {
         "IN (SELECT Component, ConfigGroup, Name FROM DesiredUserConfig));",
         {}, "Failed to initialize the configuration for smartnic.");
     staging::SetBootModeInTransaction(conn, BOOT_MODE_SMARTNIC_CONFIG);
-    if (DBStore::CommitTransaction(conn) != 0) {
+    if (tx.Commit() != 0) {
       throw ConfigStoreException(CS_ERR_GENERIC, "Failed to commit set desired transaction");
     }
-  } catch (const std::exception& e) {
-    DBStore::CancelTransaction(conn);
-    DetachOrLog(conn);
-    CSLogger::Log(CSLogger::PRIO_ERROR, "%s", e.what());
-    throw ConfigStoreException(CS_ERR_GENERIC, std::string("SetDesiredSmartnicConfiguration failed: ") + e.what());
+  } catch (const std::exception&) {
+    (void)tx.Rollback();  // before the detach and the log line; a failed rollback logs itself
+    DetachOrLog(ss);
+    RethrowFromOperation("SetDesiredSmartnicConfiguration failed: ");
   }
-  DetachOrLog(conn);
+  DetachOrLog(ss);
   CSLogger::Log(CSLogger::PRIO_INFO, "Desired configuration set for smartnic.");
 }
 

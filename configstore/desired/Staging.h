@@ -17,7 +17,7 @@ namespace QorConfigStore::staging {
 
 // A bound parameter or a column as SQLite hands it; nullopt is SQL NULL.
 using Column = std::optional<std::string>;
-using Rows = std::vector<std::vector<Column>>;
+using Rows = std::vector<DBStore::Values>;
 
 inline constexpr const char* kDeleteDefault = "DELETE_DEFAULT";
 
@@ -36,9 +36,8 @@ inline bool IsCarriedOverFromTheHost(const std::string& component, const std::st
   return false;
 }
 
-// Prepares `sql` (busy time-out 3000 ms), binds `params` in order, runs it and returns its rows
-// (columns in the order the statement selects them). A failed prepare, bind or step throws
-// ConfigStoreException 2000 with `failure`.
+// DBStore::Query that throws: the rows of `sql` with `params` bound in order (columns in the order
+// the statement selects them). A failed statement throws ConfigStoreException 2000 with `failure`.
 Rows Run(const DBStore::Connection& conn, std::string_view sql, const std::vector<Column>& params,
          const char* failure);
 

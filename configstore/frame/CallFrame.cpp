@@ -24,10 +24,29 @@ DBStore::Connection GetDBConnection(DBStore::Type type, bool mustConnect) {
   return ConnectOrThrow(type, "Failed to connect to database");
 }
 
-DBStore::Connection ConnectOrThrow(DBStore::Type type, const char* message) {
-  DBStore::Connection conn = DBStore::GetConnection(type, true);
+DBStore::Connection ConnectOrThrow(DBStore::Type type, const char* message, bool readWrite) {
+  DBStore::Connection conn = DBStore::GetConnection(type, readWrite);
   if (!conn) ThrowStoreFailure(message);
   return conn;
+}
+
+void RethrowFromOperation(const char* prefix) {
+  try {
+    throw;
+  } catch (const std::exception& e) {
+    CSLogger::Log(CSLogger::PRIO_ERROR, "%s", e.what());
+  }
+  try {
+    throw;
+  } catch (const InvalidArgumentException& e) {
+    if (*prefix == '\0') throw;
+    throw InvalidArgumentException(e.code(), prefix + std::string(e.what()));
+  } catch (const ConfigStoreException& e) {
+    if (*prefix == '\0') throw;
+    throw ConfigStoreException(e.code(), prefix + std::string(e.what()));
+  } catch (const std::exception& e) {
+    throw ConfigStoreException(CS_ERR_GENERIC, prefix + std::string(e.what()));
+  }
 }
 
 bool FileExists(const char* path) {

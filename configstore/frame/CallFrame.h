@@ -43,9 +43,16 @@ template <typename E, typename... Args>
 // set, and is returned for the caller to test otherwise.
 DBStore::Connection GetDBConnection(DBStore::Type type, bool mustConnect);
 
-// DBStore::GetConnection(type, true), or ThrowStoreFailure(message): for the operations whose
-// failure text differs from GetDBConnection's.
-DBStore::Connection ConnectOrThrow(DBStore::Type type, const char* message);
+// DBStore::GetConnection(type, readWrite), or ThrowStoreFailure(message): for the operations whose
+// failure text differs from GetDBConnection's, and for readers (readWrite false).
+DBStore::Connection ConnectOrThrow(DBStore::Type type, const char* message, bool readWrite = true);
+
+// What an exported operation lets out when it fails; call it inside its catch block. Logs the
+// caught exception's what() at error priority, then rethrows: a ConfigStoreException keeps its code
+// and kind (1032, 1082 and the rest stay what they are); any other exception becomes
+// ConfigStoreException(2000). `prefix` (the operation's own "SetDesiredUserConfig failed: ", or "")
+// goes before the text. Undo (rollback, detach) belongs to the scope guards the try block holds.
+[[noreturn]] void RethrowFromOperation(const char* prefix);
 
 // True when stat() of the path succeeds (any file type). `path` is a resolved path.
 bool FileExists(const char* path);

@@ -1,7 +1,5 @@
 #include "configstore/frame/Metrics.h"
 
-#include <cstdlib>
-
 #include "configstore/frame/CallFrame.h"
 
 namespace QorConfigStore {
@@ -11,29 +9,12 @@ DBStore::Connection MetricsConnection() {
   return ConnectOrThrow(DBStore::CONFIG_STORE, "Failed to connect to database.");
 }
 
-// Column 0 of the row, as it stands. SUM over no value is NULL: read as "0" (see Metrics.h).
-int ScalarCallback(void* context, int /*argc*/, char** argv, char** /*columnNames*/) {
-  *static_cast<std::string*>(context) = argv[0] ? argv[0] : "0";
-  return 0;
-}
-
-// Columns: Component, ConfigGroup, Name, then the three sizes; a NULL column reads as "0".
-int MetricsRowCallback(void* context, int argc, char** argv, char** /*columnNames*/) {
-  if (argc != 6) return 1;
-  auto text = [&](int i) { return std::string(argv[i] != nullptr ? argv[i] : "0"); };
-  auto size = [&](int i) { return argv[i] != nullptr ? std::strtoll(argv[i], nullptr, 10) : int64_t{0}; };
-  static_cast<std::vector<ConfigMetricsRow>*>(context)->push_back(
-      {text(0), text(1), text(2), size(3), size(4), size(5)});
-  return 0;
-}
-
+// Column 0 of the one row. SUM over no value is NULL: read as "0" (see Metrics.h).
 int QueryScalar(const char* sql, const char* failure) {
   DBStore::Connection conn = MetricsConnection();
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
   std::string result;
-  if (DBStore::ExecuteStmt(conn, stmt, ScalarCallback, &result, DBStore::kTimeoutMs) == 1) {
-    throw ConfigStoreException(CS_ERR_GENERIC, failure);
-  }
+  auto keep = [&result](const DBStore::Row& row) { result = row.IsNull(0) ? "0" : row.String(0); };
+  if (DBStore::QueryEach(conn, sql, keep) != 0) throw ConfigStoreException(CS_ERR_GENERIC, failure);
   return std::stoi(result, nullptr, 10);
 }
 
@@ -64,9 +45,13 @@ std::vector<ConfigMetricsRow> GetConfigMetricsRows() {
       LENGTH (UserValue) UserConfigSize, LENGTH (CachedValue) CachedConfigSize
       FROM Config)";
   DBStore::Connection conn = MetricsConnection();
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn, kSql, DBStore::kTimeoutMs);
   std::vector<ConfigMetricsRow> rows;
-  if (DBStore::ExecuteStmt(conn, stmt, MetricsRowCallback, &rows, DBStore::kTimeoutMs) == 1) {
+  // Columns: Component, ConfigGroup, Name, then the three sizes; a NULL column reads as "0".
+  auto keep = [&rows](const DBStore::Row& row) {
+    auto text = [&](int i) { return row.IsNull(i) ? std::string("0") : row.String(i); };
+    rows.push_back({text(0), text(1), text(2), row.Int(3), row.Int(4), row.Int(5)});
+  };
+  if (DBStore::QueryEach(conn, kSql, keep) != 0) {
     throw ConfigStoreException(CS_ERR_GENERIC, "Failed to get data from GetConfigMetrics");
   }
   return rows;

@@ -1,4 +1,3 @@
-#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <set>
@@ -23,18 +22,6 @@ constexpr const char* kCleanupEvent = "zeb.user.cs.dfs.cleanup.error";
 // Directory name -> names of the files recorded in it. The disk walk takes out every file it finds,
 // leaving the rows whose file is missing.
 using DataFileMap = std::unordered_map<std::string, std::set<std::string>>;
-
-int CollectDataFile(void* context, int argc, char** argv, char** columnNames) {
-  const char* dir = nullptr;
-  const char* file = nullptr;
-  for (int i = 0; i < argc; ++i) {
-    if (std::strcmp(columnNames[i], "DirName") == 0) dir = argv[i];
-    else if (std::strcmp(columnNames[i], "FileName") == 0) file = argv[i];
-  }
-  // A row without a directory or file name records nothing that can be on disk.
-  if (dir != nullptr && file != nullptr) (*static_cast<DataFileMap*>(context))[dir].insert(file);
-  return 0;
-}
 
 void Fail(const char* message) {
   CSLogger::Log(CSLogger::PRIO_ERROR, "%s", message);
@@ -91,13 +78,7 @@ int DeleteMissingRows(const DBStore::Connection& conn, const std::string& dirNam
   std::string sql = "DELETE FROM DataFileMetadata WHERE DirName=? AND FileName IN (";
   for (size_t i = 0; i < files.size(); ++i) sql += i == 0 ? "?" : ",?";
   sql += ")";
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
-  int index = 1;
-  if (DBStore::internal::Bind(conn, stmt, index, dirName) != 0 ||
-      DBStore::internal::Bind(conn, stmt, index, std::vector<std::string>(files.begin(), files.end())) != 0) {
-    return 1;
-  }
-  return DBStore::ExecuteStmt(conn, stmt, nullptr, nullptr, DBStore::kTimeoutMs);
+  return DBStore::Exec(conn, sql, dirName, std::vector<std::string>(files.begin(), files.end()));
 }
 
 void Reconcile() {
@@ -107,7 +88,11 @@ void Reconcile() {
     return;
   }
   DataFileMap map;
-  if (RunStatement(conn, "SELECT DirName, FileName FROM DataFileMetadata", CollectDataFile, &map) != 0) {
+  auto collect = [&map](const DBStore::Row& row) {
+    // A row without a directory or file name records nothing that can be on disk.
+    if (!row.IsNull(0) && !row.IsNull(1)) map[row.String(0)].insert(row.String(1));
+  };
+  if (DBStore::QueryEach(conn, "SELECT DirName, FileName FROM DataFileMetadata", collect) != 0) {
     Fail("CleanupDataFiles read sql command failed");
     return;
   }
@@ -120,7 +105,7 @@ void Reconcile() {
   std::error_code ec;
   if (!fs::is_directory(root, ec)) {
     // No recorded file can exist without the root.
-    if (RunStatement(conn, "DELETE FROM DataFileMetadata") != 0) Fail("CleanupDataFiles clear sql command failed");
+    if (DBStore::Exec(conn, "DELETE FROM DataFileMetadata") != 0) Fail("CleanupDataFiles clear sql command failed");
     return;
   }
   std::vector<fs::directory_entry> entries;

@@ -13,10 +13,13 @@
 namespace QorConfigStore {
 namespace {
 
-int CollectFirstColumn(void* context, int argc, char** argv, char** /*columnNames*/) {
+// Runs `sql`, collecting the first column of each row into `rows`. 0 on success, 1 on failure.
+int CollectFirstColumn(const DBStore::Connection& conn, std::string_view sql, std::vector<std::string>& rows) {
   // A row without a directory name has no directory to remove.
-  if (argc > 0 && argv[0] != nullptr) static_cast<std::vector<std::string>*>(context)->emplace_back(argv[0]);
-  return 0;
+  auto keep = [&rows](const DBStore::Row& row) {
+    if (!row.IsNull(0)) rows.push_back(row.String(0));
+  };
+  return DBStore::QueryEach(conn, sql, keep);
 }
 
 // A name taken from the store must stay one level below the data-file root: an empty name, ".",
@@ -60,8 +63,8 @@ const std::string& OrphanDataFilesSql() {
   return sql;
 }
 
-void DetachLogged(const DBStore::Connection& conn) {
-  if (DBStore::DetachSchemaStore(conn) != 0) CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to detach schema store");
+void DetachLogged(DBStore::SchemaStoreAttachment& ss) {
+  if (ss.Detach() != 0) CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to detach schema store");
 }
 
 void CleanupConfigRows() {
@@ -71,12 +74,13 @@ void CleanupConfigRows() {
     CSLogger::Log(CSLogger::PRIO_ERROR, "ConfigStore cleanup failed: could not connect");
     return;
   }
-  if (DBStore::AttachSchemaStore(conn) == 1) {
+  DBStore::SchemaStoreAttachment ss(conn);
+  if (ss.Attach() == 1) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "ConfigStore cleanup failed: could not attach to SchemaStore");
     return;
   }
-  int rc = RunStatement(conn, OrphanConfigSql());
-  DetachLogged(conn);
+  int rc = DBStore::Exec(conn, OrphanConfigSql());
+  DetachLogged(ss);
   if (rc == 1) CSLogger::Log(CSLogger::PRIO_ERROR, "ConfigStore cleanup failed: SQL command unsuccessful");
   CSLogger::Log(CSLogger::PRIO_INFO, "Cleanup config store completed");
 }
@@ -88,19 +92,20 @@ void CleanupDataFileRows(bool atBoot) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Datafile store cleanup failed: could not connect");
     return;
   }
-  if (DBStore::AttachSchemaStore(conn) == 1) {
+  DBStore::SchemaStoreAttachment ss(conn);
+  if (ss.Attach() == 1) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Datafile store cleanup failed: could not attach to data file schemas");
     return;
   }
   // Read before the rows go: afterwards nothing tells which directories were orphaned.
   std::vector<std::string> orphanedDirs;
-  if (!atBoot && RunStatement(conn, OrphanDirsSql(), CollectFirstColumn, &orphanedDirs) == 1) {
+  if (!atBoot && CollectFirstColumn(conn, OrphanDirsSql(), orphanedDirs) == 1) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Datafile live cleanup failed: read dir SQL command unsuccessful");
-    DetachLogged(conn);
+    DetachLogged(ss);
     return;
   }
-  int rc = RunStatement(conn, OrphanDataFilesSql());
-  DetachLogged(conn);
+  int rc = DBStore::Exec(conn, OrphanDataFilesSql());
+  DetachLogged(ss);
   if (rc == 1) {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Datafile cleanup failed: SQL command unsuccessful");
     return;
@@ -143,15 +148,10 @@ void RemoveDataFilePath(const std::string& resolvedPath) {
   }
 }
 
-int RunStatement(const DBStore::Connection& conn, std::string_view sql, DBStore::RowCallback callback, void* context) {
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
-  return DBStore::ExecuteStmt(conn, stmt, callback, context, DBStore::kTimeoutMs) == 0 ? 0 : 1;
-}
-
 std::vector<EquivalentStatement> CleanupEquivalentStatements() {
   auto text = [](std::string sql) -> EquivalentStatement::Run {
     return [sql](const DBStore::Connection& conn, std::vector<std::string>& rows) {
-      return RunStatement(conn, sql, CollectFirstColumn, &rows);
+      return CollectFirstColumn(conn, sql, rows);
     };
   };
   return {
@@ -173,12 +173,12 @@ void CleanupAutoConfig() {
     CSLogger::Log(CSLogger::PRIO_ERROR, "Cleanup failed: could not connect to ConfigStore");
     return;
   }
-  if (RunStatement(conn, "UPDATE Config SET AutoConfValue=NULL") == 1) {
+  if (DBStore::Exec(conn, "UPDATE Config SET AutoConfValue=NULL") == 1) {
     throw ConfigStoreException(CS_ERR_GENERIC, "Error removing auto configuration value.");
   }
-  if (RunStatement(conn,
-                   "DELETE FROM Config WHERE UserValue IS NULL AND VitalValue IS NULL AND CachedValue IS NULL "
-                   "AND DesiredValue IS NULL") == 1) {
+  if (DBStore::Exec(conn,
+                    "DELETE FROM Config WHERE UserValue IS NULL AND VitalValue IS NULL AND CachedValue IS NULL "
+                    "AND DesiredValue IS NULL") == 1) {
     throw ConfigStoreException(CS_ERR_GENERIC, "Error cleaning up config.");
   }
 }

@@ -114,8 +114,8 @@ ConfigStoreObjectId IdOf(const ConfigObjectKey& key) {
 }  // namespace
 
 ConfigExport ExportConfiguration(const std::vector<std::string>& names) {
-  DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, false);
-  if (!conn) ThrowStoreFailure("Failed to connect to database");
+  DBStore::Connection conn =
+      ConnectOrThrow(DBStore::CONFIG_STORE, "Failed to connect to database", /*readWrite=*/false);
   ConfigObjects objects = ReadConfigObjects(conn);
   std::shared_ptr<QorSchemaStore::SchemaObjectCache> cache = QorSchemaStore::SchemaStore::GetCache();
   // A pending desired value is not the live configuration and no document carries it: the next

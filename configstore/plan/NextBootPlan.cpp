@@ -18,17 +18,6 @@ using KeyOfObjects = std::array<std::string, 3>;
 using Row = ConfigRowValues;
 using Snapshot = ConfigObjects;
 
-int SnapshotRow(void* context, int argc, char** argv, char**) {
-  try {
-    auto text = [&](int i) { return i < argc && argv[i] != nullptr ? Text(argv[i]) : Text(); };
-    ObjectKey key{text(0).value_or(""), text(1).value_or(""), text(2).value_or(""), text(3).value_or("")};
-    (*static_cast<Snapshot*>(context))[key] = Row{text(4), text(5), text(6), text(7), text(8)};
-    return 0;
-  } catch (...) {
-    return 1;  // no exception may cross SQLite's C frames
-  }
-}
-
 KeyOfObjects KeyOf(const ObjectKey& object) { return {object[0], object[1], object[2]}; }
 
 // Keys named by the staged rows, for a boot mode whose step applies them: the step rewrites those
@@ -38,19 +27,8 @@ std::set<KeyOfObjects> StagedKeys(const DBStore::Connection& conn, BOOTMODE mode
   if (mode != BOOT_MODE_DESIRED_USER_CONFIG && mode != BOOT_MODE_SMARTNIC_CONFIG && mode != BOOT_MODE_HOSTAPI_CONFIG) {
     return keys;
   }
-  DBStore::Statement stmt = DBStore::internal::Prepare(
-      conn, "SELECT DISTINCT Component, ConfigGroup, Name FROM DesiredUserConfig", DBStore::kTimeoutMs);
-  auto collect = [](void* context, int argc, char** argv, char**) {
-    try {
-      if (argc != 3) return 1;
-      static_cast<std::set<KeyOfObjects>*>(context)->insert(
-          {argv[0] ? argv[0] : "", argv[1] ? argv[1] : "", argv[2] ? argv[2] : ""});
-      return 0;
-    } catch (...) {
-      return 1;  // no exception may cross SQLite's C frames
-    }
-  };
-  if (!stmt || DBStore::ExecuteStmt(conn, stmt, collect, &keys, DBStore::kTimeoutMs) != 0) {
+  auto collect = [&keys](const DBStore::Row& row) { keys.insert({row.String(0), row.String(1), row.String(2)}); };
+  if (DBStore::QueryEach(conn, "SELECT DISTINCT Component, ConfigGroup, Name FROM DesiredUserConfig", collect) != 0) {
     throw ConfigStoreException(CS_ERR_GENERIC, "Failed to read the staged rows for the plan");
   }
   return keys;
@@ -150,12 +128,15 @@ bool RunAsTheBootDoes(NextBootPlan& plan, Work work) {
 
 ConfigObjects ReadConfigObjects(const DBStore::Connection& conn) {
   Snapshot rows;
-  DBStore::Statement stmt = DBStore::internal::Prepare(
-      conn,
-      "SELECT Component, ConfigGroup, Name, Identifier, UserValue, VitalValue, CachedValue, Revision, CreationTime "
-      "FROM Config",
-      DBStore::kTimeoutMs);
-  if (!stmt || DBStore::ExecuteStmt(conn, stmt, SnapshotRow, &rows, DBStore::kTimeoutMs) != 0) {
+  auto keep = [&rows](const DBStore::Row& row) {
+    rows[ObjectKey{row.String(0), row.String(1), row.String(2), row.String(3)}] =
+        Row{row.OptionalString(4), row.OptionalString(5), row.OptionalString(6), row.OptionalString(7),
+            row.OptionalString(8)};
+  };
+  if (DBStore::QueryEach(conn,
+                         "SELECT Component, ConfigGroup, Name, Identifier, UserValue, VitalValue, CachedValue, "
+                         "Revision, CreationTime FROM Config",
+                         keep) != 0) {
     ThrowStoreFailure("Failed to read the configuration");
   }
   return rows;
@@ -187,18 +168,11 @@ NextBootPlan PlanNextBoot() {
   BootLock lock(Host::FileLock::Mode::Shared);  // the store as a load leaves it, never one half-loaded
   NextBootPlan plan;
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
-  if (DBStore::AttachSchemaStore(conn) != 0) {
-    throw ConfigStoreException(CS_ERR_GENERIC, "Failed to attach schema store");
-  }
-  if (DBStore::BeginTransaction(conn) != 0) {
-    ThrowStoreFailure("Failed to begin the plan's transaction");
-  }
-  // Rolls back on every way out; the connection's own destructor would roll back too, this one
-  // just does it before anything else reads the store.
-  struct RollBack {
-    const DBStore::Connection& conn;
-    ~RollBack() { DBStore::CancelTransaction(conn); }
-  } rollBack{conn};
+  DBStore::SchemaStoreAttachment ss(conn);
+  if (ss.Attach() != 0) throw ConfigStoreException(CS_ERR_GENERIC, "Failed to attach schema store");
+  // Rolled back on every way out, before anything else reads the store.
+  DBStore::Transaction tx(conn);
+  if (tx.Begin() != 0) ThrowStoreFailure("Failed to begin the plan's transaction");
 
   // Read inside the transaction, as the load reads it: the mode that goes with the staged rows.
   std::string modeText;
@@ -210,7 +184,7 @@ NextBootPlan PlanNextBoot() {
   Snapshot afterStep = ReadConfigObjects(conn);
   if (!RunAsTheBootDoes(plan, [&] { FoldDesiredValues(conn); })) return plan;
   Snapshot after = ReadConfigObjects(conn);
-  if (DBStore::CancelTransaction(conn) != 0) {
+  if (tx.Rollback() != 0) {
     throw ConfigStoreException(CS_ERR_GENERIC, "Failed to roll back the plan's transaction");
   }
   static_cast<ObjectChanges&>(plan) = CompareObjects(before, after);

@@ -1,11 +1,13 @@
 // Store connections, transactions, statements and the key-value table; fault injection.
 #include "platform/dbstore/DBStore.h"
 
+#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <array>
 #include <atomic>
 
+#include "platform/dbstore/StatementInternal.h"
 #include "platform/logging/CSLogger.h"
 
 namespace DBStore {
@@ -61,6 +63,8 @@ int Calls(Kind kind) { return Valid(kind) ? gCalls[static_cast<int>(kind)].load(
 
 // ---------------------------------------------------------------------------------------------
 // Connections
+
+void SqliteStmtDeleter::operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
 
 namespace {
 
@@ -182,6 +186,8 @@ Connection OpenStoreFile(const std::string& path, Type type, bool readWrite) {
   return conn;
 }
 
+Connection OpenSchemaStore(bool readWrite) { return OpenStoreFile(SchemaStorePath(), CONFIG_STORE, readWrite); }
+
 int AttachSchemaStore(const Connection& conn) {
   if (faults::Injected(faults::Kind::Attach)) {
     LogError("Failed to attach schema store", faults::kInjected);
@@ -270,8 +276,6 @@ int CancelTransaction(const Connection& conn) {
 
 namespace internal {
 
-namespace {
-
 // Prepare without the fault-injection count.
 Statement PrepareNow(const Connection& conn, std::string_view sql, int timeoutMs) {
   if (!Usable(conn)) {
@@ -316,8 +320,6 @@ Statement PrepareNow(const Connection& conn, std::string_view sql, int timeoutMs
   return stmt;
 }
 
-}  // namespace
-
 Statement Prepare(const Connection& conn, std::string_view sql, int timeoutMs) {
   if (faults::Injected(faults::Kind::Prepare)) {
     LogError("Failed to prepare statement", faults::kInjected);
@@ -335,7 +337,7 @@ const Statement* PrepareKept(const Connection& conn, std::string_view sql, int t
     LogError("Failed to prepare statement", "no database connection");
     return nullptr;
   }
-  auto found = conn->keptStatements.find(std::string(sql));
+  auto found = conn->keptStatements.find(sql);
   if (found != conn->keptStatements.end()) return &found->second;
   Statement stmt = PrepareNow(conn, sql, timeoutMs);
   if (!stmt) return nullptr;
@@ -398,73 +400,142 @@ int Bind(const Connection& conn, const Statement& stmt, int& index, const std::v
   return BindAll(conn, stmt, index, values);
 }
 
-int Bind(const Connection& conn, const Statement& stmt, int& index, const std::string& value) {
-  return Bind(conn, stmt, index, std::string_view(value));
-}
-
-int Bind(const Connection& conn, const Statement& stmt, int& index, const char* value) {
-  if (value == nullptr) return Bind(conn, stmt, index, std::optional<std::string_view>());
-  return Bind(conn, stmt, index, std::string_view(value));
-}
-
 }  // namespace internal
 
-int ExecuteStmt(const Connection& conn, const Statement& stmt, RowCallback callback, void* context, int timeoutMs) {
-  if (!Usable(conn) || !stmt) {
-    LogError("Failed to execute statement", Usable(conn) ? "no statement" : "no database connection");
-    return 1;
+namespace {
+
+int BindArg(const Connection& conn, const Statement& stmt, int& index, const Arg& arg) {
+  switch (arg.kind()) {
+    case Arg::Kind::Null: return internal::Bind(conn, stmt, index, std::optional<std::string_view>());
+    case Arg::Kind::Text: return internal::Bind(conn, stmt, index, arg.text());
+    case Arg::Kind::Int: return internal::Bind(conn, stmt, index, arg.integer());
+    case Arg::Kind::Texts: return internal::Bind(conn, stmt, index, arg.texts());
+    case Arg::Kind::Views: return internal::Bind(conn, stmt, index, arg.views());
+    case Arg::Kind::Optionals:
+      for (const std::optional<std::string>& value : arg.optionals()) {
+        std::optional<std::string_view> view;
+        if (value) view = *value;
+        if (internal::Bind(conn, stmt, index, view) != 0) return 1;
+      }
+      return 0;
   }
-  sqlite3_stmt* s = stmt.get();
+  return 1;
+}
+
+// Steps a bound statement to its end, calling the visitor per row. 0 on success, 1 on failure.
+int Step(const Connection& conn, sqlite3_stmt* s, RowVisitor visit, void* visitor, int timeoutMs) {
   sqlite3_busy_timeout(conn->db, timeoutMs);
-  std::vector<char*> texts;
-  std::vector<char*> names;
-  int status = 0;
+  Row row(s);
   for (;;) {
     if (faults::Injected(faults::Kind::Step)) {
       CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to execute statement \"%s\": %s", sqlite3_sql(s), faults::kInjected);
-      status = 1;
-      break;
+      return 1;
     }
     int rc = sqlite3_step(s);
-    if (rc == SQLITE_DONE) break;
+    if (rc == SQLITE_DONE) return 0;
     if (rc != SQLITE_ROW) {
       CSLogger::Log(CSLogger::PRIO_ERROR, "Failed to execute statement \"%s\": %s", sqlite3_sql(s),
                     sqlite3_errmsg(conn->db));
       Keep(Cause(conn->db));
-      status = 1;
-      break;
+      return 1;
     }
-    if (callback == nullptr) continue;
-    int columns = sqlite3_column_count(s);
-    texts.resize(columns);
-    names.resize(columns);
-    for (int i = 0; i < columns; ++i) {
-      // SQLite's exec callback hands out mutable pointers too; callers only read them.
-      texts[i] = reinterpret_cast<char*>(const_cast<unsigned char*>(sqlite3_column_text(s, i)));
-      names[i] = const_cast<char*>(sqlite3_column_name(s, i));
-    }
-    if (callback(context, columns, texts.data(), names.data()) != 0) {
-      status = 1;
-      break;
-    }
+    if (visit != nullptr && visit(visitor, row) != 0) return 1;
   }
-  sqlite3_reset(s);
-  sqlite3_clear_bindings(s);
-  return status;
 }
 
-int Execute(const Connection& conn, std::string_view sql, const std::vector<std::string>& stringArgs,
-            const std::vector<int64_t>& intArgs, int timeoutMs) {
+// Leaves a statement reset with no bindings, however its use ends.
+struct ResetOnExit {
+  sqlite3_stmt* stmt;
+  ~ResetOnExit() {
+    sqlite3_reset(stmt);
+    sqlite3_clear_bindings(stmt);
+  }
+};
+
+}  // namespace
+
+int Row::Columns() const { return sqlite3_column_count(stmt_); }
+
+bool Row::IsNull(int column) const { return sqlite3_column_type(stmt_, column) == SQLITE_NULL; }
+
+std::string_view Row::Text(int column) const {
+  const unsigned char* text = sqlite3_column_text(stmt_, column);
+  if (text == nullptr) return {};
+  return {reinterpret_cast<const char*>(text), static_cast<size_t>(sqlite3_column_bytes(stmt_, column))};
+}
+
+std::optional<std::string_view> Row::OptionalText(int column) const {
+  if (IsNull(column)) return std::nullopt;
+  return Text(column);
+}
+
+std::optional<std::string> Row::OptionalString(int column) const {
+  if (IsNull(column)) return std::nullopt;
+  return String(column);
+}
+
+int64_t Row::Int(int column) const { return sqlite3_column_int64(stmt_, column); }
+
+const char* Row::Name(int column) const { return sqlite3_column_name(stmt_, column); }
+
+int Run(const Connection& conn, std::string_view sql, std::initializer_list<Arg> args, RowVisitor visit,
+        void* visitor, int timeoutMs) {
   const Statement* stmt = internal::PrepareKept(conn, sql, timeoutMs);
   if (stmt == nullptr) return 1;
-  int index = 1;
-  bool bound = internal::Bind(conn, *stmt, index, stringArgs) == 0;
-  for (size_t i = 0; bound && i < intArgs.size(); ++i) bound = internal::Bind(conn, *stmt, index, intArgs[i]) == 0;
-  if (!bound) {
-    sqlite3_clear_bindings(stmt->get());  // the kept statement starts its next use unbound
-    return 1;
+  Statement own;
+  if (sqlite3_stmt_busy(stmt->get())) {  // its own visitor runs it again: a second statement
+    own = internal::PrepareNow(conn, sql, timeoutMs);
+    if (!own) return 1;
+    stmt = &own;
   }
-  return ExecuteStmt(conn, *stmt, nullptr, nullptr, timeoutMs);
+  ResetOnExit reset{stmt->get()};
+  int index = 1;
+  for (const Arg& arg : args) {
+    if (BindArg(conn, *stmt, index, arg) != 0) return 1;
+  }
+  return Step(conn, stmt->get(), visit, visitor, timeoutMs);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Scope guards
+
+Transaction::~Transaction() {
+  if (open_) (void)CancelTransaction(conn_);  // logs its own failure; a destructor has no one to tell
+}
+
+int Transaction::Begin(int timeoutMs) {
+  int rc = BeginTransaction(conn_, timeoutMs);
+  open_ = rc == 0;
+  return rc;
+}
+
+int Transaction::Commit(int timeoutMs) {
+  int rc = CommitTransaction(conn_, timeoutMs);
+  if (rc == 0) open_ = false;
+  return rc;
+}
+
+int Transaction::Rollback() {
+  if (!open_) return 0;
+  open_ = false;
+  return CancelTransaction(conn_);
+}
+
+SchemaStoreAttachment::~SchemaStoreAttachment() {
+  (void)Detach();  // DetachSchemaStore logs its own failure; a destructor has no one to tell
+}
+
+int SchemaStoreAttachment::Attach() {
+  bool before = conn_ && conn_->schemaStoreAttached;
+  int rc = AttachSchemaStore(conn_);
+  attached_ = attached_ || (rc == 0 && !before);
+  return rc;
+}
+
+int SchemaStoreAttachment::Detach() {
+  if (!attached_) return 0;
+  attached_ = false;
+  return DetachSchemaStore(conn_);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -479,15 +550,9 @@ int ReadKeyValue(const std::string& key, std::string* value, const Connection& c
     LogError("Failed to read key-value entry", Usable(conn) ? "no output" : "no database connection");
     return 1;
   }
-  Statement stmt = internal::Prepare(conn, "SELECT Value FROM KeyValue WHERE Key = ?", kTimeoutMs);
-  int index = 1;
-  if (!stmt || internal::Bind(conn, stmt, index, key) != 0) return 1;
   std::string found;
-  auto keep = [](void* out, int, char** argv, char**) {
-    *static_cast<std::string*>(out) = argv[0] ? argv[0] : "";
-    return 0;
-  };
-  if (ExecuteStmt(conn, stmt, keep, &found, kTimeoutMs) != 0) return 1;
+  auto keep = [&found](const Row& row) { found = row.String(0); };
+  if (QueryEach(conn, "SELECT Value FROM KeyValue WHERE Key = ?", keep, key) != 0) return 1;
   *value = std::move(found);
   return 0;
 }
@@ -501,7 +566,7 @@ int WriteKeyValue(const std::string& key, const std::string& value, const Connec
     LogError("Failed to write key-value entry", "no database connection");
     return 1;
   }
-  return Execute(conn, "INSERT OR REPLACE INTO KeyValue (Key, Value) VALUES (?, ?)", {key, value}, {}, kTimeoutMs);
+  return Exec(conn, "INSERT OR REPLACE INTO KeyValue (Key, Value) VALUES (?, ?)", key, value);
 }
 
 }  // namespace DBStore

@@ -9,23 +9,34 @@
 // Every statement waits up to its time-out on a busy database. Write transactions begin with
 // BEGIN IMMEDIATE. Journal mode is the rollback journal (never WAL): the backup is a copy of the
 // file, and a transaction over attached databases is atomic only outside WAL.
-// Connections are shared handles, statements unique handles; nothing is cached between calls.
-// No function here throws: results are statuses (0 success) or empty handles. Failures are logged
-// at error priority, with SQLite's message, before the status is returned (a store file that does
-// not exist is the one exception: see GetConnection), and their cause is kept for LastError.
+// Every connection, the schema store's own included, is opened by OpenStoreFile with the same
+// settings: the busy time-out, the page cache sized for a big store, and (read-write) the journal
+// mode checked. Connections are shared handles; nothing is cached between calls beyond the
+// connection, which keeps its prepared statements for reuse.
+// Statements run through Exec, Query and QueryEach only: literal SQL, values bound from their
+// arguments, the statement reset with no bindings whichever way the run ends. Transactions and the
+// schema store attachment are scope guards (Transaction, SchemaStoreAttachment). Preparing and
+// binding are private to this folder (StatementInternal.h); nothing outside it calls SQLite.
+// No function here throws (a row visitor's own exception passes through QueryEach): results are
+// statuses (0 success, marked [[nodiscard]]) or empty handles. Failures are logged at error
+// priority, with SQLite's message, before the status is returned (a store file that does not exist
+// is the one exception: see GetConnection), and their cause is kept for LastError.
 // A connection is used by one thread at a time (opened without SQLite's own mutex).
 #pragma once
 
-#include <sqlite3.h>
-
 #include <concepts>
+#include <initializer_list>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 #include <vector>
+
+struct sqlite3;
+struct sqlite3_stmt;
 
 namespace DBStore {
 
@@ -35,7 +46,7 @@ enum Type : int { CONFIG_STORE = 0, DATAFILE_STORE = 2 };
 constexpr int kTimeoutMs = 3000;
 
 struct SqliteStmtDeleter {
-  void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
+  void operator()(sqlite3_stmt* stmt) const;  // sqlite3_finalize
 };
 using Statement = std::unique_ptr<sqlite3_stmt, SqliteStmtDeleter>;
 
@@ -44,8 +55,12 @@ struct StoreConnection {
   sqlite3* db = nullptr;
   Type type = CONFIG_STORE;
   bool schemaStoreAttached = false;
-  // Statements of internal::PrepareKept and Execute, by SQL text; finalized before the close.
-  std::unordered_map<std::string, Statement> keptStatements;
+  // Statements kept for reuse by SQL text (see Run); finalized before the close.
+  struct TextHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+  };
+  std::unordered_map<std::string, Statement, TextHash, std::equal_to<>> keptStatements;
   ~StoreConnection();  // rolls back an open transaction, then closes
 };
 using Connection = std::shared_ptr<StoreConnection>;
@@ -62,9 +77,11 @@ std::string SchemaStorePath();
 // A rollback journal left by a writer that died mid-transaction is rolled back on opening, also
 // for a read-only connection (which briefly opens the file read-write for it), so readers see the
 // store as it was before that transaction.
-Connection GetConnection(Type type, bool readWrite);
+[[nodiscard]] Connection GetConnection(Type type, bool readWrite);
 // The same for a store file of that type at any resolved path (a copy of a store, say).
-Connection OpenStoreFile(const std::string& path, Type type, bool readWrite);
+[[nodiscard]] Connection OpenStoreFile(const std::string& path, Type type, bool readWrite);
+// The schema store file itself (SchemaStorePath), for registration and look-ups.
+[[nodiscard]] Connection OpenSchemaStore(bool readWrite);
 
 // The cause of the last failure of a call here on this thread: the file and SQLite's error text
 // ("<path>: database is locked", "<path> does not exist", "<path> is a directory"). Kept until the
@@ -75,83 +92,185 @@ const std::string& LastError();
 // Attach/detach the schema store under the name "ss". 0 on success. Attaching never creates the
 // schema store file: a missing one is a failure. Attaching an attached connection and detaching a
 // detached one succeed without doing anything. Detaching fails while a transaction uses "ss".
-int AttachSchemaStore(const Connection& conn);
-int DetachSchemaStore(const Connection& conn);
+[[nodiscard]] int AttachSchemaStore(const Connection& conn);
+[[nodiscard]] int DetachSchemaStore(const Connection& conn);
 
 // BEGIN IMMEDIATE / COMMIT / ROLLBACK. 0 on success. BEGIN and COMMIT wait up to the time-out
 // (kTimeoutMs unless given) for a lock held by another connection, then fail; a failed COMMIT
 // leaves the transaction open. CancelTransaction rolls back whenever a transaction is still open
 // and is a no-op (0) otherwise. All three fail (non-zero) on an empty handle.
-int BeginTransaction(const Connection& conn);
-int BeginTransaction(const Connection& conn, int timeoutMs);
-int CommitTransaction(const Connection& conn);
-int CommitTransaction(const Connection& conn, int timeoutMs);
-int CancelTransaction(const Connection& conn);
+[[nodiscard]] int BeginTransaction(const Connection& conn);
+[[nodiscard]] int BeginTransaction(const Connection& conn, int timeoutMs);
+[[nodiscard]] int CommitTransaction(const Connection& conn);
+[[nodiscard]] int CommitTransaction(const Connection& conn, int timeoutMs);
+[[nodiscard]] int CancelTransaction(const Connection& conn);
 
-// Row callback, as sqlite3_exec's: context, column count, column texts (NULL for SQL NULL),
-// column names. A non-zero return stops the statement and makes ExecuteStmt fail.
-using RowCallback = int (*)(void* context, int argc, char** argv, char** columnNames);
+// ---------------------------------------------------------------------------------------------
+// Statements
 
-namespace internal {
+// One bound value of Exec, Query or QueryEach: a string (a null `const char*` or a nullopt binds
+// NULL; an empty string binds ""), an integer, or a vector of strings bound element by element.
+// Values are copied at binding (SQLITE_TRANSIENT), so temporaries may be passed.
+class Arg {
+ public:
+  Arg(std::string_view value) : kind_(Kind::Text), text_(value) {}
+  Arg(const std::string& value) : kind_(Kind::Text), text_(value) {}
+  Arg(const char* value) : kind_(value != nullptr ? Kind::Text : Kind::Null), text_(value != nullptr ? value : "") {}
+  Arg(const std::optional<std::string_view>& value) : kind_(value ? Kind::Text : Kind::Null), text_(value.value_or("")) {}
+  Arg(const std::optional<std::string>& value)
+      : kind_(value ? Kind::Text : Kind::Null), text_(value ? std::string_view(*value) : std::string_view()) {}
+  Arg(std::nullopt_t) : kind_(Kind::Null) {}
+  template <std::integral T>
+  Arg(T value) : kind_(Kind::Int), int_(static_cast<int64_t>(value)) {}
+  Arg(const std::vector<std::string>& values) : kind_(Kind::Texts), texts_(&values) {}
+  Arg(const std::vector<std::string_view>& values) : kind_(Kind::Views), views_(&values) {}
+  Arg(const std::vector<std::optional<std::string>>& values) : kind_(Kind::Optionals), optionals_(&values) {}
 
-// Prepares one statement; an empty handle on failure (the error is logged). Text holding more than
-// one statement is refused rather than cut short. The statement belongs to `conn`: release it
-// before the connection's last handle goes.
-Statement Prepare(const Connection& conn, std::string_view sql, int timeoutMs);
+  enum class Kind { Null, Text, Int, Texts, Views, Optionals };
+  Kind kind() const { return kind_; }
+  std::string_view text() const { return text_; }
+  int64_t integer() const { return int_; }
+  const std::vector<std::string>& texts() const { return *texts_; }
+  const std::vector<std::string_view>& views() const { return *views_; }
+  const std::vector<std::optional<std::string>>& optionals() const { return *optionals_; }
 
-// As Prepare, but the statement stays with `conn` and the same text gets the same statement back
-// (preparing costs more than running a small statement, and loops run the same few). The pointer is
-// borrowed: valid while `conn` lives. ExecuteStmt leaves it reset with no bindings for the next
-// use; do not hold it across another use of the same text. Each call counts as a Prepare for fault
-// injection and fails like one: null, logged.
-const Statement* PrepareKept(const Connection& conn, std::string_view sql, int timeoutMs);
+ private:
+  Kind kind_;
+  std::string_view text_;
+  int64_t int_ = 0;
+  const std::vector<std::string>* texts_ = nullptr;
+  const std::vector<std::string_view>* views_ = nullptr;
+  const std::vector<std::optional<std::string>>* optionals_ = nullptr;
+};
 
-// Binds the next parameter at `index` (1-based, advanced past what was bound). 0 on success;
-// non-zero on an empty handle or an index out of range. Values are always copied
-// (SQLITE_TRANSIENT). A nullopt (or a null `const char*`) binds NULL; an empty string binds "".
-// A vector binds its elements in order and stops at the first failure.
-int Bind(const Connection& conn, const Statement& stmt, int& index, std::string_view value);
-int Bind(const Connection& conn, const Statement& stmt, int& index, const std::optional<std::string_view>& value);
-int Bind(const Connection& conn, const Statement& stmt, int& index, int64_t value);
-int Bind(const Connection& conn, const Statement& stmt, int& index, const std::vector<std::string>& values);
-int Bind(const Connection& conn, const Statement& stmt, int& index, const std::vector<std::string_view>& values);
-// These make strings, literals and any integer type pick one overload above unambiguously
-// (a std::string or a literal converts equally well to string_view and optional<string_view>).
-int Bind(const Connection& conn, const Statement& stmt, int& index, const std::string& value);
-int Bind(const Connection& conn, const Statement& stmt, int& index, const char* value);
-template <std::integral T>
-int Bind(const Connection& conn, const Statement& stmt, int& index, T value) {
-  return Bind(conn, stmt, index, static_cast<int64_t>(value));
+// The current row of QueryEach, valid only inside the visitor. Columns count from 0.
+class Row {
+ public:
+  explicit Row(sqlite3_stmt* stmt) : stmt_(stmt) {}
+  int Columns() const;
+  bool IsNull(int column) const;
+  std::string_view Text(int column) const;  // "" for NULL; the view ends with the visitor's call
+  std::optional<std::string_view> OptionalText(int column) const;  // nullopt for NULL
+  std::string String(int column) const { return std::string(Text(column)); }
+  std::optional<std::string> OptionalString(int column) const;
+  int64_t Int(int column) const;  // 0 for NULL
+  const char* Name(int column) const;
+
+ private:
+  sqlite3_stmt* stmt_;
+};
+
+// A row kept by Query: every column as text, nullopt for NULL.
+using Values = std::vector<std::optional<std::string>>;
+
+// How a visitor is called from the statement loop; see QueryEach.
+using RowVisitor = int (*)(void* visitor, const Row& row);
+
+// The one statement runner. Prepares `sql` (kept on the connection: the same text gets the same
+// statement back, prepared once), binds `args` in order, steps it to its end and calls
+// `visit(visitor, row)` (when given) for each row; a non-zero return stops it with status 1.
+// Whatever way it ends (a failure, a visitor that throws), the statement is reset with no bindings
+// before this returns, so the next use of the same text starts clean and holds no read lock.
+// 0 on success, 1 on failure (logged, cause kept for LastError). A text still mid-step on this
+// connection (run again from inside its own visitor) gets a statement of its own.
+[[nodiscard]] int Run(const Connection& conn, std::string_view sql, std::initializer_list<Arg> args,
+                      RowVisitor visit, void* visitor, int timeoutMs = kTimeoutMs);
+
+// Runs a statement that returns no rows (or whose rows are not wanted). 0 on success, 1 on failure.
+template <typename... Args>
+[[nodiscard]] int Exec(const Connection& conn, std::string_view sql, const Args&... args) {
+  return Run(conn, sql, {Arg(args)...}, nullptr, nullptr);
 }
 
-}  // namespace internal
+// Calls `fn(const Row&)` for each row, in order, with no copy of the row. `fn` returns void, or a
+// bool / int where false / non-zero stops the statement with status 1. An exception thrown by `fn`
+// leaves through here, the statement reset. 0 on success, 1 on failure.
+template <typename Fn, typename... Args>
+[[nodiscard]] int QueryEach(const Connection& conn, std::string_view sql, Fn&& fn, const Args&... args) {
+  using F = std::remove_reference_t<Fn>;
+  RowVisitor visit = [](void* f, const Row& row) -> int {
+    using R = std::invoke_result_t<F&, const Row&>;
+    if constexpr (std::is_void_v<R>) {
+      (*static_cast<F*>(f))(row);
+      return 0;
+    } else if constexpr (std::is_same_v<R, bool>) {
+      return (*static_cast<F*>(f))(row) ? 0 : 1;
+    } else {
+      return (*static_cast<F*>(f))(row) != 0 ? 1 : 0;
+    }
+  };
+  return Run(conn, sql, {Arg(args)...}, visit, const_cast<void*>(static_cast<const void*>(&fn)));
+}
 
-// Runs a prepared statement to its end, calling `callback` (when given) once per row.
-// Waits up to timeoutMs while the database is busy. 0 on success, 1 on failure (also for an empty
-// connection or statement handle). The statement is reset and its bindings cleared afterwards, so
-// it may be bound and run again. The texts passed to the callback live until it returns.
-int ExecuteStmt(const Connection& conn, const Statement& stmt, RowCallback callback, void* context, int timeoutMs);
+// Every row, each column as text (nullopt for NULL); nullopt when the statement fails. For small
+// results: big ones go through QueryEach.
+template <typename... Args>
+[[nodiscard]] std::optional<std::vector<Values>> Query(const Connection& conn, std::string_view sql,
+                                                       const Args&... args) {
+  std::vector<Values> rows;
+  auto keep = [&rows](const Row& row) {
+    Values& values = rows.emplace_back();
+    values.reserve(static_cast<size_t>(row.Columns()));
+    for (int i = 0; i < row.Columns(); ++i) values.push_back(row.OptionalString(i));
+  };
+  if (QueryEach(conn, sql, keep, args...) != 0) return std::nullopt;
+  return rows;
+}
 
-// Prepares `sql` (kept on the connection: see PrepareKept), binds the string arguments then the
-// integer arguments, runs it. 0 on success, 1 on failure.
-int Execute(const Connection& conn, std::string_view sql, const std::vector<std::string>& stringArgs,
-            const std::vector<int64_t>& intArgs, int timeoutMs);
+// ---------------------------------------------------------------------------------------------
+// Scope guards
+
+// A write transaction. Begin runs BEGIN IMMEDIATE; Commit runs COMMIT; the destructor rolls back
+// (CancelTransaction) a begun transaction that was not committed, a failed Commit's included.
+class Transaction {
+ public:
+  explicit Transaction(Connection conn) : conn_(std::move(conn)) {}
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+  ~Transaction();
+  [[nodiscard]] int Begin(int timeoutMs = kTimeoutMs);
+  [[nodiscard]] int Commit(int timeoutMs = kTimeoutMs);
+  // Rolls back now (the destructor then has nothing to do). 0 on success.
+  [[nodiscard]] int Rollback();
+
+ private:
+  Connection conn_;
+  bool open_ = false;
+};
+
+// The schema store attached as "ss" for a scope. Attach attaches it; the destructor detaches it
+// when this guard attached it (a connection that had it attached already keeps it), logging a
+// failure. Declare it before any Transaction on the same connection: detaching fails inside one.
+class SchemaStoreAttachment {
+ public:
+  explicit SchemaStoreAttachment(Connection conn) : conn_(std::move(conn)) {}
+  SchemaStoreAttachment(const SchemaStoreAttachment&) = delete;
+  SchemaStoreAttachment& operator=(const SchemaStoreAttachment&) = delete;
+  ~SchemaStoreAttachment();
+  [[nodiscard]] int Attach();
+  // Detaches now when this guard attached; 0 on success or when there is nothing to detach.
+  [[nodiscard]] int Detach();
+
+ private:
+  Connection conn_;
+  bool attached_ = false;
+};
 
 // Key-value table of the configuration store. A key never written reads as "" with status 0.
 // Both fail (non-zero) on an empty handle; a failed read leaves *value untouched.
-int ReadKeyValue(const std::string& key, std::string* value, const Connection& conn);
-int WriteKeyValue(const std::string& key, const std::string& value, const Connection& conn);
+[[nodiscard]] int ReadKeyValue(const std::string& key, std::string* value, const Connection& conn);
+[[nodiscard]] int WriteKeyValue(const std::string& key, const std::string& value, const Connection& conn);
 
 // 0 when the file at `path` opens read-only as SQLite, PRAGMA quick_check answers "ok" and the tables
 // of its kind are present (the kind is told by the file name: "datafile-store" is a data-file store,
 // "schema-store" a schema store, anything else a configuration store). Non-zero otherwise.
-int Check(const std::string& path);
+[[nodiscard]] int Check(const std::string& path);
 
 // Creates each missing store file (configuration, data-file and schema store, directories too) with
 // all its tables, and adds missing tables to existing ones; rows already there are kept.
 // Idempotent. 0 on success; non-zero when any store could not be made whole (for example an
 // existing file that is not a database, which is left as it is).
-int CreateDatabases();
+[[nodiscard]] int CreateDatabases();
 
 // The SQL that creates every table of a store kind (CREATE TABLE IF NOT EXISTS ...); "" for an
 // unknown type.
@@ -162,9 +281,9 @@ const char* SchemaStoreSql();
 // only that call or that call and every later one. Off unless armed; counting is per process.
 // A forced failure behaves as a real one: it is logged ("injected fault") and gives the failure
 // status; a failed Prepare gives an empty handle, a failed Commit leaves the transaction open,
-// Begin and Attach change nothing. Step counts each sqlite3_step of ExecuteStmt, Execute and the
-// key-value calls; Prepare counts internal::Prepare, also when called by Execute and the
-// key-value calls. One kind is armed at a time: arming replaces what was armed before.
+// Begin and Attach change nothing. Step counts each step of a statement run (Exec, Query,
+// QueryEach, the key-value calls); Prepare counts each run's look-up of its statement, also when
+// the statement was prepared before. One kind is armed at a time: arming replaces what was armed before.
 namespace faults {
 
 enum class Kind { Prepare, Step, Begin, Commit, Attach, KvRead, KvWrite, Count_ };

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <sqlite3.h>
+
 #include "platform/dbstore/DBStore.h"
 #include "platform/host/HostRoot.h"
 #include "platform/logging/CSLogger.h"
@@ -114,24 +116,10 @@ struct DbCloser {
 using OwnedDb = std::unique_ptr<sqlite3, DbCloser>;
 
 // Runs one statement and collects the first column of every row. False (with `error` set) on failure.
-bool FirstColumn(sqlite3* db, const char* sql, std::vector<std::string>* rows, std::string* error) {
-  sqlite3_stmt* raw = nullptr;
-  if (sqlite3_prepare_v2(db, sql, -1, &raw, nullptr) != SQLITE_OK) {
-    *error = sqlite3_errmsg(db);
-    sqlite3_finalize(raw);
-    return false;
-  }
-  Statement stmt(raw);
-  int rc;
-  while ((rc = sqlite3_step(raw)) == SQLITE_ROW) {
-    const unsigned char* text = sqlite3_column_text(raw, 0);
-    rows->emplace_back(text ? reinterpret_cast<const char*>(text) : "");
-  }
-  if (rc != SQLITE_DONE) {
-    *error = sqlite3_errmsg(db);
-    return false;
-  }
-  return true;
+bool FirstColumn(const Connection& conn, const char* sql, std::vector<std::string>* rows, std::string* error) {
+  if (QueryEach(conn, sql, [rows](const Row& row) { rows->push_back(row.String(0)); }) == 0) return true;
+  *error = sqlite3_errmsg(conn->db);
+  return false;
 }
 
 // Why the store at `path` is not sound; "" when it is.
@@ -140,19 +128,19 @@ std::string Unsoundness(const std::string& path) {
   // Opening a FIFO would wait for a writer forever, and a device is no database.
   struct stat st{};
   if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return "not a regular file";
-  sqlite3* raw = nullptr;
-  int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
-  OwnedDb db(raw);
-  if (rc != SQLITE_OK) return raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc);
-  sqlite3_busy_timeout(raw, kTimeoutMs);
+  // Opened as it is, without OpenStoreFile's roll-back of a left journal: checking changes nothing.
+  auto conn = std::make_shared<StoreConnection>();  // owns the handle, closes it
+  int rc = sqlite3_open_v2(path.c_str(), &conn->db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+  if (rc != SQLITE_OK) return conn->db ? sqlite3_errmsg(conn->db) : sqlite3_errstr(rc);
+  sqlite3_busy_timeout(conn->db, kTimeoutMs);
 
   std::vector<std::string> rows;
   std::string error;
-  if (!FirstColumn(raw, "PRAGMA quick_check", &rows, &error)) return error;
+  if (!FirstColumn(conn, "PRAGMA quick_check", &rows, &error)) return error;
   if (rows.size() != 1 || rows[0] != "ok") return "quick_check: " + (rows.empty() ? std::string("no answer") : rows[0]);
 
   rows.clear();
-  if (!FirstColumn(raw, "SELECT name FROM sqlite_schema WHERE type = 'table'", &rows, &error)) return error;
+  if (!FirstColumn(conn, "SELECT name FROM sqlite_schema WHERE type = 'table'", &rows, &error)) return error;
   std::set<std::string> present(rows.begin(), rows.end());
   for (const TableDef& t : TablesOf(KindOfFile(path))) {
     if (!present.count(t.name)) return std::string("table ") + t.name + " is missing";

@@ -81,6 +81,7 @@ class SchemaStore {
 
   DBStore::Connection conn_;
   bool forUpdate_;
+  DBStore::Transaction update_{conn_};  // the update cycle; rolled back with the object when open
   bool updating_ = false;
   bool broken_ = false;  // an element's rows could not be rolled back: the update must not commit
 };

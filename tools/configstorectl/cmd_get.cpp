@@ -6,61 +6,17 @@
 #include <string>
 #include <vector>
 
-#include "configstore/frame/CallFrame.h"
+#include "configstore/plan/StoreListing.h"
 #include "platform/dbstore/DBStore.h"
 #include "tools/configstorectl/Cli.h"
 
 namespace {
 
-using QorConfigStore::ConfigStoreException;
-using QorConfigStore::CS_ERR_GENERIC;
-
-// One Config row and its default; nullopt stands for SQL NULL.
-struct ConfigObject {
-  std::string component, group, key, identifier;
-  std::optional<std::string> version, revision, created, user, vital, cached, defaultValue;
-};
-
-constexpr const char* kSelect =
-    "SELECT c.Component, c.ConfigGroup, c.Name, c.Identifier, c.Version, CAST(c.Revision AS INTEGER), "
-    "c.CreationTime, c.UserValue, c.VitalValue, c.CachedValue, d.Value "
-    "FROM Config AS c LEFT JOIN DefaultConfig AS d "
-    "ON d.Component = c.Component AND d.ConfigGroup = c.ConfigGroup AND d.Name = c.Name "
-    "AND d.Identifier = c.Identifier";
-// Filter columns in the order of the arguments; only the given ones go into the WHERE clause, so
-// a lookup uses the primary key.
-constexpr const char* kFilterColumns[] = {"c.Component", "c.ConfigGroup", "c.Name", "c.Identifier"};
-constexpr const char* kOrder = " ORDER BY c.Component, c.ConfigGroup, c.Name, c.Identifier";
-
-int CollectRow(void* context, int argc, char** argv, char**) {
-  if (argc != 11) return 1;
-  auto text = [&](int i) { return argv[i] != nullptr ? std::optional<std::string>(argv[i]) : std::nullopt; };
-  auto plain = [&](int i) { return std::string(argv[i] != nullptr ? argv[i] : ""); };
-  static_cast<std::vector<ConfigObject>*>(context)->push_back(
-      {plain(0), plain(1), plain(2), plain(3), text(4), text(5), text(6), text(7), text(8), text(9), text(10)});
-  return 0;
-}
+using ConfigObject = QorConfigStore::ConfigObjectListing;
 
 std::vector<ConfigObject> ReadObjects(const std::vector<std::string>& filters) {
-  const std::string path = DBStore::StorePath(DBStore::CONFIG_STORE);
-  cli::RequireStore(path, "configuration store");
-  DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, false);
-  if (!conn) QorConfigStore::ThrowStoreFailure("cannot open the configuration store");
-  std::string sql = kSelect;
-  for (size_t i = 0; i < filters.size(); ++i) {
-    sql += (i == 0 ? " WHERE " : " AND ");
-    sql += kFilterColumns[i];
-    sql += " = ?";
-  }
-  sql += kOrder;
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
-  int index = 1;
-  std::vector<ConfigObject> objects;
-  if (!stmt || DBStore::internal::Bind(conn, stmt, index, filters) != 0 ||
-      DBStore::ExecuteStmt(conn, stmt, CollectRow, &objects, DBStore::kTimeoutMs) != 0) {
-    QorConfigStore::ThrowStoreFailure("cannot read the configuration objects");
-  }
-  return objects;
+  cli::RequireStore(DBStore::StorePath(DBStore::CONFIG_STORE), "configuration store");
+  return QorConfigStore::ListConfigObjects(filters);
 }
 
 void PrintObjectsJson(const std::vector<ConfigObject>& objects) {

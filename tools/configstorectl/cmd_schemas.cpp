@@ -8,6 +8,7 @@
 
 #include "configstore/defaults/DefaultConfig.h"
 #include "configstore/frame/CallFrame.h"
+#include "configstore/plan/StoreListing.h"
 #include "configstore/schema/SchemaProcessor.h"
 #include "platform/schemastore/SchemaStore.h"
 #include "tools/configstorectl/Cli.h"
@@ -16,31 +17,10 @@ namespace {
 
 using Row = std::vector<std::string>;
 
-// Rows of a query on the configuration store; column NULL reads as "".
-std::vector<Row> Query(const std::string& sql) {
-  DBStore::Connection conn = QorConfigStore::GetDBConnection(DBStore::CONFIG_STORE, true);
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
-  std::vector<Row> rows;
-  auto collect = [](void* context, int argc, char** argv, char**) {
-    Row row;
-    for (int i = 0; i < argc; ++i) row.emplace_back(argv[i] != nullptr ? argv[i] : "");
-    static_cast<std::vector<Row>*>(context)->push_back(std::move(row));
-    return 0;
-  };
-  if (DBStore::ExecuteStmt(conn, stmt, collect, &rows, DBStore::kTimeoutMs) != 0) {
-    throw QorConfigStore::ConfigStoreException(QorConfigStore::CS_ERR_GENERIC, "Failed to read " + sql);
-  }
-  return rows;
-}
-
 const char* kDefaultColumns[] = {"component", "group", "key", "identifier", "version", "value", "vitalValue",
                                  "cachedValue"};
 
-std::vector<Row> DefaultRows() {
-  return Query(
-      "SELECT Component, ConfigGroup, Name, Identifier, Version, Value, VitalValue, CachedValue FROM DefaultConfig "
-      "ORDER BY Component, ConfigGroup, Name, Identifier");
-}
+std::vector<Row> DefaultRows() { return QorConfigStore::ListDefaultConfig(); }
 
 // The registered configuration keys: component, group, key, package schema id, version, SmartNIC
 // value type ("" when the key declares none); only those of `components` when it is not empty.

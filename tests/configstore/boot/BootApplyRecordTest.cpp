@@ -16,7 +16,7 @@ class BootApplyRecordTest : public cstest::SandboxTest {
     conn_ = GetDBConnection(DBStore::CONFIG_STORE, true);
   }
   void Sql(const std::string& sql, const std::vector<std::string>& args = {}) {
-    ASSERT_EQ(DBStore::Execute(conn_, sql, args, {}, DBStore::kTimeoutMs), 0) << sql;
+    ASSERT_EQ(DBStore::Exec(conn_, sql, args), 0) << sql;
   }
   std::string Stored() {
     std::string v;

@@ -1,24 +1,10 @@
 #include "tests/configstore/bootapply/BootApplyFixture.h"
 
-#include <string_view>
-
 #include "configstore/frame/ConfigStoreException.h"
 #include "platform/schemastore/SchemaStore.h"
+#include "tests/support/StoreRows.h"
 
 namespace bootapply {
-namespace {
-
-int CollectRow(void* context, int argc, char** argv, char**) {
-  std::string row;
-  for (int i = 0; i < argc; ++i) {
-    if (i > 0) row += "|";
-    row += argv[i] ? argv[i] : "NULL";
-  }
-  static_cast<std::vector<std::string>*>(context)->push_back(row);
-  return 0;
-}
-
-}  // namespace
 
 void BootApplyTest::SetUp() {
   SandboxTest::SetUp();
@@ -47,15 +33,7 @@ void BootApplyTest::RegisterSchemas(const std::vector<std::string>& elements) {
 }
 
 void BootApplyTest::Sql(const std::string& sql, const std::vector<Text>& values) {
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn_, sql, DBStore::kTimeoutMs);
-  ASSERT_TRUE(stmt) << sql;
-  int index = 1;
-  for (const Text& value : values) {
-    std::optional<std::string_view> view;
-    if (value) view = *value;
-    ASSERT_EQ(DBStore::internal::Bind(conn_, stmt, index, view), 0) << sql;
-  }
-  ASSERT_EQ(DBStore::ExecuteStmt(conn_, stmt, nullptr, nullptr, DBStore::kTimeoutMs), 0) << sql;
+  ASSERT_EQ(DBStore::Exec(conn_, sql, values), 0) << sql;
 }
 
 void BootApplyTest::AddConfig(const std::string& group, const std::string& key, const std::string& id,
@@ -81,11 +59,7 @@ void BootApplyTest::AddDefault(const std::string& group, const std::string& key,
 }
 
 std::vector<std::string> BootApplyTest::Query(const std::string& sql) {
-  std::vector<std::string> rows;
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn_, sql, DBStore::kTimeoutMs);
-  EXPECT_TRUE(stmt) << sql;
-  EXPECT_EQ(DBStore::ExecuteStmt(conn_, stmt, CollectRow, &rows, DBStore::kTimeoutMs), 0) << sql;
-  return rows;
+  return cstest::JoinedRows(conn_, sql, "NULL");
 }
 
 std::vector<std::string> BootApplyTest::ConfigRows() {
@@ -96,13 +70,9 @@ std::vector<std::string> BootApplyTest::ConfigRows() {
 
 std::string BootApplyTest::ConfigColumn(const std::string& group, const std::string& key, const std::string& id,
                                         const std::string& column) {
-  std::vector<std::string> rows;
-  DBStore::Statement stmt = DBStore::internal::Prepare(
-      conn_, "SELECT " + column + " FROM Config WHERE ConfigGroup = ? AND Name = ? AND Identifier = ?",
-      DBStore::kTimeoutMs);
-  int index = 1;
-  EXPECT_EQ(DBStore::internal::Bind(conn_, stmt, index, std::vector<std::string>{group, key, id}), 0);
-  EXPECT_EQ(DBStore::ExecuteStmt(conn_, stmt, CollectRow, &rows, DBStore::kTimeoutMs), 0);
+  std::vector<std::string> rows = cstest::JoinedRows(
+      conn_, "SELECT " + column + " FROM Config WHERE ConfigGroup = ? AND Name = ? AND Identifier = ?", "NULL", group,
+      key, id);
   return rows.empty() ? "" : rows.front();
 }
 
@@ -119,14 +89,14 @@ std::string BootApplyTest::Snapshot() {
 }
 
 void BootApplyTest::Apply(const std::function<void(const DBStore::Connection&)>& routine) {
-  ASSERT_EQ(DBStore::BeginTransaction(conn_), 0);
+  DBStore::Transaction tx(conn_);
+  ASSERT_EQ(tx.Begin(), 0);
   try {
     routine(conn_);
   } catch (const std::exception& e) {
-    DBStore::CancelTransaction(conn_);
-    FAIL() << "threw: " << e.what();
+    FAIL() << "threw: " << e.what();  // rolled back by tx
   }
-  ASSERT_EQ(DBStore::CommitTransaction(conn_), 0);
+  ASSERT_EQ(tx.Commit(), 0);
 }
 
 std::string BootApplyTest::ApplyAndCancel(const std::function<void(const DBStore::Connection&)>& routine) {

@@ -68,21 +68,22 @@ TEST_F(DesiredTest, BadDocumentIsRefusedAndNothingChanges) {
   struct Case {
     const char* document;
     std::string reason;
+    int code = 2000;  // a ConfigStoreException from inside keeps its code
   } cases[] = {
       {"[]", R"(Desired configuration has no "profile" object)"},
       {R"({"profile": 3})", R"(Desired configuration has no "profile" object)"},
       {R"({"profile": {"qor": 5}})", "Desired configuration of component qor is not an object"},
       {R"({"profile": {"qor": {"network": []}}})", "Desired configuration of component qor group network is not an object"},
       // The first instance is written before the second is refused: both go.
-      {R"({"profile": {"qor": {"network": {"nuknics": [{"name": "nuk0"}, {"mtu": 1500}]}}}})", idMissing},
-      {R"({"profile": {"qor": {"network": {"nuknics": [{"name": 12}]}}}})", idMissing},
+      {R"({"profile": {"qor": {"network": {"nuknics": [{"name": "nuk0"}, {"mtu": 1500}]}}}})", idMissing, 1032},
+      {R"({"profile": {"qor": {"network": {"nuknics": [{"name": 12}]}}}})", idMissing, 1032},
   };
   InsertStaged("ntp", "servers", "earlier", "SET");
   SetStoredBootMode("2");
   const cstest::StoreDump before = cstest::DumpStores();
   for (const Case& c : cases) {
     SCOPED_TRACE(c.document);
-    EXPECT_EQ(Thrown([&] { Stage(c.document); }), "2000 SetDesiredUserConfig failed: " + c.reason);
+    EXPECT_EQ(Thrown([&] { Stage(c.document); }), std::to_string(c.code) + " SetDesiredUserConfig failed: " + c.reason);
     EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
   }
 }

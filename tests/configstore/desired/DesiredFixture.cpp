@@ -1,5 +1,7 @@
 #include "tests/configstore/desired/DesiredFixture.h"
 
+#include "tests/support/StoreRows.h"
+
 #include "configstore/desired/DesiredConfig.h"
 #include "platform/schemastore/SchemaStore.h"
 
@@ -14,14 +16,6 @@ Element Key(const std::string& group, const std::string& key, const std::string&
   return {group, key, text, smartnic};
 }
 
-std::string Text(const char* text) { return text ? text : "-"; }
-
-int CollectRows(void* context, int argc, char** argv, char** /*columnNames*/) {
-  std::string row;
-  for (int i = 0; i < argc; ++i) row += (i ? "|" : "") + Text(argv[i]);
-  static_cast<std::multiset<std::string>*>(context)->insert(row);
-  return 0;
-}
 
 }  // namespace
 
@@ -98,10 +92,9 @@ void DesiredTest::RegisterStandardExcept(const std::set<std::string>& left_out) 
 }
 
 void DesiredTest::Sql(const std::string& sql, const std::vector<const char*>& values) const {
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn_, sql, DBStore::kTimeoutMs);
-  int i = 1;
-  for (const char* v : values) ASSERT_EQ(DBStore::internal::Bind(conn_, stmt, i, v), 0) << sql;
-  ASSERT_EQ(DBStore::ExecuteStmt(conn_, stmt, nullptr, nullptr, DBStore::kTimeoutMs), 0) << sql;
+  DBStore::Values bound;
+  for (const char* v : values) bound.push_back(v ? std::optional<std::string>(v) : std::nullopt);
+  ASSERT_EQ(DBStore::Exec(conn_, sql, bound), 0) << sql;
 }
 
 void DesiredTest::InsertConfig(const std::string& group, const std::string& key, const std::string& id,
@@ -126,12 +119,11 @@ void DesiredTest::InsertStaged(const std::string& group, const std::string& key,
 }
 
 std::multiset<std::string> DesiredTest::Staged() const {
-  DBStore::Statement stmt = DBStore::internal::Prepare(
-      conn_, "SELECT BootAction, Component, ConfigGroup, Name, Identifier, Version, Value, VitalValue, CachedValue "
-             "FROM DesiredUserConfig", DBStore::kTimeoutMs);
-  std::multiset<std::string> rows;
-  EXPECT_EQ(DBStore::ExecuteStmt(conn_, stmt, CollectRows, &rows, DBStore::kTimeoutMs), 0);
-  return rows;
+  std::vector<std::string> rows = cstest::JoinedRows(conn_,
+                                                     "SELECT BootAction, Component, ConfigGroup, Name, Identifier, "
+                                                     "Version, Value, VitalValue, CachedValue FROM DesiredUserConfig",
+                                                     "-");
+  return {rows.begin(), rows.end()};
 }
 
 std::multiset<std::string> DesiredTest::StagedOf(const std::string& group, const std::string& key) const {
@@ -160,6 +152,8 @@ void DesiredTest::Stage(const std::string& text) {
   auto doc = Doc(text);
   QorConfigStore::SetDesiredUserConfig(*doc->document);
 }
+
+std::string Text(const char* text) { return text ? text : "-"; }
 
 std::string Row(const char* action, const std::string& group, const std::string& key, const std::string& id,
                 const char* version, const char* value, const char* vital, const char* cached) {

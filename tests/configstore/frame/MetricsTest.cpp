@@ -18,18 +18,11 @@ class MetricsTest : public cstest::SandboxTest {
     conn_ = GetDBConnection(DBStore::CONFIG_STORE, true);
   }
   void AddRow(const std::string& key, const char* user, const char* vital, const char* cached) {
-    auto stmt = DBStore::internal::Prepare(
-        conn_,
-        "INSERT INTO Config (Identifier, Name, ConfigGroup, Component, UserValue, VitalValue, CachedValue) "
-        "VALUES ('', ?, 'grp', 'comp', ?, ?, ?)",
-        DBStore::kTimeoutMs);
-    int i = 1;
-    auto opt = [](const char* v) { return v ? std::optional<std::string_view>(v) : std::nullopt; };
-    ASSERT_EQ(DBStore::internal::Bind(conn_, stmt, i, key), 0);
-    ASSERT_EQ(DBStore::internal::Bind(conn_, stmt, i, opt(user)), 0);
-    ASSERT_EQ(DBStore::internal::Bind(conn_, stmt, i, opt(vital)), 0);
-    ASSERT_EQ(DBStore::internal::Bind(conn_, stmt, i, opt(cached)), 0);
-    ASSERT_EQ(DBStore::ExecuteStmt(conn_, stmt, nullptr, nullptr, DBStore::kTimeoutMs), 0);
+    ASSERT_EQ(DBStore::Exec(conn_,
+                            "INSERT INTO Config (Identifier, Name, ConfigGroup, Component, UserValue, VitalValue, "
+                            "CachedValue) VALUES ('', ?, 'grp', 'comp', ?, ?, ?)",
+                            key, user, vital, cached),
+              0);
   }
   DBStore::Connection conn_;
 };
@@ -43,9 +36,9 @@ TEST_F(MetricsTest, SumsCountNullValuesAsZero) {
   EXPECT_EQ(GetVitalConfigSize(), 10);
   EXPECT_EQ(GetCachedConfigSize(), 2);
   EXPECT_THAT(GetConfigMetrics(), testing::UnorderedElementsAre("comp,grp,k1,0,7,2", "comp,grp,k2,10,0,0"));
-  ASSERT_EQ(DBStore::Execute(conn_, "DELETE FROM Config WHERE Name = 'k2'", {}, {}, DBStore::kTimeoutMs), 0);
+  ASSERT_EQ(DBStore::Exec(conn_, "DELETE FROM Config WHERE Name = 'k2'"), 0);
   EXPECT_EQ(GetVitalConfigSize(), 0) << "only NULL values sum to zero";
-  ASSERT_EQ(DBStore::Execute(conn_, "DELETE FROM Config", {}, {}, DBStore::kTimeoutMs), 0);
+  ASSERT_EQ(DBStore::Exec(conn_, "DELETE FROM Config"), 0);
   EXPECT_EQ(GetConfigRowCount(), 0);
   EXPECT_EQ(GetUserConfigSize(), 0);
   EXPECT_EQ(GetCachedConfigSize(), 0);
@@ -54,12 +47,10 @@ TEST_F(MetricsTest, SumsCountNullValuesAsZero) {
 TEST_F(MetricsTest, TotalPastInt32Throws) {
   // 3 GB of real values would take minutes to write: a view with zero-filled blobs has the same
   // lengths and costs nothing.
-  ASSERT_EQ(DBStore::Execute(conn_, "DROP TABLE Config", {}, {}, DBStore::kTimeoutMs), 0);
-  ASSERT_EQ(DBStore::Execute(conn_,
-                             "CREATE VIEW Config AS SELECT 'c' AS Component, 'g' AS ConfigGroup, 'k' AS Name, "
+  ASSERT_EQ(DBStore::Exec(conn_, "DROP TABLE Config"), 0);
+  ASSERT_EQ(DBStore::Exec(conn_, "CREATE VIEW Config AS SELECT 'c' AS Component, 'g' AS ConfigGroup, 'k' AS Name, "
                              "zeroblob(1000000000) AS UserValue, NULL AS VitalValue, 'x' AS CachedValue "
-                             "FROM (SELECT 1 UNION ALL SELECT 2 UNION ALL SELECT 3)",
-                             {}, {}, DBStore::kTimeoutMs),
+                             "FROM (SELECT 1 UNION ALL SELECT 2 UNION ALL SELECT 3)"),
             0);
   EXPECT_THROW(GetUserConfigSize(), std::out_of_range);
   EXPECT_EQ(GetVitalConfigSize(), 0);
@@ -68,7 +59,7 @@ TEST_F(MetricsTest, TotalPastInt32Throws) {
 }
 
 TEST_F(MetricsTest, FailedQueryNamesTheOperation) {
-  ASSERT_EQ(DBStore::Execute(conn_, "DROP TABLE Config", {}, {}, DBStore::kTimeoutMs), 0);
+  ASSERT_EQ(DBStore::Exec(conn_, "DROP TABLE Config"), 0);
   const std::pair<std::function<void()>, std::string> cases[] = {
       {GetVitalConfigSize, "Failed to get data from GetVitalConfigSize"},
       {GetUserConfigSize, "Failed to get data from GetUserConfigSize"},

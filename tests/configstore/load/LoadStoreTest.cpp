@@ -34,15 +34,7 @@ class LoadStoreTest : public cstest::SandboxTest {
       EXPECT_EQ(DBStore::AttachSchemaStore(conn), 0);
     }
     long n = -1;
-    auto stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
-    EXPECT_EQ(DBStore::ExecuteStmt(
-                  conn, stmt,
-                  [](void* ctx, int, char** argv, char**) {
-                    *static_cast<long*>(ctx) = std::stol(argv[0]);
-                    return 0;
-                  },
-                  &n, DBStore::kTimeoutMs),
-              0);
+    EXPECT_EQ(DBStore::QueryEach(conn, sql, [&n](const DBStore::Row& row) { n = static_cast<long>(row.Int(0)); }), 0);
     return n;
   }
 
@@ -81,7 +73,7 @@ TEST_F(LoadStoreTest, FirstBootFillsANewStoreFromTheBootDocument) {
 TEST_F(LoadStoreTest, OrdinaryBootKeepsTheStoreAndRegistersNothing) {
   PrepareOrdinaryBoot();
   auto conn = GetDBConnection(DBStore::CONFIG_STORE, true);
-  ASSERT_EQ(DBStore::Execute(conn, "UPDATE Config SET DesiredValue = '{\"x\":1}'", {}, {}, DBStore::kTimeoutMs), 0);
+  ASSERT_EQ(DBStore::Exec(conn, "UPDATE Config SET DesiredValue = '{\"x\":1}'"), 0);
   long rows = Count("SELECT COUNT(*) FROM Config");
   ASSERT_EQ(LoadStore(false), 0);
   EXPECT_EQ(Count("SELECT COUNT(*) FROM Config"), rows) << "the store on the ramdisk is used as it stands";
@@ -106,10 +98,8 @@ TEST_F(LoadStoreTest, FailedUpgradeModuleStillCompletesTheBoot) {
   std::filesystem::copy_file(FAILING_UPGRADE_MODULE, Path("/usr/lib/talvex/configmanager/upgrade/lib/fails.so"),
                              std::filesystem::copy_options::overwrite_existing);
   auto conn = GetDBConnection(DBStore::CONFIG_STORE, true);
-  ASSERT_EQ(DBStore::Execute(conn,
-                             "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) "
-                             "VALUES ('gone', 'pkg', 'key', '', '{}')",
-                             {}, {}, DBStore::kTimeoutMs),
+  ASSERT_EQ(DBStore::Exec(conn, "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) "
+                             "VALUES ('gone', 'pkg', 'key', '', '{}')"),
             0);
   ASSERT_EQ(LoadStore(false), 0);
   EXPECT_TRUE(Exists("/tmp/config-upgrade-marker"));
@@ -148,7 +138,7 @@ TEST_F(LoadStoreTest, UnknownBootModeIsAlertedAndTheBootGoesOn) {
     SCOPED_TRACE(text);
     auto conn = GetDBConnection(DBStore::CONFIG_STORE, true);
     ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", text, conn), 0);
-    ASSERT_EQ(DBStore::Execute(conn, "UPDATE Config SET DesiredValue = '{\"x\":1}'", {}, {}, DBStore::kTimeoutMs), 0);
+    ASSERT_EQ(DBStore::Exec(conn, "UPDATE Config SET DesiredValue = '{\"x\":1}'"), 0);
     BootReport report;
     ASSERT_EQ(LoadStore(false, &report), 0);
     EXPECT_EQ(Key("BOOT_MODE"), "0");

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "tests/support/StoreRows.h"
+
 namespace QorConfigStore {
 namespace {
 
@@ -10,14 +12,7 @@ void Exec(DBStore::Type type, const std::string& sql, const std::vector<std::str
   if (schemaStore) {
     ASSERT_EQ(DBStore::AttachSchemaStore(conn), 0);
   }
-  ASSERT_EQ(DBStore::Execute(conn, sql, args, {}, DBStore::kTimeoutMs), 0) << sql;
-}
-
-int AllColumns(void* context, int argc, char** argv, char** /*columnNames*/) {
-  std::string row;
-  for (int i = 0; i < argc; ++i) row += std::string(i == 0 ? "" : "|") + (argv[i] ? argv[i] : "-");
-  static_cast<std::vector<std::string>*>(context)->push_back(row);
-  return 0;
+  ASSERT_EQ(DBStore::Exec(conn, sql, args), 0) << sql;
 }
 
 }  // namespace
@@ -45,19 +40,11 @@ void MaintenanceTest::AddConfigRow(const std::string& component, const std::stri
                                    const std::string& id, std::vector<Text> values) {
   values.resize(5);
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
-  DBStore::Statement stmt = DBStore::internal::Prepare(
-      conn,
-      "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, AutoConfValue, UserValue, VitalValue, "
-      "CachedValue, DesiredValue) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)",
-      DBStore::kTimeoutMs);
-  int index = 1;
-  for (const std::string& s : {component, group, key, id}) ASSERT_EQ(DBStore::internal::Bind(conn, stmt, index, s), 0);
-  for (const Text& v : values) {
-    std::optional<std::string_view> view;
-    if (v) view = *v;
-    ASSERT_EQ(DBStore::internal::Bind(conn, stmt, index, view), 0);
-  }
-  ASSERT_EQ(DBStore::ExecuteStmt(conn, stmt, nullptr, nullptr, DBStore::kTimeoutMs), 0);
+  ASSERT_EQ(DBStore::Exec(conn,
+                          "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, AutoConfValue, UserValue, "
+                          "VitalValue, CachedValue, DesiredValue) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)",
+                          component, group, key, id, values),
+            0);
 }
 
 void MaintenanceTest::AddDataFileRow(const std::string& component, const std::string& key, const std::string& dir,
@@ -68,9 +55,7 @@ void MaintenanceTest::AddDataFileRow(const std::string& component, const std::st
 
 std::vector<std::string> MaintenanceTest::Query(DBStore::Type type, const char* sql) {
   DBStore::Connection conn = GetDBConnection(type, true);
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
-  std::vector<std::string> rows;
-  EXPECT_EQ(DBStore::ExecuteStmt(conn, stmt, AllColumns, &rows, DBStore::kTimeoutMs), 0) << sql;
+  std::vector<std::string> rows = cstest::JoinedRows(conn, sql, "-");
   std::sort(rows.begin(), rows.end());
   return rows;
 }

@@ -27,7 +27,7 @@ class NextBootPlanTest : public cstest::SandboxTest {
   }
 
   void Sql(const std::string& sql) {
-    ASSERT_EQ(DBStore::Execute(GetDBConnection(DBStore::CONFIG_STORE, true), sql, {}, {}, DBStore::kTimeoutMs), 0)
+    ASSERT_EQ(DBStore::Exec(GetDBConnection(DBStore::CONFIG_STORE, true), sql), 0)
         << sql;
   }
 

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/resource.h>
 
 #include <filesystem>
@@ -29,11 +30,6 @@ constexpr const char* kCopyEvent = "zeb.user.cs.createstore.copy.backup.error";
 constexpr const char* kDataFileEvent = "zeb.user.cs.dfs.restore.error";
 constexpr const char* kDbEvent = "zeb.user.cs.db.operation.error";
 
-int FirstColumn(void* context, int /*argc*/, char** argv, char** /*columnNames*/) {
-  static_cast<std::vector<std::string>*>(context)->emplace_back(argv[0] ? argv[0] : "NULL");
-  return 0;
-}
-
 class StoreRestoreTest : public cstest::SandboxTest {
  protected:
   // A sound store of `type` at `hostPath` whose only row carries `marker` (and, for a configuration
@@ -44,17 +40,13 @@ class StoreRestoreTest : public cstest::SandboxTest {
     {
       DBStore::Connection conn = GetDBConnection(type, true);
       if (type == DBStore::CONFIG_STORE) {
-        ASSERT_EQ(DBStore::Execute(conn,
-                                   "INSERT INTO Config (Identifier, Name, ConfigGroup, Component, UserValue) "
-                                   "VALUES ('', 'key', 'group', 'comp', ?)",
-                                   {marker}, {}, DBStore::kTimeoutMs),
+        ASSERT_EQ(DBStore::Exec(conn, "INSERT INTO Config (Identifier, Name, ConfigGroup, Component, UserValue) "
+                                   "VALUES ('', 'key', 'group', 'comp', ?)", marker),
                   0);
         ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", conn), 0);
       } else {
-        ASSERT_EQ(DBStore::Execute(conn,
-                                   "INSERT INTO DataFileMetadata (Component, KEY, DirName, FileName) "
-                                   "VALUES ('comp', 'key', 'dir', ?)",
-                                   {marker}, {}, DBStore::kTimeoutMs),
+        ASSERT_EQ(DBStore::Exec(conn, "INSERT INTO DataFileMetadata (Component, KEY, DirName, FileName) "
+                                   "VALUES ('comp', 'key', 'dir', ?)", marker),
                   0);
       }
     }
@@ -73,9 +65,9 @@ class StoreRestoreTest : public cstest::SandboxTest {
   std::vector<std::string> Rows(DBStore::Type type) {
     DBStore::Connection conn = GetDBConnection(type, true);
     const char* sql = type == DBStore::CONFIG_STORE ? "SELECT UserValue FROM Config" : "SELECT FileName FROM DataFileMetadata";
-    DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
     std::vector<std::string> rows;
-    EXPECT_EQ(DBStore::ExecuteStmt(conn, stmt, FirstColumn, &rows, DBStore::kTimeoutMs), 0);
+    auto keep = [&rows](const DBStore::Row& row) { rows.push_back(row.IsNull(0) ? "NULL" : row.String(0)); };
+    EXPECT_EQ(DBStore::QueryEach(conn, sql, keep), 0);
     return rows;
   }
 

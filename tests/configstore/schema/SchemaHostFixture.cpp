@@ -1,6 +1,7 @@
 #include "tests/configstore/schema/SchemaHostFixture.h"
 
 #include "platform/dbstore/DBStore.h"
+#include "tests/support/StoreRows.h"
 
 namespace cstest {
 namespace {
@@ -69,15 +70,7 @@ Strings SchemaHostTest::Query(const std::string& sql) {
   DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, false);
   EXPECT_TRUE(conn);
   EXPECT_EQ(DBStore::AttachSchemaStore(conn), 0);
-  DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
-  EXPECT_TRUE(stmt) << sql;
-  auto collect = [](void* context, int argc, char** argv, char**) {
-    std::string row;
-    for (int i = 0; i < argc; ++i) row += (i ? "|" : "") + std::string(argv[i] ? argv[i] : "NULL");
-    static_cast<Strings*>(context)->push_back(row);
-    return 0;
-  };
-  EXPECT_EQ(DBStore::ExecuteStmt(conn, stmt, collect, &rows, DBStore::kTimeoutMs), 0) << sql;
+  rows = cstest::JoinedRows(conn, sql, "NULL");
   return rows;
 }
 

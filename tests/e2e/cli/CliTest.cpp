@@ -66,16 +66,11 @@ class CliTest : public cstest::SandboxTest {
   void AddObject(const std::string& component, const std::string& group, const std::string& key,
                  const std::string& id, const char* user = R"({"a":1})", const char* vital = nullptr) const {
     auto conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
-    auto stmt = DBStore::internal::Prepare(conn,
-                                           "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, Version, "
-                                           "CreationTime, Revision, UserValue, VitalValue) VALUES (?, ?, ?, ?, '1.0', "
-                                           "'2024-05-01 10:00:00', 3, ?, ?)",
-                                           DBStore::kTimeoutMs);
-    int i = 1;
-    ASSERT_EQ(DBStore::internal::Bind(conn, stmt, i, std::vector<std::string>{component, group, key, id}), 0);
-    ASSERT_EQ(DBStore::internal::Bind(conn, stmt, i, user), 0);
-    ASSERT_EQ(DBStore::internal::Bind(conn, stmt, i, vital), 0);
-    ASSERT_EQ(DBStore::ExecuteStmt(conn, stmt, nullptr, nullptr, DBStore::kTimeoutMs), 0);
+    ASSERT_EQ(DBStore::Exec(conn,
+                            "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, Version, CreationTime, "
+                            "Revision, UserValue, VitalValue) VALUES (?, ?, ?, ?, '1.0', '2024-05-01 10:00:00', 3, ?, ?)",
+                            component, group, key, id, user, vital),
+              0);
   }
 
   // Registers one configuration key per entry of `keys` ("component", "group", "key").
@@ -158,9 +153,9 @@ TEST_F(CliTest, GetShowsValuesVersionRevisionAndTheDefault) {
   AddObject("qor", "network", "nuknics", "nuk0", R"({"name": "nuk0",  "mtu": 9000})", R"({"mac":"00:50"})");
   AddObject("qor", "network", "dns", "", "not json", nullptr);
   AddObject("qor", "bad\nname", "k", "");
-  ASSERT_EQ(DBStore::Execute(DBStore::GetConnection(DBStore::CONFIG_STORE, true),
-                             "INSERT INTO DefaultConfig VALUES ('qor', 'network', 'nuknics', 'nuk0', ?, '', '', '1.0')",
-                             {R"({"name":"nuk0","mtu":1500})"}, {}, DBStore::kTimeoutMs),
+  ASSERT_EQ(DBStore::Exec(DBStore::GetConnection(DBStore::CONFIG_STORE, true),
+                          "INSERT INTO DefaultConfig VALUES ('qor', 'network', 'nuknics', 'nuk0', ?, '', '', '1.0')",
+                          R"({"name":"nuk0","mtu":1500})"),
             0);
 
   CtlResult r = Ctl({"--json", "get", "qor", "network"});
@@ -210,12 +205,10 @@ TEST_F(CliTest, GetRollsBackWhatAKilledWriterLeft) {
   if (pid == 0) {
     // A one-page cache makes the changed pages spill into the file before the commit.
     auto conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
-    bool written = DBStore::Execute(conn, "PRAGMA cache_size=1", {}, {}, DBStore::kTimeoutMs) == 0 &&
+    bool written = DBStore::Exec(conn, "PRAGMA cache_size=1") == 0 &&
                    DBStore::BeginTransaction(conn) == 0 &&
-                   DBStore::Execute(conn, R"(UPDATE Config SET UserValue = '{"a":"after"}')", {}, {},
-                                    DBStore::kTimeoutMs) == 0 &&
-                   DBStore::Execute(conn, "INSERT INTO KeyValue VALUES ('filler', randomblob(1000000))", {}, {},
-                                    DBStore::kTimeoutMs) == 0;
+                   DBStore::Exec(conn, R"(UPDATE Config SET UserValue = '{"a":"after"}')") == 0 &&
+                   DBStore::Exec(conn, "INSERT INTO KeyValue VALUES ('filler', randomblob(1000000))") == 0;
     if (written) raise(SIGKILL);
     _exit(1);
   }
@@ -462,12 +455,10 @@ TEST_F(CliTest, MetricsListsEveryObjectAndNamesWhatItCounts) {
 
   // Three values of 800,000,000 characters: a total past the 32-bit range, named.
   auto conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
-  ASSERT_EQ(DBStore::Execute(conn, "DROP TABLE Config", {}, {}, DBStore::kTimeoutMs), 0);
-  ASSERT_EQ(DBStore::Execute(conn,
-                             "CREATE VIEW Config AS SELECT 'c' Component, 'g' ConfigGroup, 'k' Name, "
+  ASSERT_EQ(DBStore::Exec(conn, "DROP TABLE Config"), 0);
+  ASSERT_EQ(DBStore::Exec(conn, "CREATE VIEW Config AS SELECT 'c' Component, 'g' ConfigGroup, 'k' Name, "
                              "zeroblob(800000000) VitalValue, NULL UserValue, NULL CachedValue "
-                             "FROM (SELECT 1 UNION ALL SELECT 2 UNION ALL SELECT 3)",
-                             {}, {}, DBStore::kTimeoutMs),
+                             "FROM (SELECT 1 UNION ALL SELECT 2 UNION ALL SELECT 3)"),
             0);
   r = Ctl({"metrics"});
   EXPECT_EQ(r.status, 1);

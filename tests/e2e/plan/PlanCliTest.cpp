@@ -51,19 +51,12 @@ class PlanCliTest : public cstest::SandboxTest {
   static std::map<std::string, std::string> ConfigRows() {
     std::map<std::string, std::string> rows;
     DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, false);
-    auto stmt = DBStore::internal::Prepare(
-        conn,
-        "SELECT Component || '/' || ConfigGroup || '/' || Name || '/' || Identifier, "
-        "COALESCE(UserValue, '<null>') || '|' || COALESCE(VitalValue, '<null>') || '|' || "
-        "COALESCE(CachedValue, '<null>') FROM Config",
-        DBStore::kTimeoutMs);
-    EXPECT_EQ(DBStore::ExecuteStmt(
-                  conn, stmt,
-                  [](void* ctx, int, char** argv, char**) {
-                    (*static_cast<std::map<std::string, std::string>*>(ctx))[argv[0]] = argv[1];
-                    return 0;
-                  },
-                  &rows, DBStore::kTimeoutMs),
+    auto keep = [&rows](const DBStore::Row& row) { rows[row.String(0)] = row.String(1); };
+    EXPECT_EQ(DBStore::QueryEach(conn,
+                                 "SELECT Component || '/' || ConfigGroup || '/' || Name || '/' || Identifier, "
+                                 "COALESCE(UserValue, '<null>') || '|' || COALESCE(VitalValue, '<null>') || '|' || "
+                                 "COALESCE(CachedValue, '<null>') FROM Config",
+                                 keep),
               0);
     return rows;
   }
@@ -273,14 +266,12 @@ TEST_F(PlanCliTest, ExportStagedBackPlansNoChange) {
   FirstBoot();
   // An instance whose id member names another: no document can stage it back.
   DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
-  ASSERT_EQ(DBStore::Execute(conn, "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) "
-                                   "VALUES ('qor', 'network', 'nuknics', 'nuk9', '{\"name\":\"nuk8\"}')",
-                             {}, {}, DBStore::kTimeoutMs), 0);
+  ASSERT_EQ(DBStore::Exec(conn, "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) "
+                                 "VALUES ('qor', 'network', 'nuknics', 'nuk9', '{\"name\":\"nuk8\"}')"), 0);
   // A pending desired value no document carries: the boot after staging drops it, as staging
   // replaces its key whole.
-  ASSERT_EQ(DBStore::Execute(conn, "UPDATE Config SET DesiredValue = '{\"name\":\"admin\",\"shell\":\"pending\"}' "
-                                   "WHERE Name = 'user_accounts' AND Identifier = 'admin'",
-                             {}, {}, DBStore::kTimeoutMs), 0);
+  ASSERT_EQ(DBStore::Exec(conn, "UPDATE Config SET DesiredValue = '{\"name\":\"admin\",\"shell\":\"pending\"}' "
+                                 "WHERE Name = 'user_accounts' AND Identifier = 'admin'"), 0);
   conn.reset();
   // First on the installed host, whose mutable default instances are not in the store yet, then
   // after a boot that applied a desired configuration.

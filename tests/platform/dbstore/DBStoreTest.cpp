@@ -3,16 +3,17 @@
 #include <functional>
 #include <thread>
 
+#include <sqlite3.h>
+
 #include "tests/platform/dbstore/DBStoreTestSupport.h"
 #include "tests/support/StoreDump.h"
 
 namespace cstest {
 namespace {
 
-using DBStore::Execute;
+using DBStore::Exec;
 using DBStore::kTimeoutMs;
 using DBStore::faults::Kind;
-namespace internal = DBStore::internal;
 
 bool InTransaction(const DBStore::Connection& conn) { return sqlite3_get_autocommit(conn->db) == 0; }
 
@@ -57,7 +58,7 @@ TEST_F(DBStoreTest, StoreDumpSeesEveryKindOfChange) {
                              "UPDATE KeyValue SET Value = NULL",
                              "INSERT INTO KeyValue (Key, Value) VALUES ('IS_BOOT', '1')"}) {
     SCOPED_TRACE(change);
-    ASSERT_EQ(Execute(conn, change, {}, {}, kTimeoutMs), 0);
+    ASSERT_EQ(Exec(conn, change), 0);
     StoreDump after = DumpStores();
     EXPECT_NE(DiffStores(before, after), "");
     before = std::move(after);
@@ -94,19 +95,28 @@ TEST_F(DBStoreTest, FailedCommitLeavesTheTransactionOpenAndCancelRestoresTheData
   auto reader = Open();
   ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "0", writer), 0);
   // A read transaction holds its shared lock until it ends, so the writer cannot commit.
-  ASSERT_EQ(Execute(reader, "BEGIN", {}, {}, kTimeoutMs), 0);
+  ASSERT_EQ(Exec(reader, "BEGIN"), 0);
   ASSERT_EQ(ReadKv(reader, "BOOT_MODE"), "0");
 
-  ASSERT_EQ(DBStore::BeginTransaction(writer, 200), 0);
-  ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", writer), 0);
-  EXPECT_NE(DBStore::CommitTransaction(writer, 200), 0);
-  EXPECT_TRUE(InTransaction(writer));
-  EXPECT_EQ(DBStore::CancelTransaction(writer), 0);
+  {
+    DBStore::Transaction tx(writer);
+    ASSERT_EQ(tx.Begin(200), 0);
+    ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", writer), 0);
+    EXPECT_NE(tx.Commit(200), 0);
+    EXPECT_TRUE(InTransaction(writer));
+  }  // the guard rolls back what it could not commit
   EXPECT_FALSE(InTransaction(writer));
   EXPECT_EQ(DBStore::CancelTransaction(writer), 0);  // nothing open: no-op
 
-  ASSERT_EQ(Execute(reader, "COMMIT", {}, {}, kTimeoutMs), 0);
+  ASSERT_EQ(Exec(reader, "COMMIT"), 0);
   EXPECT_EQ(ReadKv(Open(), "BOOT_MODE"), "0");
+  {
+    DBStore::Transaction tx(writer);
+    ASSERT_EQ(tx.Begin(), 0);
+    ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "2", writer), 0);
+    EXPECT_EQ(tx.Commit(), 0);
+  }
+  EXPECT_EQ(ReadKv(Open(), "BOOT_MODE"), "2");
 }
 
 TEST_F(DBStoreTest, ClosingAConnectionRollsBackItsOpenTransaction) {
@@ -124,43 +134,42 @@ TEST_F(DBStoreTest, ClosingAConnectionRollsBackItsOpenTransaction) {
 
 TEST_F(DBStoreTest, EmptyHandlesFail) {
   DBStore::Connection none;
-  EXPECT_FALSE(internal::Prepare(none, "SELECT 1", kTimeoutMs));
   EXPECT_NE(DBStore::BeginTransaction(none), 0);
   EXPECT_NE(DBStore::CommitTransaction(none), 0);
   EXPECT_NE(DBStore::CancelTransaction(none), 0);
   EXPECT_NE(DBStore::AttachSchemaStore(none), 0);
-  EXPECT_NE(DBStore::Execute(none, "SELECT 1", {}, {}, kTimeoutMs), 0);
-
-  CreateStores();
-  auto conn = Open();
-  DBStore::Statement noStatement;
-  int index = 1;
-  EXPECT_EQ(DBStore::ExecuteStmt(conn, noStatement, nullptr, nullptr, kTimeoutMs), 1);
-  EXPECT_NE(internal::Bind(conn, noStatement, index, "x"), 0);
-  EXPECT_EQ(index, 1);
+  EXPECT_NE(Exec(none, "SELECT 1"), 0);
+  EXPECT_NE(DBStore::QueryEach(none, "SELECT 1", [](const DBStore::Row&) {}), 0);
 }
 
 TEST_F(DBStoreTest, SchemaStoreAttachQueryAndDetach) {
   CreateStores();
   auto conn = Open();
-  ASSERT_EQ(DBStore::AttachSchemaStore(conn), 0);
-  EXPECT_TRUE(conn->schemaStoreAttached);
-  EXPECT_EQ(DBStore::AttachSchemaStore(conn), 0);
-  ASSERT_EQ(Execute(conn,
-                    "INSERT INTO ss.ConfigSchema (Component, ConfigGroup, Name, SchemaJson, Singleton) "
-                    "VALUES (?, ?, ?, ?, ?)",
-                    {"qor", "network", "nuknics", "{}"}, {1}, kTimeoutMs),
-            0);
-  ASSERT_EQ(DBStore::DetachSchemaStore(conn), 0);
+  {
+    DBStore::SchemaStoreAttachment ss(conn);
+    ASSERT_EQ(ss.Attach(), 0);
+    EXPECT_TRUE(conn->schemaStoreAttached);
+    ASSERT_EQ(Exec(conn,
+                   "INSERT INTO ss.ConfigSchema (Component, ConfigGroup, Name, SchemaJson, Singleton) "
+                   "VALUES (?, ?, ?, ?, ?)",
+                   std::vector<std::string>{"qor", "network", "nuknics", "{}"}, 1),
+              0);
+  }  // the guard detaches what it attached
   EXPECT_FALSE(conn->schemaStoreAttached);
-  EXPECT_FALSE(internal::Prepare(conn, "SELECT Name FROM ss.ConfigSchema", kTimeoutMs));
+  EXPECT_NE(Exec(conn, "SELECT Name FROM ss.ConfigSchema"), 0);
   EXPECT_TRUE(log_.Contains("no such table: ss.ConfigSchema", CSLogger::PRIO_ERROR));
   EXPECT_EQ(DBStore::DetachSchemaStore(conn), 0);
 
-  // Written to the schema store file, seen from another connection.
+  // Written to the schema store file, seen from another connection; a guard leaves an attachment
+  // it did not make.
   auto other = Open();
   ASSERT_EQ(DBStore::AttachSchemaStore(other), 0);
-  EXPECT_EQ(Query(other, "SELECT Name, Singleton, NoRestore FROM ss.ConfigSchema WHERE Component = ?", {"qor"}),
+  {
+    DBStore::SchemaStoreAttachment ss(other);
+    ASSERT_EQ(ss.Attach(), 0);
+  }
+  EXPECT_TRUE(other->schemaStoreAttached);
+  EXPECT_EQ(Query(other, "SELECT Name, Singleton, NoRestore FROM ss.ConfigSchema WHERE Component = ?", "qor"),
             (std::vector<Row>{{"nuknics", "1", "0"}}));
 
   // A missing schema store is not created by attaching.
@@ -174,93 +183,74 @@ TEST_F(DBStoreTest, SchemaStoreAttachQueryAndDetach) {
 TEST_F(DBStoreTest, BindingEveryKindOfValue) {
   CreateStores();
   auto conn = Open();
-  DBStore::Statement stmt = internal::Prepare(
-      conn, "SELECT ?1, typeof(?1), ?2, ?3, typeof(?3), ?4, ?5, ?6, ?7, ?8, ?9, ?10, typeof(?10), ?11", kTimeoutMs);
-  ASSERT_TRUE(stmt);
-  int index = 1;
-  ASSERT_EQ(internal::Bind(conn, stmt, index, std::string_view()), 0);  // "" even without a data pointer
-  ASSERT_EQ(internal::Bind(conn, stmt, index, std::optional<std::string_view>()), 0);
-  ASSERT_EQ(internal::Bind(conn, stmt, index, INT64_MAX), 0);
-  ASSERT_EQ(internal::Bind(conn, stmt, index, std::vector<std::string>{"x", "y"}), 0);
-  ASSERT_EQ(internal::Bind(conn, stmt, index, std::vector<std::string_view>{"z"}), 0);
-  ASSERT_EQ(internal::Bind(conn, stmt, index, static_cast<const char*>(nullptr)), 0);
-  ASSERT_EQ(internal::Bind(conn, stmt, index, "literal"), 0);
-  {
-    std::string temporary = "copied";
-    ASSERT_EQ(internal::Bind(conn, stmt, index, temporary), 0);
-    temporary.assign(temporary.size(), '#');  // the bound copy must not change
-  }
-  ASSERT_EQ(internal::Bind(conn, stmt, index, 7), 0);
-  ASSERT_EQ(internal::Bind(conn, stmt, index, std::optional<std::string_view>("opt")), 0);
-  EXPECT_EQ(index, 12);
-  EXPECT_NE(internal::Bind(conn, stmt, index, "one too many"), 0);
-  EXPECT_EQ(index, 12);
+  const std::string sql = "SELECT ?1, typeof(?1), ?2, ?3, typeof(?3), ?4, ?5, ?6, ?7, ?8, ?9, ?10, typeof(?10), ?11, ?12";
+  std::string temporary = "copied";
+  auto rows = Query(conn, sql, std::string_view(), std::optional<std::string_view>(), INT64_MAX,
+                    std::vector<std::string>{"x", "y"}, std::vector<std::string_view>{"z"},
+                    static_cast<const char*>(nullptr), "literal", temporary, 7,
+                    std::optional<std::string_view>("opt"), DBStore::Values{std::nullopt});
+  EXPECT_EQ(rows, (std::vector<Row>{{"", "text", std::nullopt, "9223372036854775807", "integer", "x", "y", "z",
+                                     std::nullopt, "literal", "copied", "7", "integer", "opt", std::nullopt}}));
+  EXPECT_NE(Exec(conn, "SELECT ?", "one", "too many"), 0);
   EXPECT_TRUE(log_.Contains("out of range", CSLogger::PRIO_ERROR));
 
-  Rows out;
-  ASSERT_EQ(DBStore::ExecuteStmt(conn, stmt, Rows::Collect, &out, kTimeoutMs), 0);
-  EXPECT_EQ(out.rows, (std::vector<Row>{{"", "text", std::nullopt, "9223372036854775807", "integer", "x", "y", "z",
-                                         std::nullopt, "literal", "copied", "7", "integer", "opt"}}));
-
   std::string big(1 << 20, 'v');
-  EXPECT_EQ(Query(conn, "SELECT length(?)", {big}), std::vector<Row>{{"1048576"}});
+  EXPECT_EQ(Query(conn, "SELECT length(?)", big), std::vector<Row>{{"1048576"}});
 }
 
-TEST_F(DBStoreTest, RowCallbackSeesNamesAndNullsAndStatementsRunAgain) {
+// The statement of a text is kept on the connection: however a run ends (done, stopped by its
+// visitor, a visitor that throws), the next run of the same text starts unbound and from the top.
+TEST_F(DBStoreTest, VisitorSeesNamesAndNullsAndTheStatementRunsAgain) {
   CreateStores();
   auto conn = Open();
   for (const char* key : {"A", "B", "C"}) ASSERT_EQ(DBStore::WriteKeyValue(key, key, conn), 0);
-  DBStore::Statement stmt = internal::Prepare(
-      conn, "SELECT Key AS k, NULL AS missing FROM KeyValue WHERE Key >= ? ORDER BY Key", kTimeoutMs);
-  ASSERT_TRUE(stmt);
-
-  auto run = [&](std::optional<std::string> from) {
-    int index = 1;
-    if (from) {
-      EXPECT_EQ(internal::Bind(conn, stmt, index, *from), 0);
-    }
-    Rows out;
-    EXPECT_EQ(DBStore::ExecuteStmt(conn, stmt, Rows::Collect, &out, kTimeoutMs), 0);
-    return out;
-  };
-  Rows all = run("A");
-  EXPECT_EQ(all.rows, (std::vector<Row>{{"A", std::nullopt}, {"B", std::nullopt}, {"C", std::nullopt}}));
-  EXPECT_EQ(all.names, (std::vector<std::string>{"k", "missing"}));
-  EXPECT_TRUE(run(std::nullopt).rows.empty());  // bindings were cleared: Key >= NULL matches nothing
-  EXPECT_EQ(run("B").rows.size(), 2u);
+  const std::string sql = "SELECT Key AS k, NULL AS missing FROM KeyValue WHERE Key >= ? ORDER BY Key";
+  std::vector<std::string> names;
+  auto keepNames = [&names](const DBStore::Row& row) { names = {row.Name(0), row.Name(1)}; };
+  ASSERT_EQ(DBStore::QueryEach(conn, sql, keepNames, "C"), 0);
+  EXPECT_EQ(names, (std::vector<std::string>{"k", "missing"}));
+  EXPECT_EQ(Query(conn, sql, "A"), (std::vector<Row>{{"A", std::nullopt}, {"B", std::nullopt}, {"C", std::nullopt}}));
+  EXPECT_TRUE(Query(conn, sql).empty());  // bindings were cleared: Key >= NULL matches nothing
 
   int calls = 0;
-  auto stopAtFirst = [](void* context, int, char**, char**) {
-    ++*static_cast<int*>(context);
-    return 1;
-  };
-  int index = 1;
-  ASSERT_EQ(internal::Bind(conn, stmt, index, "A"), 0);
-  EXPECT_EQ(DBStore::ExecuteStmt(conn, stmt, stopAtFirst, &calls, kTimeoutMs), 1);
+  EXPECT_EQ(DBStore::QueryEach(conn, sql, [&calls](const DBStore::Row&) { return ++calls == 0; }, "A"), 1);
   EXPECT_EQ(calls, 1);
-  EXPECT_EQ(run("A").rows.size(), 3u);  // reset after the stop
+  EXPECT_EQ(Query(conn, sql, "B").size(), 2u);
+
+  auto thrower = [](const DBStore::Row&) { throw std::runtime_error("visitor failed"); };
+  EXPECT_THROW((void)DBStore::QueryEach(conn, sql, thrower, "A"), std::runtime_error);
+  EXPECT_EQ(Query(conn, sql, "B").size(), 2u);  // reset, rebound, from its first row
+  // No read left open: another connection can write and commit at once.
+  auto other = Open();
+  EXPECT_EQ(DBStore::BeginTransaction(other, 0), 0);
+  EXPECT_EQ(DBStore::WriteKeyValue("D", "D", other), 0);
+  EXPECT_EQ(DBStore::CommitTransaction(other, 0), 0);
+
+  // The same text run from inside its own visitor gets a statement of its own.
+  std::vector<size_t> inner;
+  auto nested = [&](const DBStore::Row&) { inner.push_back(Query(conn, sql, "C").size()); };
+  EXPECT_EQ(DBStore::QueryEach(conn, sql, nested, "B"), 0);
+  EXPECT_EQ(inner, (std::vector<size_t>{2, 2, 2}));
 }
 
 TEST_F(DBStoreTest, StatementFailuresAreReportedWithSqliteMessages) {
   CreateStores();
   auto conn = Open();
-  EXPECT_FALSE(internal::Prepare(conn, "SELEC 1", kTimeoutMs));
+  EXPECT_NE(Exec(conn, "SELEC 1"), 0);
   EXPECT_TRUE(log_.Contains("syntax error", CSLogger::PRIO_ERROR));
-  EXPECT_FALSE(internal::Prepare(conn, "", kTimeoutMs));
-  EXPECT_FALSE(internal::Prepare(conn, "  -- only a comment", kTimeoutMs));
-  EXPECT_TRUE(internal::Prepare(conn, "SELECT 1; -- done", kTimeoutMs));
+  EXPECT_NE(Exec(conn, ""), 0);
+  EXPECT_NE(Exec(conn, "  -- only a comment"), 0);
+  EXPECT_EQ(Exec(conn, "SELECT 1; -- done"), 0);
 
   // A second statement would silently not run, so the text is refused as a whole.
-  EXPECT_NE(Execute(conn, "INSERT INTO KeyValue VALUES ('a', '1'); INSERT INTO KeyValue VALUES ('b', '2')", {}, {},
-                    kTimeoutMs),
-            0);
+  EXPECT_NE(Exec(conn, "INSERT INTO KeyValue VALUES ('a', '1'); INSERT INTO KeyValue VALUES ('b', '2')"), 0);
   EXPECT_EQ(Query(conn, "SELECT count(*) FROM KeyValue"), std::vector<Row>{{"0"}});
 
   const std::string insert = "INSERT INTO KeyValue (Key, Value) VALUES (?, ?)";
-  ASSERT_EQ(Execute(conn, insert, {"k", "1"}, {}, kTimeoutMs), 0);
-  EXPECT_EQ(Execute(conn, insert, {"k", "2"}, {}, kTimeoutMs), 1);
+  ASSERT_EQ(Exec(conn, insert, "k", "1"), 0);
+  EXPECT_EQ(Exec(conn, insert, "k", "2"), 1);
   EXPECT_TRUE(log_.Contains("UNIQUE constraint failed: KeyValue.Key", CSLogger::PRIO_ERROR));
-  EXPECT_EQ(Execute(conn, insert, {"k"}, {1, 2}, kTimeoutMs), 1);  // more arguments than parameters
+  EXPECT_EQ(Exec(conn, insert, "k", 1, 2), 1);  // more arguments than parameters
   EXPECT_EQ(ReadKv(conn, "k"), "1");
 }
 
@@ -273,16 +263,16 @@ struct FaultCase {
 const std::vector<FaultCase>& FaultCases() {
   static const std::vector<FaultCase> cases = {
       {Kind::Prepare, "Prepare",
-       [](const DBStore::Connection& c) { return bool(internal::Prepare(c, "SELECT 1", kTimeoutMs)); }},
+       [](const DBStore::Connection& c) { return Exec(c, "SELECT 1") == 0; }},
       {Kind::Step, "Step",
        [](const DBStore::Connection& c) {
-         return Execute(c, "DELETE FROM KeyValue WHERE Key = 'none'", {}, {}, kTimeoutMs) == 0;
+         return Exec(c, "DELETE FROM KeyValue WHERE Key = 'none'") == 0;
        }},
       {Kind::Begin, "Begin",
        [](const DBStore::Connection& c) {
          bool ok = DBStore::BeginTransaction(c) == 0;
          EXPECT_EQ(InTransaction(c), ok);
-         DBStore::CancelTransaction(c);
+         EXPECT_EQ(DBStore::CancelTransaction(c), 0);
          return ok;
        }},
       {Kind::Commit, "Commit",
@@ -290,14 +280,14 @@ const std::vector<FaultCase>& FaultCases() {
          EXPECT_EQ(DBStore::BeginTransaction(c), 0);
          bool ok = DBStore::CommitTransaction(c) == 0;
          EXPECT_EQ(InTransaction(c), !ok);
-         DBStore::CancelTransaction(c);
+         EXPECT_EQ(DBStore::CancelTransaction(c), 0);
          return ok;
        }},
       {Kind::Attach, "Attach",
        [](const DBStore::Connection& c) {
          bool ok = DBStore::AttachSchemaStore(c) == 0;
          EXPECT_EQ(c->schemaStoreAttached, ok);
-         DBStore::DetachSchemaStore(c);
+         EXPECT_EQ(DBStore::DetachSchemaStore(c), 0);
          return ok;
        }},
       {Kind::KvRead, "KvRead",
@@ -343,16 +333,13 @@ TEST_F(DBStoreTest, StepFaultStopsAStatementMidwayAndItRunsAgainAfterwards) {
   CreateStores();
   auto conn = Open();
   for (const char* key : {"A", "B", "C"}) ASSERT_EQ(DBStore::WriteKeyValue(key, key, conn), 0);
-  DBStore::Statement stmt = internal::Prepare(conn, "SELECT Key FROM KeyValue ORDER BY Key", kTimeoutMs);
-  ASSERT_TRUE(stmt);
-
+  const std::string sql = "SELECT Key FROM KeyValue ORDER BY Key";
+  std::vector<std::string> partial;
   DBStore::faults::Arm(Kind::Step, 2, false);
-  Rows partial;
-  EXPECT_EQ(DBStore::ExecuteStmt(conn, stmt, Rows::Collect, &partial, kTimeoutMs), 1);
-  EXPECT_EQ(partial.rows, std::vector<Row>{{"A"}});
-  Rows all;
-  EXPECT_EQ(DBStore::ExecuteStmt(conn, stmt, Rows::Collect, &all, kTimeoutMs), 0);
-  EXPECT_EQ(all.rows.size(), 3u);
+  EXPECT_EQ(DBStore::QueryEach(conn, sql, [&partial](const DBStore::Row& row) { partial.push_back(row.String(0)); }),
+            1);
+  EXPECT_EQ(partial, std::vector<std::string>{"A"});
+  EXPECT_EQ(Query(conn, sql).size(), 3u);
   EXPECT_EQ(DBStore::faults::Calls(Kind::Step), 6);  // 2, then 3 rows and the end
 }
 

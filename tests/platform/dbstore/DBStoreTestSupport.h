@@ -10,25 +10,7 @@
 
 namespace cstest {
 
-using Row = std::vector<std::optional<std::string>>;
-
-// Every row a statement gives, NULL as nullopt, with the column names of the last row.
-struct Rows {
-  std::vector<Row> rows;
-  std::vector<std::string> names;
-
-  static int Collect(void* context, int argc, char** argv, char** columnNames) {
-    auto* self = static_cast<Rows*>(context);
-    Row row;
-    self->names.clear();
-    for (int i = 0; i < argc; ++i) {
-      row.push_back(argv[i] ? std::optional<std::string>(argv[i]) : std::nullopt);
-      self->names.emplace_back(columnNames[i]);
-    }
-    self->rows.push_back(std::move(row));
-    return 0;
-  }
-};
+using Row = DBStore::Values;
 
 class DBStoreTest : public SandboxTest {
  protected:
@@ -45,16 +27,12 @@ class DBStoreTest : public SandboxTest {
     return conn;
   }
 
-  // Runs `sql` with string arguments and returns its rows; a failure fails the test.
-  static std::vector<Row> Query(const DBStore::Connection& conn, const std::string& sql,
-                                const std::vector<std::string>& args = {}) {
-    Rows out;
-    DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
-    int index = 1;
-    EXPECT_TRUE(stmt) << sql;
-    EXPECT_EQ(DBStore::internal::Bind(conn, stmt, index, args), 0);
-    EXPECT_EQ(DBStore::ExecuteStmt(conn, stmt, Rows::Collect, &out, DBStore::kTimeoutMs), 0) << sql;
-    return out.rows;
+  // The rows of `sql` with `args` bound; a failure fails the test.
+  template <typename... Args>
+  static std::vector<Row> Query(const DBStore::Connection& conn, const std::string& sql, const Args&... args) {
+    std::optional<std::vector<Row>> rows = DBStore::Query(conn, sql, args...);
+    EXPECT_TRUE(rows) << sql;
+    return rows.value_or(std::vector<Row>());
   }
 
   std::string ReadKv(const DBStore::Connection& conn, const std::string& key) {

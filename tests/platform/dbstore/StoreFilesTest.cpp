@@ -7,7 +7,7 @@ namespace cstest {
 namespace {
 
 namespace fs = std::filesystem;
-using DBStore::Execute;
+using DBStore::Exec;
 using DBStore::kTimeoutMs;
 
 constexpr const char* kConfigStore = "/etc/talvex/configstore/current-store-1";
@@ -20,9 +20,9 @@ class StoreFilesTest : public DBStoreTest {
   void FillConfig(const DBStore::Connection& conn, int rows) {
     ASSERT_EQ(DBStore::BeginTransaction(conn), 0);
     for (int i = 0; i < rows; ++i) {
-      ASSERT_EQ(Execute(conn, "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) "
-                              "VALUES ('qor', 'network', 'nuknics', ?, ?)",
-                        {"nic" + std::to_string(i), std::string(200, 'x')}, {}, kTimeoutMs),
+      ASSERT_EQ(Exec(conn, "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) "
+                           "VALUES ('qor', 'network', 'nuknics', ?, ?)",
+                     "nic" + std::to_string(i), std::string(200, 'x')),
                 0);
     }
     ASSERT_EQ(DBStore::CommitTransaction(conn), 0);
@@ -65,7 +65,7 @@ TEST_F(StoreFilesTest, CreateDatabasesIsIdempotentKeepsRowsAndRestoresMissingTab
   {
     auto conn = Open();
     ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "2", conn), 0);
-    ASSERT_EQ(Execute(conn, "DROP TABLE DefaultConfig", {}, {}, kTimeoutMs), 0);
+    ASSERT_EQ(Exec(conn, "DROP TABLE DefaultConfig"), 0);
   }
   EXPECT_NE(DBStore::Check(Path(kConfigStore)), 0);
 
@@ -89,12 +89,12 @@ TEST_F(StoreFilesTest, CheckRefusesUnsoundStores) {
   WriteFile("/tmp/misnamed/datafile-store", store);
 
   auto config = Open();
-  ASSERT_EQ(Execute(config, "DROP TABLE KeyValue", {}, {}, kTimeoutMs), 0);
+  ASSERT_EQ(Exec(config, "DROP TABLE KeyValue"), 0);
   auto dataFiles = DBStore::GetConnection(DBStore::DATAFILE_STORE, true);
   ASSERT_TRUE(dataFiles);
-  ASSERT_EQ(Execute(dataFiles, "DROP TABLE DataFileMetadata", {}, {}, kTimeoutMs), 0);
+  ASSERT_EQ(Exec(dataFiles, "DROP TABLE DataFileMetadata"), 0);
   ASSERT_EQ(DBStore::AttachSchemaStore(config), 0);
-  ASSERT_EQ(Execute(config, "DROP TABLE ss.SchemaFile", {}, {}, kTimeoutMs), 0);
+  ASSERT_EQ(Exec(config, "DROP TABLE ss.SchemaFile"), 0);
 
   for (const char* path : {"/tmp/missing/current-store-1", "/tmp/truncated/current-store-1",
                            "/tmp/text/current-store-1", "/tmp/empty/current-store-1", "/tmp/misnamed/datafile-store",
@@ -118,27 +118,24 @@ TEST_F(StoreFilesTest, TableKeys) {
   auto conn = Open();
   const std::string upsertConfig =
       "INSERT OR REPLACE INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) VALUES (?, ?, ?, ?, ?)";
-  ASSERT_EQ(Execute(conn, upsertConfig, {"qor", "network", "dns", "", "a"}, {}, kTimeoutMs), 0);
-  ASSERT_EQ(Execute(conn, upsertConfig, {"qor", "network", "dns", "", "b"}, {}, kTimeoutMs), 0);
+  ASSERT_EQ(Exec(conn, upsertConfig, "qor", "network", "dns", "", "a"), 0);
+  ASSERT_EQ(Exec(conn, upsertConfig, "qor", "network", "dns", "", "b"), 0);
   EXPECT_EQ(Query(conn, "SELECT Identifier, UserValue FROM Config"), (std::vector<Row>{{"", "b"}}));
 
   // A NULL identifier would escape the key, so the store refuses it.
-  DBStore::Statement stmt = DBStore::internal::Prepare(
-      conn, "INSERT OR REPLACE INTO Config (Component, ConfigGroup, Name, Identifier) VALUES ('c', 'g', 'n', ?)",
-      kTimeoutMs);
-  int index = 1;
-  ASSERT_EQ(DBStore::internal::Bind(conn, stmt, index, std::optional<std::string_view>()), 0);
-  EXPECT_EQ(DBStore::ExecuteStmt(conn, stmt, nullptr, nullptr, kTimeoutMs), 1);
+  EXPECT_EQ(Exec(conn, "INSERT OR REPLACE INTO Config (Component, ConfigGroup, Name, Identifier) VALUES ('c', 'g', 'n', ?)",
+                 std::nullopt),
+            1);
 
   // Staged deletions carry no identifier and may repeat; staged sets replace one another.
   const std::string stageDelete = "INSERT INTO DesiredUserConfig (Component, ConfigGroup, Name, BootAction) "
                                   "VALUES ('qor', 'network', 'nuknics', 'DELETE')";
-  ASSERT_EQ(Execute(conn, stageDelete, {}, {}, kTimeoutMs), 0);
-  ASSERT_EQ(Execute(conn, stageDelete, {}, {}, kTimeoutMs), 0);
+  ASSERT_EQ(Exec(conn, stageDelete), 0);
+  ASSERT_EQ(Exec(conn, stageDelete), 0);
   const std::string stageSet = "INSERT OR REPLACE INTO DesiredUserConfig (Identifier, Name, ConfigGroup, Component, "
                                "Value, BootAction) VALUES ('nic0', 'nuknics', 'network', 'qor', ?, 'SET')";
-  ASSERT_EQ(Execute(conn, stageSet, {"1"}, {}, kTimeoutMs), 0);
-  ASSERT_EQ(Execute(conn, stageSet, {"2"}, {}, kTimeoutMs), 0);
+  ASSERT_EQ(Exec(conn, stageSet, "1"), 0);
+  ASSERT_EQ(Exec(conn, stageSet, "2"), 0);
   EXPECT_EQ(Query(conn, "SELECT BootAction, count(*), max(Value) FROM DesiredUserConfig GROUP BY BootAction "
                         "ORDER BY BootAction"),
             (std::vector<Row>{{"DELETE", "2", std::nullopt}, {"SET", "1", "2"}}));
@@ -146,8 +143,8 @@ TEST_F(StoreFilesTest, TableKeys) {
   auto dataFiles = DBStore::GetConnection(DBStore::DATAFILE_STORE, true);
   const std::string addFile =
       "INSERT OR IGNORE INTO DataFileMetadata (Component, KEY, DirName, FileName) VALUES ('qor', 'certs', 'd', 'f')";
-  ASSERT_EQ(Execute(dataFiles, addFile, {}, {}, kTimeoutMs), 0);
-  ASSERT_EQ(Execute(dataFiles, addFile, {}, {}, kTimeoutMs), 0);
+  ASSERT_EQ(Exec(dataFiles, addFile), 0);
+  ASSERT_EQ(Exec(dataFiles, addFile), 0);
   EXPECT_EQ(Query(dataFiles, "SELECT count(*) FROM DataFileMetadata"), std::vector<Row>{{"1"}});
 }
 

@@ -7,6 +7,7 @@
 
 #include "tests/platform/schemastore/SchemaStoreTestSupport.h"
 #include "tests/support/StoreDump.h"
+#include "tests/support/StoreRows.h"
 
 namespace {
 
@@ -33,15 +34,11 @@ class SchemaStoreTest : public sstest::SchemaStoreFixture {
   }
 
   static void Exec(const DBStore::Connection& conn, const std::string& sql, Strings* rows = nullptr) {
-    DBStore::Statement stmt = DBStore::internal::Prepare(conn, sql, DBStore::kTimeoutMs);
-    ASSERT_TRUE(stmt) << sql;
-    auto collect = [](void* context, int argc, char** argv, char**) {
-      std::string row;
-      for (int i = 0; i < argc; ++i) row += (i ? "|" : "") + std::string(argv[i] ? argv[i] : "NULL");
-      static_cast<Strings*>(context)->push_back(row);
-      return 0;
-    };
-    ASSERT_EQ(DBStore::ExecuteStmt(conn, stmt, rows ? +collect : nullptr, rows, DBStore::kTimeoutMs), 0) << sql;
+    if (rows != nullptr) {
+      *rows = cstest::JoinedRows(conn, sql, "NULL");
+    } else {
+      ASSERT_EQ(DBStore::Exec(conn, sql), 0) << sql;
+    }
   }
 
   static std::string Message(const std::function<void()>& call) {

@@ -53,7 +53,7 @@ void DeleteAdvancedOptions() { DeleteHostAPIConfiguration("qor", "system", "adva
 void DataFileSql(const std::string& sql) {
   DBStore::Connection conn = DBStore::GetConnection(DBStore::DATAFILE_STORE, true);
   ASSERT_TRUE(conn);
-  ASSERT_EQ(DBStore::Execute(conn, sql, {}, {}, DBStore::kTimeoutMs), 0) << sql;
+  ASSERT_EQ(DBStore::Exec(conn, sql), 0) << sql;
 }
 
 // The sample host after its first boot, as an ordinary reboot finds it.
@@ -84,18 +84,11 @@ Reported Flag(bool ok) { return ok ? Reported::Success : Reported::Failure; }
 // inside a transaction that is committed, or rolled back when anything fails.
 Reported InBootTransaction(void (*routine)(const DBStore::Connection&)) {
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
-  if (DBStore::AttachSchemaStore(conn) != 0 || DBStore::BeginTransaction(conn) != 0) return Reported::Failure;
-  try {
-    routine(conn);
-  } catch (...) {
-    DBStore::CancelTransaction(conn);
-    throw;
-  }
-  if (DBStore::CommitTransaction(conn) != 0) {
-    DBStore::CancelTransaction(conn);
-    return Reported::Failure;
-  }
-  return Reported::Success;
+  DBStore::SchemaStoreAttachment ss(conn);
+  DBStore::Transaction tx(conn);
+  if (ss.Attach() != 0 || tx.Begin() != 0) return Reported::Failure;
+  routine(conn);
+  return Status(tx.Commit());
 }
 
 template <typename F>
@@ -192,7 +185,7 @@ std::vector<Operation> Table() {
       [] { DataFileSql("DELETE FROM DataFileMetadata WHERE Component = 'gone'"); },
       [] {
         DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
-        ASSERT_EQ(DBStore::Execute(conn, "DELETE FROM Config WHERE Component = 'gone'", {}, {}, DBStore::kTimeoutMs), 0);
+        ASSERT_EQ(DBStore::Exec(conn, "DELETE FROM Config WHERE Component = 'gone'"), 0);
       }};
   add({"CleanupStoreAtBoot", HostWithLeftovers, Silently([] { CleanupStore(true); }), {}, storeHalves});
   add({"CleanupStoreLive", HostWithLeftovers, Silently([] { CleanupStore(false); }), {}, storeHalves});
@@ -200,7 +193,7 @@ std::vector<Operation> Table() {
   add({"CleanupAutoConfig", HostWithLeftovers, Silently(CleanupAutoConfig), kGeneric,
        {[] {
          DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
-         ASSERT_EQ(DBStore::Execute(conn, "UPDATE Config SET AutoConfValue = NULL", {}, {}, DBStore::kTimeoutMs), 0);
+         ASSERT_EQ(DBStore::Exec(conn, "UPDATE Config SET AutoConfValue = NULL"), 0);
        }}});
   add({"CleanupDataFiles", HostWithLeftovers, Silently(CleanupDataFiles), {}});
 

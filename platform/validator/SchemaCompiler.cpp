@@ -432,8 +432,17 @@ class Compiler {
 
 }  // namespace
 
+namespace {
+
+// The table's order: by length, then by bytes. Most names differ in length, which is one compare.
+bool Before(std::string_view a, std::string_view b) {
+  return a.size() != b.size() ? a.size() < b.size() : std::char_traits<char>::compare(a.data(), b.data(), a.size()) < 0;
+}
+
+}  // namespace
+
 void PropertyTable::Seal() {
-  auto byName = [](const auto& a, const auto& b) { return a.first < b.first; };
+  auto byName = [](const auto& a, const auto& b) { return Before(a.first, b.first); };
   std::stable_sort(entries_.begin(), entries_.end(), byName);
   // Of equal names the last added stays, as an assignment per member would leave it.
   auto out = entries_.begin();
@@ -446,7 +455,7 @@ void PropertyTable::Seal() {
 
 const Node* PropertyTable::Find(std::string_view name) const {
   auto it = std::lower_bound(entries_.begin(), entries_.end(), name,
-                             [](const auto& entry, std::string_view n) { return entry.first < n; });
+                             [](const auto& entry, std::string_view n) { return Before(entry.first, n); });
   return it != entries_.end() && it->first == name ? it->second : nullptr;
 }
 

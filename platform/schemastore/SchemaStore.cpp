@@ -111,7 +111,8 @@ std::vector<std::string> FromJsonArray(const Row& row, const char* column, const
   return names;
 }
 
-std::shared_ptr<SchemaObject> ConfigObject(const Row& row) {
+// `parseNow`: the schema value is built with the object (a single lookup, whose caller reads it).
+std::shared_ptr<SchemaObject> ConfigObjectOf(const Row& row, bool parseNow) {
   SchemaRecord rec;
   rec.kind = SchemaObjectKind::Config;
   rec.id = SchemaObjectId(Text(row, "Component"), Text(row, "ConfigGroup"), Text(row, "Name"));
@@ -128,8 +129,10 @@ std::shared_ptr<SchemaObject> ConfigObject(const Row& row) {
   rec.solutionUserInstances = FromJsonArray(row, "SolutionUserInstances", rec.id);
   rec.preservedInstanceIds = FromJsonArray(row, "PreservedInstanceIds", rec.id);
   rec.smartnicValueType = Take(row, "ValueType");
-  return std::make_shared<SchemaObject>(std::move(rec));
+  return std::make_shared<SchemaObject>(std::move(rec), parseNow);
 }
+
+std::shared_ptr<SchemaObject> ConfigObject(const Row& row) { return ConfigObjectOf(row, false); }
 
 std::shared_ptr<SchemaObject> FileObject(const Row& row) {
   SchemaRecord rec;
@@ -253,7 +256,7 @@ std::shared_ptr<SchemaObject> SchemaStore::GetSchema(const SchemaObjectId& id) c
   std::string sql = std::string(kSelectConfig) + " WHERE c.Component = ? AND c.ConfigGroup = ? AND c.Name = ?";
   if (Run(conn_, sql, {id.component, id.group, id.key}, &rows) != 0)
     Fail("Failed to read the schema of " + id.toString());
-  return rows.values.empty() ? nullptr : ConfigObject(Row{rows.names, rows.values.front()});
+  return rows.values.empty() ? nullptr : ConfigObjectOf(Row{rows.names, rows.values.front()}, true);
 }
 
 std::vector<std::shared_ptr<SchemaObject>> SchemaStore::GetSchemaObjects(const std::string& kind) const {

@@ -34,11 +34,10 @@ void WriteErrorFile(const std::string& path, const rapidjson::Value& errors) {
 void WriteDefaultInstance(rapidjson::MemoryPoolAllocator<>& allocator, const DBStore::Connection& conn,
                           const std::string& version, const std::string& component, const std::string& group,
                           const std::string& key, const std::shared_ptr<QorSchemaStore::SchemaObject>& schema,
-                          rapidjson::Value& instance, rapidjson::Value& keyErrors) {
+                          const JsonValidator::PreparedSchema& validator, rapidjson::Value& instance,
+                          rapidjson::Value& keyErrors) {
   rapidjson::Document errors;
-  // The stored text is the cache key's part: no serialization of the schema per instance.
-  JsonValidator::Validate(schema->GetSchemaValue(), schema->Record().schemaJson, instance, errors, kRulesDefaultConfig,
-                          "");
+  JsonValidator::Validate(validator, instance, errors);
   if (!errors.Empty()) {
     for (const rapidjson::Value& entry : errors.GetArray()) keyErrors.PushBack(rapidjson::Value(entry, allocator), allocator);
     return;
@@ -73,14 +72,18 @@ void ProcessDefaultElement(rapidjson::MemoryPoolAllocator<>& allocator, rapidjso
     keyErrors.PushBack(notFound, allocator);
   } else {
     const std::string& version = schema->GetVersion();
+    // Looked up once for every instance of the key; the stored text is the cache key's part, so the
+    // schema is not serialized again.
+    const JsonValidator::PreparedSchema validator =
+        JsonValidator::Prepare(schema->GetSchemaValue(), schema->Record().schemaJson, kRulesDefaultConfig, "");
     rapidjson::Value& config =
         isQorio && element.HasMember("qorio_config") ? element["qorio_config"] : element["config"];
     if (config.IsArray()) {
       for (rapidjson::Value& instance : config.GetArray()) {
-        WriteDefaultInstance(allocator, conn, version, component, group, key, schema, instance, keyErrors);
+        WriteDefaultInstance(allocator, conn, version, component, group, key, schema, validator, instance, keyErrors);
       }
     } else {
-      WriteDefaultInstance(allocator, conn, version, component, group, key, schema, config, keyErrors);
+      WriteDefaultInstance(allocator, conn, version, component, group, key, schema, validator, config, keyErrors);
     }
   }
 

@@ -8,6 +8,7 @@
 #include "platform/dbstore/DBStore.h"
 #include "platform/schemastore/SchemaObject.h"
 #include "platform/schemastore/SchemaStore.h"
+#include "platform/validator/JsonValidator.h"
 
 namespace QorConfigStore {
 
@@ -30,7 +31,8 @@ void ProcessDefaultElement(rapidjson::MemoryPoolAllocator<>& allocator, rapidjso
                            const DBStore::Connection& conn, const std::shared_ptr<QorSchemaStore::SchemaStore>& store,
                            rapidjson::Value& fileErrors, bool isQorio);
 
-// Validates one default instance against `schema` with the default-configuration rules. Invalid:
+// Validates one default instance with `validator`, `schema` prepared with the default-configuration
+// rules (JsonValidator::Prepare, once for every instance of the key). Invalid:
 // the validator's entries are appended to `keyErrors` (allocated from `allocator`) and nothing is
 // written. Valid: a generated id is filled in where the schema asks for one (into `instance`,
 // allocated from `allocator`), and the instance is split into user, vital and cached parts and
@@ -39,6 +41,7 @@ void ProcessDefaultElement(rapidjson::MemoryPoolAllocator<>& allocator, rapidjso
 void WriteDefaultInstance(rapidjson::MemoryPoolAllocator<>& allocator, const DBStore::Connection& conn,
                           const std::string& version, const std::string& component, const std::string& group,
                           const std::string& key, const std::shared_ptr<QorSchemaStore::SchemaObject>& schema,
-                          rapidjson::Value& instance, rapidjson::Value& keyErrors);
+                          const JsonValidator::PreparedSchema& validator, rapidjson::Value& instance,
+                          rapidjson::Value& keyErrors);
 
 }  // namespace QorConfigStore

@@ -213,33 +213,59 @@ namespace {
 // `out` is the caller's to drop. Reads the schema in the same order as ProcessConfig, so a mistyped
 // schema throws exactly where it would.
 class PartWriter {
+  // The marks of a property's schema, found in one pass over its members (the first of a name counts).
+  struct Marks {
+    const rapidjson::Value* instanceId = nullptr;
+    const rapidjson::Value* vital = nullptr;
+    const rapidjson::Value* cached = nullptr;
+    const rapidjson::Value* Part(std::string_view part) const { return part == "vital" ? vital : cached; }
+  };
+  static Marks MarksOf(const rapidjson::Value& schema) {
+    if (!schema.IsObject()) (void)schema.HasMember("instanceId");  // fails as a member lookup does
+    Marks marks;
+    for (const auto& m : schema.GetObject()) {
+      const std::string_view name(m.name.GetString(), m.name.GetStringLength());
+      const rapidjson::Value** slot = name == "instanceId" ? &marks.instanceId
+                                      : name == "vital"    ? &marks.vital
+                                      : name == "cached"   ? &marks.cached
+                                                           : nullptr;
+      if (slot != nullptr && *slot == nullptr) *slot = &m.value;
+    }
+    return marks;
+  }
+
  public:
   explicit PartWriter(const char* part) : part_(part), isUser_(std::string_view(part) == "user"), writer_(out_) {}
 
+  // Writes this part of `config` (described by `schema`); true when it holds something. What is
+  // written for a false answer is dropped by the caller, so a part that cannot keep a value does
+  // not write it.
   bool Write(const rapidjson::Value& config, const rapidjson::Value& schema) {
-    if (schema.HasMember("instanceId") && schema["instanceId"].IsBool() && schema["instanceId"].GetBool()) {
-      return WriteWhole(config);
-    }
-    if (isUser_) {
-      if (schema.HasMember("vital") || schema.HasMember("cached")) return false;
-    } else if (schema.HasMember(part_)) {
-      return WriteWhole(config);
-    }
+    return Write(config, schema, MarksOf(schema));
+  }
+
+  bool Write(const rapidjson::Value& config, const rapidjson::Value& schema, const Marks& marks) {
+    if (KeptWhole(marks)) return WriteWhole(config);
+    if (isUser_ && (marks.vital != nullptr || marks.cached != nullptr)) return false;
 
     if (config.IsObject()) {
-      if (config.MemberCount() == 0) return Put("{}") && isUser_;
+      if (config.MemberCount() == 0) return isUser_ && Put("{}");
       const rapidjson::Value& properties = schema["properties"];
       out_.Put('{');
       size_t kept = 0;
-      const rapidjson::Value* lastKept = nullptr;
+      const rapidjson::Value* lastKeptSchema = nullptr;
       for (const auto& member : config.GetObject()) {
+        const rapidjson::Value& memberSchema = properties[member.name];
+        const Marks memberMarks = MarksOf(memberSchema);
+        // A scalar the vital or cached part does not keep whole is left out of it.
+        if (!isUser_ && !member.value.IsObject() && !member.value.IsArray() && !KeptWhole(memberMarks)) continue;
         const size_t mark = out_.GetSize();
         if (kept != 0) out_.Put(',');
         WriteScalar(member.name);
         out_.Put(':');
-        if (Write(member.value, properties[member.name])) {
+        if (Write(member.value, memberSchema, memberMarks)) {
           ++kept;
-          lastKept = &member.name;
+          lastKeptSchema = &memberSchema;
         } else {
           out_.Pop(out_.GetSize() - mark);
         }
@@ -248,16 +274,16 @@ class PartWriter {
       if (kept == 0) return false;
       if (isUser_ || kept > 1) return true;
       // One member left: an object reduced to its instance identifier is not worth keeping.
-      const rapidjson::Value& ps = properties[*lastKept];
-      if (ps.HasMember(part_) && ps[part_].GetBool()) return true;
-      if (!ps.HasMember("instanceId")) return true;
-      return !ps["instanceId"].GetBool();
+      const Marks last = MarksOf(*lastKeptSchema);
+      if (const rapidjson::Value* part = last.Part(part_); part != nullptr && part->GetBool()) return true;
+      if (last.instanceId == nullptr) return true;
+      return !last.instanceId->GetBool();
     }
 
     if (config.IsArray()) {
-      if (config.Empty()) return Put("[]") && isUser_;
+      if (config.Empty()) return isUser_ && Put("[]");
       const rapidjson::Value& items = schema["items"];
-      if (std::string_view(items["type"].GetString()) != "object") return WriteWhole(config) && isUser_;
+      if (std::string_view(items["type"].GetString()) != "object") return isUser_ && WriteWhole(config);
       out_.Put('[');
       size_t kept = 0;
       for (const rapidjson::Value& element : config.GetArray()) {
@@ -272,13 +298,19 @@ class PartWriter {
       out_.Put(']');
       return kept != 0;
     }
-    return WriteWhole(config) && isUser_;
+    return isUser_ && WriteWhole(config);
   }
 
   // The text written so far.
   std::string Text() const { return std::string(out_.GetString(), out_.GetSize()); }
 
  private:
+  // Whether this part takes the value whole: an instance identifier, or a value marked for this part.
+  bool KeptWhole(const Marks& marks) const {
+    if (marks.instanceId != nullptr && marks.instanceId->IsBool() && marks.instanceId->GetBool()) return true;
+    return !isUser_ && marks.Part(part_) != nullptr;
+  }
+
   bool Put(std::string_view text) {
     for (char c : text) out_.Put(c);
     return true;

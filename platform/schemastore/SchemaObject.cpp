@@ -31,8 +31,12 @@ bool IsJson(const std::string& text) {
 
 }  // namespace
 
-SchemaObject::SchemaObject(SchemaRecord record) : record_(std::move(record)) {
-  if (!record_.schemaJson.empty() && !IsJson(record_.schemaJson)) {
+SchemaObject::SchemaObject(SchemaRecord record) : SchemaObject(std::move(record), false) {}
+
+SchemaObject::SchemaObject(SchemaRecord record, bool parseNow) : record_(std::move(record)) {
+  if (record_.schemaJson.empty()) return;
+  const bool readable = parseNow ? (GetSchemaValue(), !schema_.HasParseError()) : IsJson(record_.schemaJson);
+  if (!readable) {
     throw QorConfigStore::ConfigStoreException(QorConfigStore::CS_ERR_GENERIC,
                                                "Schema store holds an unreadable schema for " + record_.id.toString());
   }

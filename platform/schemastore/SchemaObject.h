@@ -83,6 +83,9 @@ class SchemaObject {
   // value itself is built by the first GetSchemaValue.
   // Throws ConfigStoreException 2000 naming the object when the text is not JSON.
   explicit SchemaObject(SchemaRecord record);
+  // As above, with the value built now when `parseNow` (a caller about to use it): the text is read
+  // once instead of twice.
+  SchemaObject(SchemaRecord record, bool parseNow);
 
   // Name of the instance-id property; empty for a singleton. kGeneratedIdMember when generated.
   virtual const std::string& GetInstanceIdName() const;

@@ -46,8 +46,9 @@ std::vector<std::string> FromJsonArray(const Row& row, int column, const SchemaO
   return names;
 }
 
-// Columns of kSelectConfig, in order.
-std::shared_ptr<SchemaObject> ConfigObject(const Row& row) {
+// Columns of kSelectConfig, in order. `parseNow`: the schema value is built with the object (a
+// single lookup, whose caller reads it).
+std::shared_ptr<SchemaObject> ConfigObjectOf(const Row& row, bool parseNow) {
   SchemaRecord rec;
   rec.kind = SchemaObjectKind::Config;
   rec.id = SchemaObjectId(row.String(0), row.String(1), row.String(2));
@@ -64,8 +65,10 @@ std::shared_ptr<SchemaObject> ConfigObject(const Row& row) {
   rec.solutionUserInstances = FromJsonArray(row, 13, rec.id);
   rec.preservedInstanceIds = FromJsonArray(row, 14, rec.id);
   rec.smartnicValueType = row.OptionalString(15);
-  return std::make_shared<SchemaObject>(std::move(rec));
+  return std::make_shared<SchemaObject>(std::move(rec), parseNow);
 }
+
+std::shared_ptr<SchemaObject> ConfigObject(const Row& row) { return ConfigObjectOf(row, false); }
 
 // SchemaId, Component, Category, Path.
 std::shared_ptr<SchemaObject> FileObject(const Row& row) {
@@ -188,7 +191,7 @@ std::shared_ptr<SchemaObject> SchemaStore::GetSchema(const SchemaObjectId& id) c
   std::shared_ptr<SchemaObject> found;
   std::string sql = std::string(kSelectConfig) + " WHERE c.Component = ? AND c.ConfigGroup = ? AND c.Name = ?";
   auto keep = [&found](const Row& row) {
-    if (!found) found = ConfigObject(row);
+    if (!found) found = ConfigObjectOf(row, true);
   };
   if (DBStore::QueryEach(conn_, sql, keep, id.component, id.group, id.key) != 0)
     Fail("Failed to read the schema of " + id.toString());

@@ -33,6 +33,19 @@ enum class Extra { kUnspecified, kAllowed, kRefused, kSchema };
 
 struct Node;
 
+// "properties": member names (kept in CompiledSchema::pool) with their schemas, sorted by name once
+// the schema object is compiled; of a name given twice the last counts.
+class PropertyTable {
+ public:
+  void Reserve(size_t count) { entries_.reserve(entries_.size() + count); }
+  void Add(std::string_view name, const Node* schema) { entries_.emplace_back(name, schema); }
+  void Seal();
+  const Node* Find(std::string_view name) const;  // null when no property has that name
+
+ private:
+  std::vector<std::pair<std::string_view, const Node*>> entries_;
+};
+
 struct PatternSchema {
   std::string source;
   std::shared_ptr<const RE2> re;  // shared with every schema of the same pattern
@@ -45,13 +58,12 @@ struct Dependency {
   const Node* schema = nullptr;              // schema form
 };
 
-// One schema object. Pointers to rapidjson values point into CompiledSchema::documents.
+// One schema object. Pointers to rapidjson values point into CompiledSchema::values.
 struct Node {
   const Node* ref = nullptr;  // "$ref": when set, every other keyword is ignored
   unsigned types = 0;         // TypeBit mask of "type"; 0 when absent
 
-  // "properties"; the names view member names inside CompiledSchema::documents.
-  std::unordered_map<std::string_view, const Node*> properties;
+  PropertyTable properties;
   bool describesMembers = false;  // has "properties" or "patternProperties"; rule 7 judges only these
   std::vector<PatternSchema> patternProperties;
   Extra additionalProperties = Extra::kUnspecified;
@@ -90,10 +102,11 @@ struct CompiledSchema {
   std::string error;  // not empty: the schema cannot be used; says why and where
   const Node* root = nullptr;
   std::deque<Node> nodes;
-  // Pools of the documents below, with chunks sized for a schema rather than rapidjson's 64 KiB
-  // default (a host holds thousands of compiled schemas). Declared first: they outlive the documents.
-  std::deque<rapidjson::MemoryPoolAllocator<>> pools;
-  std::deque<rapidjson::Document> documents;  // private copies: the root schema, then each remote one
+  // What the nodes keep of the schema: property names, and copies of the bounds and enums (values).
+  // Chunks sized for a schema rather than rapidjson's 64 KiB default: a host holds thousands of
+  // compiled schemas. Declared before the values, which allocate from it.
+  rapidjson::MemoryPoolAllocator<> pool{4096};
+  std::deque<rapidjson::Value> values;
 };
 
 // Never throws for a bad schema: the result carries the error instead.

@@ -173,11 +173,11 @@ class Checker {
   // printed is JSON, which is UTF-8 text. An explicit stack: any nesting depth is safe.
   void CheckEncoding(const Value& root) {
     auto utf8 = [](const Value& s) { return IsValidUtf8(std::string_view(s.GetString(), s.GetStringLength())); };
-    const size_t base = path_.size();
+    const size_t base = steps_.size();
     struct Frame {
       const Value* container;
       rapidjson::SizeType next;
-      size_t pathLength;  // of the container's own field
+      size_t pathLength;  // steps of the container's own field
     };
     std::vector<Frame> stack;
     if (root.IsString() && !utf8(root)) Report("invalid UTF-8");
@@ -191,21 +191,21 @@ class Checker {
         continue;
       }
       const rapidjson::SizeType i = frame.next++;
-      path_.resize(frame.pathLength);
+      steps_.resize(frame.pathLength);
       const Value* child;
       if (container.IsArray()) {
-        AppendIndex(path_, i);
+        steps_.push_back({nullptr, i});
         child = &container[i];
       } else {
         const auto member = container.MemberBegin() + i;
-        AppendName(path_, member->name.GetString(), member->name.GetStringLength());
+        steps_.push_back({member->name.GetString(), member->name.GetStringLength()});
         if (!utf8(member->name)) Report("invalid UTF-8 in the member name");
         child = &member->value;
       }
       if (child->IsString() && !utf8(*child)) Report("invalid UTF-8");
-      if (child->IsArray() || child->IsObject()) stack.push_back({child, 0, path_.size()});
+      if (child->IsArray() || child->IsObject()) stack.push_back({child, 0, steps_.size()});
     }
-    path_.resize(base);
+    steps_.resize(base);
   }
 
  private:
@@ -215,31 +215,40 @@ class Checker {
     ~Deeper() { --depth; }
   };
 
-  // One step of a field path: "/name" (made Printable, "~" and "/" escaped) or "/index".
-  static void AppendName(std::string& path, const char* name, size_t length) {
-    path += '/';
-    for (char c : Printable(std::string_view(name, length))) {
-      if (c == '~') path += "~0";
-      else if (c == '/') path += "~1";
-      else path += c;
-    }
-  }
-  static void AppendIndex(std::string& path, size_t index) { path += "/" + std::to_string(index); }
+  // One step of the field path: a member name, or an array index when `name` is null. The path's
+  // text is made only for a reported error.
+  struct PathStep {
+    const char* name;
+    size_t lengthOrIndex;
+  };
 
-  // Appends one step to the field path while it lives (only when errors are collected).
+  // The field path of the value being checked, "/nics/2/mtu": names made Printable, "~" and "/" escaped.
+  std::string Path() const {
+    std::string path;
+    for (const PathStep& step : steps_) {
+      path += '/';
+      if (step.name == nullptr) {
+        path += std::to_string(step.lengthOrIndex);
+        continue;
+      }
+      for (char c : Printable(std::string_view(step.name, step.lengthOrIndex))) {
+        if (c == '~') path += "~0";
+        else if (c == '/') path += "~1";
+        else path += c;
+      }
+    }
+    return path;
+  }
+
+  // Adds one step to the field path while it lives.
   class Step {
    public:
-    Step(Checker& c, const char* name, size_t length) : path_(c.path_), keep_(path_.size()) {
-      if (c.sink_ != nullptr) AppendName(path_, name, length);
-    }
-    Step(Checker& c, size_t index) : path_(c.path_), keep_(path_.size()) {
-      if (c.sink_ != nullptr) AppendIndex(path_, index);
-    }
-    ~Step() { path_.resize(keep_); }
+    Step(Checker& c, const char* name, size_t length) : steps_(c.steps_) { steps_.push_back({name, length}); }
+    Step(Checker& c, size_t index) : steps_(c.steps_) { steps_.push_back({nullptr, index}); }
+    ~Step() { steps_.pop_back(); }
 
    private:
-    std::string& path_;
-    size_t keep_;
+    std::vector<PathStep>& steps_;
   };
 
   // Records a failed check in `ok` and the sink; true when only the verdict is wanted (no sink),
@@ -252,7 +261,7 @@ class Checker {
 
   void Report(const std::string& message) {
     if (sink_ == nullptr) return;
-    if (sink_->size() < kMaxErrors) sink_->push_back({path_, message});
+    if (sink_->size() < kMaxErrors) sink_->push_back({Path(), message});
     else truncated_ = true;
   }
 
@@ -312,10 +321,9 @@ class Checker {
       size_t length = m.name.GetStringLength();
       Step step(*this, name, length);
       bool described = false;
-      auto property = node.properties.find(std::string_view(name, length));
-      if (property != node.properties.end()) {
+      if (const Node* property = node.properties.Find(std::string_view(name, length))) {
         described = true;
-        if (!Check(*property->second, m.value)) {
+        if (!Check(*property, m.value)) {
           ok = false;
           if (sink_ == nullptr) return false;
         }
@@ -466,7 +474,7 @@ class Checker {
 
   Checks checks_;
   std::vector<FieldError>* sink_;  // null: only the verdict is wanted; stop at the first failure
-  std::string path_;              // field of the value being checked, "/nics/2/mtu"
+  std::vector<PathStep> steps_;    // field of the value being checked
   int depth_ = 0;
   bool truncated_ = false;
 };

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <unordered_map>
 
 #include "platform/logging/CSLogger.h"
@@ -84,22 +85,45 @@ void AddError(rapidjson::Document& errors, const std::string& field, const std::
   errors.PushBack(entry, a);
 }
 
-// Validate, with the schema's text given (`schemaText`) or made here (null).
-void ValidateWithKey(const rapidjson::Value& schema, const std::string* schemaText, const rapidjson::Value& value,
-                     rapidjson::Document& errors, const std::set<int>& rules, const std::string& name) {
-  errors.SetArray();
+}  // namespace
+
+struct PreparedSchema::State {
+  std::shared_ptr<const detail::CompiledSchema> compiled;
+  detail::Checks checks;
+  std::string name;
+  std::string failure;  // not empty: the lookup itself failed (out of memory)
+};
+
+namespace {
+
+// Looks the schema up, with its text given (`schemaText`) or made here (null).
+void PrepareState(const rapidjson::Value& schema, const std::string* schemaText, const std::set<int>& rules,
+                  const std::string& name, PreparedSchema::State& state) {
   try {
+    state.name = name;
     std::string ownText;
     if (schemaText == nullptr) {
       ConfigStoreDocument::SerializeValue(schema, ownText);
       schemaText = &ownText;
     }
-    std::shared_ptr<const detail::CompiledSchema> compiled = CompiledFor(schema, *schemaText, rules, name);
-    if (!compiled->error.empty()) {
-      AddError(errors, "", "invalid schema" + (name.empty() ? std::string() : " " + name) + ": " + compiled->error);
+    state.checks = ChecksFor(rules);
+    state.compiled = CompiledFor(schema, *schemaText, rules, name);
+  } catch (const std::exception& e) {  // allocation failure: still an answer, never a throw
+    state.failure = e.what();
+  }
+}
+
+void Check(const PreparedSchema::State& state, const rapidjson::Value& value, rapidjson::Document& errors) {
+  errors.SetArray();
+  try {
+    if (!state.failure.empty()) throw std::runtime_error(state.failure);
+    const detail::CompiledSchema& compiled = *state.compiled;
+    if (!compiled.error.empty()) {
+      AddError(errors, "",
+               "invalid schema" + (state.name.empty() ? std::string() : " " + state.name) + ": " + compiled.error);
       return;
     }
-    for (const detail::FieldError& e : detail::CheckValue(*compiled, value, ChecksFor(rules))) {
+    for (const detail::FieldError& e : detail::CheckValue(compiled, value, state.checks)) {
       AddError(errors, e.field, e.error);
     }
   } catch (const std::exception& e) {  // allocation failure: still an answer, never a throw
@@ -112,12 +136,27 @@ void ValidateWithKey(const rapidjson::Value& schema, const std::string* schemaTe
 
 void Validate(const rapidjson::Value& schema, const rapidjson::Value& value, rapidjson::Document& errors,
               const std::set<int>& rules, const std::string& name) {
-  ValidateWithKey(schema, nullptr, value, errors, rules, name);
+  PreparedSchema::State state;
+  PrepareState(schema, nullptr, rules, name, state);
+  Check(state, value, errors);
 }
 
 void Validate(const rapidjson::Value& schema, const std::string& schemaText, const rapidjson::Value& value,
               rapidjson::Document& errors, const std::set<int>& rules, const std::string& name) {
-  ValidateWithKey(schema, &schemaText, value, errors, rules, name);
+  PreparedSchema::State state;
+  PrepareState(schema, &schemaText, rules, name, state);
+  Check(state, value, errors);
+}
+
+PreparedSchema Prepare(const rapidjson::Value& schema, const std::string& schemaText, const std::set<int>& rules,
+                       const std::string& name) {
+  auto state = std::make_shared<PreparedSchema::State>();
+  PrepareState(schema, &schemaText, rules, name, *state);
+  return PreparedSchema(std::move(state));
+}
+
+void Validate(const PreparedSchema& schema, const rapidjson::Value& value, rapidjson::Document& errors) {
+  Check(schema.state(), value, errors);
 }
 
 void SetRemoteResolver(RemoteResolver resolver) {

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <set>
 #include <string>
 
@@ -36,6 +37,24 @@ void Validate(const rapidjson::Value& schema, const rapidjson::Value& value, rap
 // `schemaText` must be a text that parses to exactly `schema`; it need not be compact.
 void Validate(const rapidjson::Value& schema, const std::string& schemaText, const rapidjson::Value& value,
               rapidjson::Document& errors, const std::set<int>& rules, const std::string& name);
+
+// A schema looked up in (or added to) the compiled-schema cache once, for several values: what the
+// Validate above gives for each value, without a cache lookup per value. Keeps its compiled schema
+// alive, whatever happens to the cache. Cheap to copy; a default one is unusable. Validate never
+// throws, as above; Prepare throws nothing but std::bad_alloc.
+class PreparedSchema {
+ public:
+  struct State;
+  PreparedSchema() = default;
+  explicit PreparedSchema(std::shared_ptr<const State> state) : state_(std::move(state)) {}
+  const State& state() const { return *state_; }
+
+ private:
+  std::shared_ptr<const State> state_;
+};
+PreparedSchema Prepare(const rapidjson::Value& schema, const std::string& schemaText, const std::set<int>& rules,
+                       const std::string& name);
+void Validate(const PreparedSchema& schema, const rapidjson::Value& value, rapidjson::Document& errors);
 
 // Supplies the schema behind a remote reference ("http://host/path.json", given without its
 // fragment), or null when there is none. The returned value is copied before the resolver is called

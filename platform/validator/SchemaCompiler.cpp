@@ -1,5 +1,9 @@
-// Compile: copies the schema (and every remote schema it refers to) into the compiled result,
-// indexes the "id" base URIs, resolves "$ref" and compiles the patterns, once per cache key.
+// Compile: reads the schema where it lies (remote schemas it refers to are copied for the
+// compile only), resolves "$ref" and compiles the patterns, once per cache key. What the checks
+// need of the schema (member names, enums, bounds) is copied into the compiled result, so it owes
+// nothing to the caller's value. Locations and "id" base URIs are worked out only for an error
+// message or a "$ref".
+#include <algorithm>
 #include <cmath>
 #include <iterator>
 #include <string_view>
@@ -24,6 +28,17 @@ struct Place {
   std::string location;
 };
 
+// How the compiler reached a schema object: below its parent's object through a keyword, then a
+// member name or an index. Its place (base URI and location) is worked out from this chain and the
+// index of the documents, and only when an error or a "$ref" needs it.
+struct Frame {
+  const Frame* parent = nullptr;  // null: the root document, or a definition (keyword "definitions")
+  const Value* value = nullptr;
+  const char* keyword = nullptr;  // "/keyword" below the parent
+  const Value* name = nullptr;    // then "/name", escaped
+  long index = -1;                // or "/index"
+};
+
 std::string EscapePointerToken(const std::string& token) {
   std::string out;
   for (char c : token) {
@@ -41,27 +56,64 @@ class Compiler {
   Compiler(CompiledSchema& out, const RemoteResolver& resolver) : out_(out), resolver_(resolver) {}
 
   void Run(const Value& schema) {
-    const Value& root = Load(schema, "");
-    out_.root = CompileAt(root, Place{"", "#"});
+    RefuseDeepNesting(schema, "");
+    root_ = &schema;
+    byUri_.emplace("", &schema);
+    out_.root = CompileAt(schema, Frame{nullptr, &schema});
     for (size_t i = 0; i < pendingDefinitions_.size(); ++i) CompileDefinitions(*pendingDefinitions_[i]);
     RefuseRefCycles();
   }
 
  private:
-  static constexpr size_t kSchemaPoolChunkBytes = 4096;
-
-  // Copies a schema document into the result and indexes it under `uri` (no fragment).
-  const Value& Load(const Value& source, const std::string& uri) {
-    if (DepthExceeds(source, 2 * kMaxDepth)) {
+  void RefuseDeepNesting(const Value& schema, const std::string& uri) {
+    if (DepthExceeds(schema, 2 * kMaxDepth)) {
       throw SchemaError{"the schema " + (uri.empty() ? std::string() : "\"" + uri + "\" ") + "nests deeper than " +
                         std::to_string(2 * kMaxDepth) + " levels"};
     }
-    rapidjson::Document& copy = out_.documents.emplace_back(&out_.pools.emplace_back(kSchemaPoolChunkBytes));
+  }
+
+  // Copies a remote schema document for the rest of the compile and indexes it under `uri` (no fragment).
+  const Value& Load(const Value& source, const std::string& uri) {
+    RefuseDeepNesting(source, uri);
+    EnsureIndexed();
+    rapidjson::Document& copy = remotes_.emplace_back();
     copy.CopyFrom(source, copy.GetAllocator());
     byUri_.emplace(uri, &copy);
     Index(copy, Place{uri, uri + "#"});
     return copy;
   }
+
+  // The root document's places, indexed on first need.
+  void EnsureIndexed() {
+    if (indexed_) return;
+    indexed_ = true;
+    Index(*root_, Place{"", "#"});
+  }
+
+  // The place of `frame`'s object: where indexing put it, or below its parent's place.
+  Place PlaceOf(const Frame& frame) {
+    if (frame.parent == nullptr && frame.keyword == nullptr) return Place{"", "#"};
+    EnsureIndexed();
+    if (auto known = places_.find(frame.value); known != places_.end()) return known->second;
+    if (frame.parent == nullptr) return Place{"", std::string(frame.keyword) + "/" + Name(*frame.name)};
+    Place place = PlaceOf(*frame.parent);
+    place.location += "/";
+    place.location += frame.keyword;
+    if (frame.name != nullptr) place.location += "/" + EscapePointerToken(Name(*frame.name));
+    if (frame.index >= 0) place.location += "/" + std::to_string(frame.index);
+    return place;
+  }
+
+  std::string Location(const Frame& frame) { return PlaceOf(frame).location; }
+
+  // A copy of `text` that lives as long as the compiled result.
+  std::string_view Keep(const Value& text) {
+    const size_t length = text.GetStringLength();
+    char* copy = static_cast<char*>(out_.pool.Malloc(length == 0 ? 1 : length));
+    std::char_traits<char>::copy(copy, text.GetString(), length);
+    return std::string_view(copy, length);
+  }
+  const Value* KeepValue(const Value& value) { return &out_.values.emplace_back(value, out_.pool); }
 
   // Records the base URI of every schema object reachable through schema keywords, and the
   // objects that "id" names. Values of "enum" and unknown keywords are not schemas: an "id" inside
@@ -123,7 +175,8 @@ class Compiler {
     return Load(*remote, document);
   }
 
-  const Value& ResolveRef(const std::string& reference, const Place& place) {
+  const Value& ResolveRef(const std::string& reference, const Frame& frame) {
+    const Place place = PlaceOf(frame);
     std::string uri = ResolveUri(place.base, reference);
     std::string document, fragment;
     SplitFragment(uri, document, fragment);
@@ -159,19 +212,17 @@ class Compiler {
     return *target;
   }
 
-  // `suffix()` gives the child's location below its parent's, for a child that Index did not reach;
-  // it is built only then.
-  template <typename Suffix>
-  const Node* CompileChild(const Value& schema, const Place& parent, Suffix suffix) {
-    auto known = places_.find(&schema);
-    return CompileAt(schema, known != places_.end() ? known->second : Place{parent.base, parent.location + suffix()});
+  // The schema `schema` below `parent`'s object, reached through `keyword` and then `name` or `index`.
+  const Node* CompileChild(const Value& schema, const Frame& parent, const char* keyword, const Value* name = nullptr,
+                           long index = -1) {
+    return CompileAt(schema, Frame{&parent, &schema, keyword, name, index});
   }
 
-  const Node* CompileAt(const Value& schema, const Place& place) {
+  const Node* CompileAt(const Value& schema, const Frame& frame) {
     if (auto done = compiled_.find(&schema); done != compiled_.end()) return done->second;
-    if (!schema.IsObject()) throw SchemaError{place.location + ": a schema must be an object"};
+    if (!schema.IsObject()) throw SchemaError{Location(frame) + ": a schema must be an object"};
     if (depth_ >= 2 * kMaxDepth) {
-      throw SchemaError{place.location + ": schemas and references nest deeper than " + std::to_string(2 * kMaxDepth) +
+      throw SchemaError{Location(frame) + ": schemas and references nest deeper than " + std::to_string(2 * kMaxDepth) +
                         " levels"};
     }
     Node& node = out_.nodes.emplace_back();
@@ -183,22 +234,23 @@ class Compiler {
     } deeper(depth_);
 
     if (auto ref = schema.FindMember("$ref"); ref != schema.MemberEnd()) {
-      if (!ref->value.IsString()) throw SchemaError{place.location + ": \"$ref\" must be a string"};
-      const Value& target = ResolveRef(Name(ref->value), place);
-      node.ref = CompileChild(target, place, [] { return std::string("/$ref"); });
+      if (!ref->value.IsString()) throw SchemaError{Location(frame) + ": \"$ref\" must be a string"};
+      const Value& target = ResolveRef(Name(ref->value), frame);
+      node.ref = CompileChild(target, frame, "$ref");
       refNodes_.push_back(&node);
       return &node;  // "$ref" overrides every sibling keyword
     }
     for (auto& member : schema.GetObject()) {
       CompileKeyword(node, std::string_view(member.name.GetString(), member.name.GetStringLength()), member.value,
-                     place);
+                     frame);
     }
+    node.properties.Seal();
     return &node;
   }
 
-  void CompileKeyword(Node& node, std::string_view keyword, const Value& v, const Place& place) {
+  void CompileKeyword(Node& node, std::string_view keyword, const Value& v, const Frame& frame) {
     // The keyword's location, built only for an error.
-    auto at = [&] { return place.location + "/" + EscapePointerToken(std::string(keyword)); };
+    auto at = [&] { return Location(frame) + "/" + EscapePointerToken(std::string(keyword)); };
     auto bad = [&](const char* what) { throw SchemaError{at() + ": \"" + std::string(keyword) + "\" must be " + what}; };
     auto count = [&]() -> uint64_t {
       if (v.IsUint64()) return v.GetUint64();
@@ -208,11 +260,10 @@ class Compiler {
       bad("a non-negative integer");
       return 0;
     };
-    auto schemaArray = [&](std::vector<const Node*>& into) {
+    auto schemaArray = [&](std::vector<const Node*>& into, const char* name) {
       if (!v.IsArray()) bad("an array of schemas");
-      for (rapidjson::SizeType i = 0; i < v.Size(); ++i) {
-        into.push_back(CompileChild(v[i], place, [&] { return "/" + std::string(keyword) + "/" + std::to_string(i); }));
-      }
+      into.reserve(v.Size());
+      for (rapidjson::SizeType i = 0; i < v.Size(); ++i) into.push_back(CompileChild(v[i], frame, name, nullptr, i));
     };
     auto pattern = [&](const std::string& source) {
       std::string error;
@@ -245,9 +296,9 @@ class Compiler {
     } else if (keyword == "properties") {
       if (!v.IsObject()) bad("an object");
       node.describesMembers = true;
+      node.properties.Reserve(v.MemberCount());
       for (auto& m : v.GetObject()) {
-        node.properties[std::string_view(m.name.GetString(), m.name.GetStringLength())] =
-            CompileChild(m.value, place, [&] { return "/properties/" + EscapePointerToken(Name(m.name)); });
+        node.properties.Add(Keep(m.name), CompileChild(m.value, frame, "properties", &m.name));
         auto marker = m.value.FindMember("instanceId");
         if (node.instanceIdMember.empty() && marker != m.value.MemberEnd() && marker->value.IsTrue()) {
           node.instanceIdMember = Name(m.name);
@@ -262,7 +313,7 @@ class Compiler {
         PatternSchema& p = node.patternProperties.emplace_back();
         p.source = Name(m.name);
         p.re = pattern(p.source);
-        p.schema = CompileChild(m.value, place, [&] { return "/patternProperties/" + EscapePointerToken(p.source); });
+        p.schema = CompileChild(m.value, frame, "patternProperties", &m.name);
       }
     } else if (keyword == "additionalProperties" || keyword == "additionalItems") {
       bool properties = keyword == "additionalProperties";
@@ -272,7 +323,7 @@ class Compiler {
       } else if (v.IsObject()) {
         extra = Extra::kSchema;
         (properties ? node.additionalPropertiesSchema : node.additionalItemsSchema) =
-            CompileChild(v, place, [&] { return "/" + std::string(keyword); });
+            CompileChild(v, frame, properties ? "additionalProperties" : "additionalItems");
       } else {
         bad("a boolean or a schema");
       }
@@ -293,7 +344,7 @@ class Compiler {
             d.requiredMembers.push_back(Name(name));
           }
         } else {
-          d.schema = CompileChild(m.value, place, [&] { return "/dependencies/" + EscapePointerToken(d.member); });
+          d.schema = CompileChild(m.value, frame, "dependencies", &m.name);
         }
       }
     } else if (keyword == "minProperties") {
@@ -303,9 +354,9 @@ class Compiler {
     } else if (keyword == "items") {
       if (v.IsArray()) {
         node.itemsIsTuple = true;
-        schemaArray(node.tupleItems);
+        schemaArray(node.tupleItems, "items");
       } else {
-        node.items = CompileChild(v, place, [] { return std::string("/items"); });
+        node.items = CompileChild(v, frame, "items");
       }
     } else if (keyword == "minItems") {
       node.minItems = count();
@@ -324,24 +375,24 @@ class Compiler {
       node.pattern = pattern(node.patternSource);
     } else if (keyword == "minimum" || keyword == "maximum") {
       if (!v.IsNumber()) bad("a number");
-      (keyword == "minimum" ? node.minimum : node.maximum) = &v;
+      (keyword == "minimum" ? node.minimum : node.maximum) = KeepValue(v);
     } else if (keyword == "exclusiveMinimum" || keyword == "exclusiveMaximum") {
       if (!v.IsBool()) bad("a boolean");
       (keyword == "exclusiveMinimum" ? node.exclusiveMinimum : node.exclusiveMaximum) = v.GetBool();
     } else if (keyword == "multipleOf") {
       if (!v.IsNumber() || v.GetDouble() <= 0) bad("a number greater than 0");
-      node.multipleOf = &v;
+      node.multipleOf = KeepValue(v);
     } else if (keyword == "enum") {
       if (!v.IsArray()) bad("an array");
-      node.enumValues = &v;
+      node.enumValues = KeepValue(v);
     } else if (keyword == "allOf") {
-      schemaArray(node.allOf);
+      schemaArray(node.allOf, "allOf");
     } else if (keyword == "anyOf") {
-      schemaArray(node.anyOf);
+      schemaArray(node.anyOf, "anyOf");
     } else if (keyword == "oneOf") {
-      schemaArray(node.oneOf);
+      schemaArray(node.oneOf, "oneOf");
     } else if (keyword == "not") {
-      node.notSchema = CompileChild(v, place, [] { return std::string("/not"); });
+      node.notSchema = CompileChild(v, frame, "not");
     } else if (keyword == "definitions") {
       if (!v.IsObject()) bad("an object");
       pendingDefinitions_.push_back(&v);  // compiled at the end: a broken unused definition still counts
@@ -351,10 +402,7 @@ class Compiler {
   }
 
   void CompileDefinitions(const Value& definitions) {
-    for (auto& m : definitions.GetObject()) {
-      auto known = places_.find(&m.value);
-      CompileAt(m.value, known != places_.end() ? known->second : Place{"", "definitions/" + Name(m.name)});
-    }
+    for (auto& m : definitions.GetObject()) CompileAt(m.value, Frame{nullptr, &m.value, "definitions", &m.name});
   }
 
   // A chain of "$ref" that comes back to itself would be followed forever at the same value.
@@ -370,7 +418,10 @@ class Compiler {
 
   CompiledSchema& out_;
   const RemoteResolver& resolver_;
+  const Value* root_ = nullptr;
+  bool indexed_ = false;  // places_ holds the root document's places
   std::unordered_map<const Value*, Place> places_;
+  std::deque<rapidjson::Document> remotes_;  // copies of remote schemas, for the compile only
   std::unordered_map<std::string, const Value*> byUri_;
   std::unordered_map<const Value*, Node*> compiled_;
   std::unordered_set<std::string> fetched_;
@@ -380,6 +431,33 @@ class Compiler {
 };
 
 }  // namespace
+
+namespace {
+
+// The table's order: by length, then by bytes. Most names differ in length, which is one compare.
+bool Before(std::string_view a, std::string_view b) {
+  return a.size() != b.size() ? a.size() < b.size() : std::char_traits<char>::compare(a.data(), b.data(), a.size()) < 0;
+}
+
+}  // namespace
+
+void PropertyTable::Seal() {
+  auto byName = [](const auto& a, const auto& b) { return Before(a.first, b.first); };
+  std::stable_sort(entries_.begin(), entries_.end(), byName);
+  // Of equal names the last added stays, as an assignment per member would leave it.
+  auto out = entries_.begin();
+  for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+    if (std::next(it) != entries_.end() && std::next(it)->first == it->first) continue;
+    *out++ = *it;
+  }
+  entries_.erase(out, entries_.end());
+}
+
+const Node* PropertyTable::Find(std::string_view name) const {
+  auto it = std::lower_bound(entries_.begin(), entries_.end(), name,
+                             [](const auto& entry, std::string_view n) { return Before(entry.first, n); });
+  return it != entries_.end() && it->first == name ? it->second : nullptr;
+}
 
 std::shared_ptr<const CompiledSchema> Compile(const rapidjson::Value& schema, const RemoteResolver& resolver) {
   auto compiled = std::make_shared<CompiledSchema>();

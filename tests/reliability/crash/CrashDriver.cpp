@@ -53,6 +53,9 @@ bool Run(Op op) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A group of its own, so that the kill also ends the copy or removal a step left running, as the
+  // host's service manager ends a killed boot's children with it.
+  setpgid(0, 0);
   if (argc != 4) {
     std::fprintf(stderr, "usage: crash_driver ROOT FIRST OPS\n");
     return crashcycle::kDriverUsage;

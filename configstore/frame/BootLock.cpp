@@ -17,7 +17,9 @@ std::string gUnavailable;  // why the outermost hold has no lock
 
 }  // namespace
 
-BootLock::BootLock(Host::FileLock::Mode mode, int waitMs) {
+BootLock::BootLock(Host::FileLock::Mode mode, int waitMs) { Take(mode, waitMs); }
+
+void BootLock::Take(Host::FileLock::Mode mode, int waitMs) {
   if (gHolds > 0) {
     if (mode == Host::FileLock::Mode::Exclusive && gHeldMode != mode) {
       throw ConfigStoreException(CS_ERR_GENERIC, "A boot load cannot start inside a staging operation");
@@ -44,8 +46,18 @@ BootLock::BootLock(Host::FileLock::Mode mode, int waitMs) {
   ++gHolds;
 }
 
+BootLock::BootLock(Reader, int waitMs) {
+  try {
+    Take(Host::FileLock::Mode::Shared, waitMs);
+  } catch (const std::exception& e) {
+    counted_ = false;
+    unavailable_ = e.what();
+    CSLogger::Log(CSLogger::PRIO_WARNING, "Reading the store without the boot lock: %s", e.what());
+  }
+}
+
 BootLock::~BootLock() {
-  if (--gHolds == 0) gUnavailable.clear();
+  if (counted_ && --gHolds == 0) gUnavailable.clear();
 }
 
 }  // namespace QorConfigStore

@@ -2,7 +2,9 @@
 // for the next boot or read what it will do (desired, SmartNIC and host-API staging, the plan, the
 // boot mode, schema registration) hold it shared. So a staging is wholly before or wholly after a
 // load, and two loads never overlap (the second one's restore would pull the store from under the
-// first).
+// first). Readers of the live store (listings, export, metrics) hold it shared as well, so that they
+// never open a store file a load's restore is still copying; for them it is a courtesy (Reader):
+// when it cannot be had they read anyway.
 //
 // The lock file is "/var/run/talvex/configstore.lock" under the host root. A process that already
 // holds the lock takes it again for free (the load registers schemas and sets the boot mode itself).
@@ -26,6 +28,10 @@ class BootLock {
   // opened at all (a broken run-time directory), a shared hold throws the same way, while an
   // exclusive one (the boot load, which must get through) goes on unlocked: Unavailable() says why.
   explicit BootLock(Host::FileLock::Mode mode, int waitMs = kBootLockWaitMs);
+  // A shared hold that never throws: a lock still busy after the wait, or no lock file, leaves it
+  // unheld (Unavailable() says why) and the reader goes on.
+  struct Reader {};
+  explicit BootLock(Reader, int waitMs = kBootLockWaitMs);
   ~BootLock();
   BootLock(const BootLock&) = delete;
   BootLock& operator=(const BootLock&) = delete;
@@ -34,6 +40,9 @@ class BootLock {
   const std::string& Unavailable() const { return unavailable_; }
 
  private:
+  void Take(Host::FileLock::Mode mode, int waitMs);  // counts the hold, or throws and counts nothing
+
+  bool counted_ = true;  // false for a reader that went on without the lock
   std::string unavailable_;
   std::unique_ptr<Host::FileLock> lock_;  // null when this process held the lock already
 };

@@ -1,5 +1,6 @@
 #include "configstore/frame/Metrics.h"
 
+#include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 
 namespace QorConfigStore {
@@ -11,6 +12,7 @@ DBStore::Connection MetricsConnection() {
 
 // Column 0 of the one row. SUM over no value is NULL: read as "0" (see Metrics.h).
 int QueryScalar(const char* sql, const char* failure) {
+  BootLock lock(BootLock::Reader{});  // never a store a load is still restoring
   DBStore::Connection conn = MetricsConnection();
   std::string result;
   auto keep = [&result](const DBStore::Row& row) { result = row.IsNull(0) ? "0" : row.String(0); };
@@ -44,6 +46,7 @@ std::vector<ConfigMetricsRow> GetConfigMetricsRows() {
       SELECT Component, ConfigGroup, Name, LENGTH (VitalValue) VitalConfigSize,
       LENGTH (UserValue) UserConfigSize, LENGTH (CachedValue) CachedConfigSize
       FROM Config)";
+  BootLock lock(BootLock::Reader{});  // never a store a load is still restoring
   DBStore::Connection conn = MetricsConnection();
   std::vector<ConfigMetricsRow> rows;
   // Columns: Component, ConfigGroup, Name, then the three sizes; a NULL column reads as "0".

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "configstore/desired/Staging.h"
+#include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 #include "platform/schemastore/SchemaStore.h"
 #include "platform/validator/ConfigStoreDocument.h"
@@ -114,6 +115,7 @@ ConfigStoreObjectId IdOf(const ConfigObjectKey& key) {
 }  // namespace
 
 ConfigExport ExportConfiguration(const std::vector<std::string>& names) {
+  BootLock lock(BootLock::Reader{});  // never a store a load is still restoring
   DBStore::Connection conn =
       ConnectOrThrow(DBStore::CONFIG_STORE, "Failed to connect to database", /*readWrite=*/false);
   ConfigObjects objects = ReadConfigObjects(conn);

@@ -1,5 +1,6 @@
 #include "configstore/plan/StoreListing.h"
 
+#include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 
 namespace QorConfigStore {
@@ -26,6 +27,7 @@ std::vector<ConfigObjectListing> ListConfigObjects(const std::vector<std::string
   if (filters.size() > std::size(kFilterColumns)) {
     throw InvalidArgumentException(CS_ERR_GENERIC, "at most a component, group, key and instance id filter objects");
   }
+  BootLock lock(BootLock::Reader{});  // never a store a load is still restoring
   DBStore::Connection conn =
       ConnectOrThrow(DBStore::CONFIG_STORE, "cannot open the configuration store", /*readWrite=*/false);
   std::string sql = kSelectObjects;
@@ -46,6 +48,7 @@ std::vector<ConfigObjectListing> ListConfigObjects(const std::vector<std::string
 }
 
 std::vector<std::vector<std::string>> ListDefaultConfig() {
+  BootLock lock(BootLock::Reader{});  // never a store a load is still restoring
   DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
   std::vector<std::vector<std::string>> rows;
   auto keep = [&rows](const DBStore::Row& row) {

@@ -2,6 +2,7 @@
 // diff: two configurations (stores or documents) compared object by object.
 #include <cstdio>
 
+#include "configstore/frame/BootLock.h"
 #include "configstore/plan/ConfigExport.h"
 #include "platform/dbstore/DBStore.h"
 #include "platform/host/Files.h"
@@ -16,6 +17,8 @@ int RunExport(const cli::Invocation& inv) {
   const std::optional<std::string> file = cli::TakeOption(args, "-o");
   const std::vector<std::string> names = cli::Positionals(args);
   if (names.size() > 3) throw cli::UsageError("unexpected argument '" + cli::Printable(names[3]) + "'");
+  // Held across the check and the read, so that a load's restore is wholly before or after both.
+  QorConfigStore::BootLock lock(QorConfigStore::BootLock::Reader{});
   cli::RequireStore(DBStore::StorePath(DBStore::CONFIG_STORE), "configuration store");
   cli::RequireStore(DBStore::SchemaStorePath(), "schema store");
 

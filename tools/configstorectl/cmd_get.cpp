@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "configstore/frame/BootLock.h"
 #include "configstore/plan/StoreListing.h"
 #include "platform/dbstore/DBStore.h"
 #include "tools/configstorectl/Cli.h"
@@ -15,6 +16,8 @@ namespace {
 using ConfigObject = QorConfigStore::ConfigObjectListing;
 
 std::vector<ConfigObject> ReadObjects(const std::vector<std::string>& filters) {
+  // Held across the check and the read, so that a load's restore is wholly before or after both.
+  QorConfigStore::BootLock lock(QorConfigStore::BootLock::Reader{});
   cli::RequireStore(DBStore::StorePath(DBStore::CONFIG_STORE), "configuration store");
   return QorConfigStore::ListConfigObjects(filters);
 }

@@ -40,7 +40,7 @@ struct Race {
   Args setUp;    // run on the booted sample host before the race (empty: nothing)
   bool backUp;   // copy the store to the backup after the set-up, as the host's backup does
   Args first, second;
-  bool comparePlanOutput;  // compare the second's output (a plan) instead of the store
+  bool compareOutput;  // compare the second's output (a plan, an export) instead of the store
 };
 
 void PrintTo(const Race& race, std::ostream* out) { *out << race.name; }
@@ -97,7 +97,7 @@ class RaceTest : public cstest::SandboxTest, public testing::WithParamInterface<
 
   // The configuration store as data (run-to-run parts masked), or the plan's output.
   std::string Outcome(const std::string& root, const cstest::CtlResult& plan) {
-    if (GetParam().comparePlanOutput) return plan.out;
+    if (GetParam().compareOutput) return plan.out;
     std::string text;
     for (const auto& [table, rows] :
          cstest::MaskRunToRun(cstest::DumpStoreFile(root + "/etc/talvex/configstore/current-store-1", "cs"))) {
@@ -166,7 +166,10 @@ INSTANTIATE_TEST_SUITE_P(
         // A plan shows the staging before it or the one after it, never the mode of one with the
         // rows of the other.
         Race{"set-smartnic/plan", {"set-desired", "@desired.json"}, false, {"set-smartnic", "@smartnic.json"},
-             {"--json", "plan"}, true}),
+             {"--json", "plan"}, true},
+        // An export during a boot's restore reads the store before the boot or after it, never a
+        // store file still being copied.
+        Race{"load/export", {"set-desired", "@desired.json"}, true, {"load", "--force"}, {"export"}, true}),
     [](const testing::TestParamInfo<Race>& info) {
       std::string name = info.param.name;
       for (char& c : name) c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';

@@ -8,12 +8,18 @@
 namespace QorConfigStore {
 namespace {
 
+using cstest::Thrown;
+
 class BootApplyRecordTest : public cstest::SandboxTest {
  protected:
   void SetUp() override {
     SandboxTest::SetUp();
     ASSERT_EQ(DBStore::CreateDatabases(), 0);
     conn_ = GetDBConnection(DBStore::CONFIG_STORE, true);
+  }
+  void TearDown() override {
+    DBStore::faults::Disarm();
+    SandboxTest::TearDown();
   }
   void Sql(const std::string& sql, const std::vector<std::string>& args = {}) {
     ASSERT_EQ(DBStore::Exec(conn_, sql, args), 0) << sql;
@@ -29,91 +35,62 @@ class BootApplyRecordTest : public cstest::SandboxTest {
 TEST_F(BootApplyRecordTest, ClearSetAndReadBack) {
   clearBootApplyRecord();
   EXPECT_EQ(Stored(), "{\"isBootComplete\":false}");
-  rapidjson::Document reset = getBootApplyRecord();
-  ASSERT_TRUE(reset.IsObject());
-  EXPECT_EQ(reset.MemberCount(), 1u);
-  EXPECT_FALSE(reset["isBootComplete"].GetBool());
-
+  EXPECT_FALSE(getBootApplyRecord()["isBootComplete"].GetBool());
   const std::string record = "line \"one\"\nline\ttwo \\ end";
   setBootApplyRecord(record);
   EXPECT_EQ(Stored(), "{\"isBootComplete\":true,\"bootApplyRecord\":\"line \\\"one\\\"\\nline\\ttwo \\\\ end\"}");
   rapidjson::Document done = getBootApplyRecord();
   EXPECT_TRUE(done["isBootComplete"].GetBool());
   EXPECT_EQ(done["bootApplyRecord"].GetString(), record);
-
-  setBootApplyRecord("");
-  EXPECT_EQ(Stored(), "{\"isBootComplete\":true,\"bootApplyRecord\":\"\"}");
 }
 
-TEST_F(BootApplyRecordTest, RecordNeverWrittenOrDamagedFailsToParse) {
+TEST_F(BootApplyRecordTest, UnreadableRecordOrStoreThrowsItsCause) {
   for (const char* stored : {"", "{\"isBootComplete\":"}) {
-    SCOPED_TRACE(stored);
     ASSERT_EQ(DBStore::WriteKeyValue("BOOT_APPLY_RESULT", stored, conn_), 0);
-    try {
-      getBootApplyRecord();
-      ADD_FAILURE() << "no throw";
-    } catch (const InvalidArgumentException& e) {
-      EXPECT_EQ(e.code(), 1080);
-    }
+    EXPECT_THAT(Thrown([] { getBootApplyRecord(); }), testing::StartsWith("1080 ")) << stored;
   }
-  DBStore::faults::Arm(DBStore::faults::Kind::KvRead, 1, false);
-  try {
-    getBootApplyRecord();
-    ADD_FAILURE() << "no throw";
-  } catch (const ConfigStoreException& e) {
-    EXPECT_STREQ(e.what(), "Failed to read BOOT_APPLY_RESULT from database.");
+  const struct {
+    DBStore::faults::Kind kind;
+    std::function<void()> call;
+    const char* thrown;
+  } cases[] = {
+      {DBStore::faults::Kind::KvRead, [] { getBootApplyRecord(); }, "Failed to read BOOT_APPLY_RESULT from database."},
+      {DBStore::faults::Kind::Attach, [] { GetBootTimeRestoreFailures(); }, "Failed to attach schema store"},
+      {DBStore::faults::Kind::Step, [] { GetBootTimeRestoreFailures(); }, "Failed to read from config store."},
+  };
+  for (const auto& c : cases) {
+    DBStore::faults::Arm(c.kind, 1, false);
+    EXPECT_EQ(Thrown(c.call), std::string("2000 ") + c.thrown);
   }
   DBStore::faults::Disarm();
+  EXPECT_TRUE(GetBootTimeRestoreFailures().empty()) << "the failed call detached the schema store";
 }
 
 TEST_F(BootApplyRecordTest, RestoreFailuresFollowSchemaAndRowFlags) {
   ASSERT_EQ(DBStore::AttachSchemaStore(conn_), 0);
-  // Component, group, key, DSPIntegrated, SchemaType.
-  const char* schemas[][5] = {{"qor", "net", "dsp0", "1", "0"},   {"qor", "net", "dsp2", "1", "2"},
-                              {"qor", "net", "type1", "1", "1"},  {"qor", "net", "nodsp", "0", "0"}};
-  for (const auto& s : schemas) {
+  // Key, DSPIntegrated, SchemaType.
+  for (const auto& s : {std::vector<std::string>{"dsp0", "1", "0"}, {"dsp2", "1", "2"}, {"type1", "1", "1"},
+                        {"nodsp", "0", "0"}}) {
     Sql("INSERT INTO ss.ConfigSchema (Component, ConfigGroup, Name, SchemaId, Version, SchemaJson, DSPIntegrated, "
-        "SchemaType) VALUES (?, ?, ?, 'kit-1', '1.0', '{}', ?, ?)",
-        {s[0], s[1], s[2], s[3], s[4]});
+        "SchemaType) VALUES ('qor', 'net', ?, 'kit-1', '1.0', '{}', ?, ?)",
+        s);
   }
+  // Another group's key of the same name is no failure of this one.
+  Sql("INSERT INTO ss.ConfigSchema (Component, ConfigGroup, Name, SchemaId, Version, SchemaJson, DSPIntegrated, "
+      "SchemaType) VALUES ('qor', 'other', 'skip', 'kit-1', '1.0', '{}', 1, 0)");
   ASSERT_EQ(DBStore::DetachSchemaStore(conn_), 0);
-  // Key, identifier, Success, user value (empty text stands for NULL).
-  const char* rows[][4] = {{"dsp0", "a", "0", "{}"}, {"dsp0", "b", "1", "{}"}, {"dsp2", "", "0", "{}"},
-                           {"type1", "", "0", "{}"}, {"nodsp", "", "0", "{}"}, {"dsp0", "c", "0", ""}};
-  for (const auto& r : rows) {
-    Sql(std::string("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, Success, UserValue) VALUES "
-                    "('qor', 'net', ?, ?, ?, ") +
-            (r[3][0] ? "?)" : "NULL)"),
-        r[3][0] ? std::vector<std::string>{r[0], r[1], r[2], r[3]} : std::vector<std::string>{r[0], r[1], r[2]});
+  // Key, identifier, Success; the last row has no user value.
+  for (const auto& r : {std::vector<std::string>{"dsp0", "a", "0"}, {"dsp0", "b", "1"}, {"dsp2", "", "0"},
+                        {"type1", "", "0"}, {"nodsp", "", "0"}, {"skip", "", "0"}}) {
+    Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, Success, UserValue) VALUES "
+        "('qor', 'net', ?, ?, ?, '{}')",
+        r);
   }
+  Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, Success) VALUES ('qor', 'net', 'dsp0', 'c', 0)");
   std::vector<std::string> keys;
-  for (const auto& f : GetBootTimeRestoreFailures()) {
-    EXPECT_EQ(f.Component, "qor");
-    EXPECT_EQ(f.ConfigGroup, "net");
-    keys.push_back(f.Name);
-  }
-  EXPECT_THAT(keys, testing::UnorderedElementsAre("dsp0", "dsp2"));
-  // The schema store is detached again: a second call can attach it.
-  EXPECT_EQ(GetBootTimeRestoreFailures().size(), 2u);
-}
-
-TEST_F(BootApplyRecordTest, RestoreFailuresReportStoreFaults) {
-  DBStore::faults::Arm(DBStore::faults::Kind::Attach, 1, false);
-  try {
-    GetBootTimeRestoreFailures();
-    ADD_FAILURE() << "no throw";
-  } catch (const ConfigStoreException& e) {
-    EXPECT_STREQ(e.what(), "Failed to attach schema store");
-  }
-  DBStore::faults::Arm(DBStore::faults::Kind::Step, 1, false);
-  try {
-    GetBootTimeRestoreFailures();
-    ADD_FAILURE() << "no throw";
-  } catch (const ConfigStoreException& e) {
-    EXPECT_STREQ(e.what(), "Failed to read from config store.");
-  }
-  DBStore::faults::Disarm();
-  EXPECT_TRUE(GetBootTimeRestoreFailures().empty()) << "the failed call detached the schema store";
+  for (const auto& f : GetBootTimeRestoreFailures()) keys.push_back(f.Component + "/" + f.ConfigGroup + "/" + f.Name);
+  EXPECT_THAT(keys, testing::UnorderedElementsAre("qor/net/dsp0", "qor/net/dsp2"));
+  EXPECT_EQ(GetBootTimeRestoreFailures().size(), 2u) << "the schema store is detached again";
 }
 
 }  // namespace

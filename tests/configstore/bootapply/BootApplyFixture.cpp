@@ -76,18 +76,6 @@ std::string BootApplyTest::ConfigColumn(const std::string& group, const std::str
   return rows.empty() ? "" : rows.front();
 }
 
-std::string BootApplyTest::Snapshot() {
-  std::string all;
-  for (const char* sql : {"SELECT * FROM Config ORDER BY Component, ConfigGroup, Name, Identifier",
-                          "SELECT * FROM DesiredUserConfig ORDER BY Component, ConfigGroup, Name, Identifier, "
-                          "BootAction",
-                          "SELECT * FROM DefaultConfig ORDER BY Component, ConfigGroup, Name, Identifier"}) {
-    for (const std::string& row : Query(sql)) all += row + "\n";
-    all += "--\n";
-  }
-  return all;
-}
-
 void BootApplyTest::Apply(const std::function<void(const DBStore::Connection&)>& routine) {
   DBStore::Transaction tx(conn_);
   ASSERT_EQ(tx.Begin(), 0);

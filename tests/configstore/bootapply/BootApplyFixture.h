@@ -72,9 +72,6 @@ class BootApplyTest : public cstest::SandboxTest {
   // One column of one Config row ("NULL" for SQL NULL, "" when the row is missing).
   std::string ConfigColumn(const std::string& group, const std::string& key, const std::string& id,
                            const std::string& column);
-  // Every column of every row of Config, DesiredUserConfig and DefaultConfig.
-  std::string Snapshot();
-
   // As the boot load: the routine inside a transaction that is committed.
   void Apply(const std::function<void(const DBStore::Connection&)>& routine);
   // The routine inside a transaction that is rolled back; the message it threw, or "" when it did not.

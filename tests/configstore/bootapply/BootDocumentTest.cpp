@@ -3,6 +3,7 @@
 
 #include "configstore/boot/BootDocument.h"
 #include "tests/configstore/bootapply/BootApplyFixture.h"
+#include "tests/support/StoreDump.h"
 
 namespace QorConfigStore {
 namespace {
@@ -15,48 +16,40 @@ class BootDocumentTest : public bootapply::BootApplyTest {
   void SetUp() override {
     BootApplyTest::SetUp();
     RegisterSchemas({bootapply::kNuknics, bootapply::kHostname, bootapply::kDns, bootapply::kRules});
-    log_.Clear();
   }
-  void WriteDocument(const std::string& text) { WriteFile(kBootConfigurationDocument, text); }
+  void Run(const std::string& document) {
+    WriteFile(kBootConfigurationDocument, document);
+    log_.Clear();
+    Apply(ProcessBootConfigurationDocument);
+  }
   bool Logged(const std::string& text, int priority = -1) { return log_.Contains(text, priority); }
 };
 
 TEST_F(BootDocumentTest, MissingDocumentDoesNothing) {
   AddConfig("network", "dns", "a", "da");
-  const std::string before = Snapshot();
+  const cstest::StoreDump before = cstest::DumpStores();
   log_.Clear();
   Apply(ProcessBootConfigurationDocument);
-  EXPECT_EQ(Snapshot(), before);
+  EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
   EXPECT_TRUE(log_.Lines().empty());
 }
 
 TEST_F(BootDocumentTest, WritesObjectsAndArraysAndSkipsBadParts) {
-  const std::string components = R"({
-    "qor": {
-      "system": {"hostname": {"name": "esx1"}},
+  const std::string components = R"({"qor": {"system": {"hostname": {"name": "esx1"}},
       "network": {"nuknics": [{"name": "vmk0", "mtu": 1500}, {"name": "vmk1", "mac": "aa:bb", "stats": "s"}],
-                  "dns": {},
-                  "routes": {"a": 1}},
-      "badgroup": 5},
-    "other": "x"})";
+                  "dns": {}, "routes": {"a": 1}},
+      "badgroup": 5}, "other": "x"})";
   for (const std::string& document : {components, R"({"profile": )" + components + "}"}) {
     SCOPED_TRACE(document);
     Sql("DELETE FROM Config");
-    log_.Clear();
-    WriteDocument(document);
-    Apply(ProcessBootConfigurationDocument);
-
+    Run(document);
     // Each instance whole as its user value, vital and cached members included.
-    EXPECT_THAT(ConfigRows(),
-                ElementsAre(R"(network/nuknics/vmk0 {"name":"vmk0","mtu":1500}|NULL|NULL)",
-                            R"(network/nuknics/vmk1 {"name":"vmk1","mac":"aa:bb","stats":"s"}|NULL|NULL)",
-                            R"(system/hostname/ {"name":"esx1"}|NULL|NULL)"));
+    EXPECT_THAT(ConfigRows(), ElementsAre(R"(network/nuknics/vmk0 {"name":"vmk0","mtu":1500}|NULL|NULL)",
+                                          R"(network/nuknics/vmk1 {"name":"vmk1","mac":"aa:bb","stats":"s"}|NULL|NULL)",
+                                          R"(system/hostname/ {"name":"esx1"}|NULL|NULL)"));
     EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk1", "Version || ' ' || Revision"), "1.0 1");
-    EXPECT_EQ(ConfigColumn("system", "hostname", "", "Version || ' ' || Revision"), "2.0 1");
-    EXPECT_THAT(ConfigColumn("system", "hostname", "", "CreationTime"),
-                MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}"));
-
-    EXPECT_TRUE(Logged("Processing boot document " + Path(kBootConfigurationDocument), CSLogger::PRIO_INFO));
+    EXPECT_THAT(ConfigColumn("system", "hostname", "", "Version || ' ' || Revision || ' ' || CreationTime"),
+                MatchesRegex("2.0 1 [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}"));
     EXPECT_TRUE(Logged("qor/network/dns is empty, skipping", CSLogger::PRIO_ERROR));
     EXPECT_TRUE(Logged("Schema not found for qor/network/routes, skipping", CSLogger::PRIO_WARNING));
     EXPECT_TRUE(Logged("/qor/badgroup is invalid, skipping", CSLogger::PRIO_ERROR));
@@ -67,31 +60,23 @@ TEST_F(BootDocumentTest, WritesObjectsAndArraysAndSkipsBadParts) {
 
 TEST_F(BootDocumentTest, EmptyInvalidAndMisshapenValuesWriteNothing) {
   const char* cases[][2] = {
-      // Empty values, with or without profile, are skipped before any schema is looked up.
+      // Empty values are skipped before any schema is looked up.
       {R"({"profile":{"c":{"g":{"k":{}}}}})", "c/g/k is empty, skipping"},
-      {R"({"c":{"g":{"k":{}}}})", "c/g/k is empty, skipping"},
       {R"({"c":{"g":{"k":[]}}})", "c/g/k is empty, skipping"},
       {R"({"c":{"g":{"k":null}}})", "c/g/k is empty, skipping"},
       // An invalid value skips its whole key.
-      {R"({"qor": {"network": {"nuknics": {"name": "vmk0", "mtu": 100}}}})",
-       "Validation failed for qor/network/nuknics, skipping"},
       {R"({"qor": {"network": {"nuknics": [{"name": "vmk0"}, {"mtu": 1500}]}}})",
        "Validation failed for qor/network/nuknics, skipping"},
       {R"({"qor": {"network": {"nuknics": [{"name": "vmk0"}, "DELETE_DEFAULT"]}}})",
        "Validation failed for qor/network/nuknics, skipping"},
-      {R"({"qor": {"network": {"nuknics": "DELETE"}}})", "Validation failed for qor/network/nuknics, skipping"},
-      {R"({"qor": {"network": {"nuknics": 7}}})", "Validation failed for qor/network/nuknics, skipping"},
       {R"({"qor": {"system": {"hostname": [{"name": "a"}]}}})", "Validation failed for qor/system/hostname, skipping"},
       // A document that is no object ends the run early.
       {"[1, 2]", "Failed to process, document should be an object"},
-      {"null", "Failed to process, document should be an object"},
       {R"({"profile": ["qor"]})", "Failed to process, \"profile\" should be an object"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c[0]);
-    log_.Clear();
-    WriteDocument(c[0]);
-    Apply(ProcessBootConfigurationDocument);
+    Run(c[0]);
     EXPECT_TRUE(ConfigRows().empty());
     EXPECT_TRUE(Logged(c[1], CSLogger::PRIO_ERROR));
     EXPECT_FALSE(Logged("Schema not found"));
@@ -99,62 +84,44 @@ TEST_F(BootDocumentTest, EmptyInvalidAndMisshapenValuesWriteNothing) {
   }
 }
 
-TEST_F(BootDocumentTest, RewriteKeepsCreationTimeAndStoredPartsAndRaisesRevision) {
+// A rewritten object keeps its creation time and stored parts and raises its revision; a new one
+// takes nothing from the rows of other instances.
+TEST_F(BootDocumentTest, RewriteKeepsTheObjectsOwnStoredParts) {
   AddConfig("network", "nuknics", "vmk0", "old", "v0", "c0");
   Sql("UPDATE Config SET AutoConfValue = 'auto'");
-  WriteDocument(R"({"qor": {"network": {"nuknics": {"name": "vmk0", "mac": "cc:dd"}}}})");
-  Apply(ProcessBootConfigurationDocument);
-  EXPECT_THAT(ConfigRows(), ElementsAre(R"(network/nuknics/vmk0 {"name":"vmk0","mac":"cc:dd"}|v0|c0)"));
-  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk0", "CreationTime || ' ' || Revision || ' ' || Version"),
-            "2001-02-03 04:05:06 8 1.0");
-  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk0", "AutoConfValue"), "auto");
-
-  // A new instance, written twice: revision 1, then 2, with its first creation time.
-  WriteDocument(R"({"qor": {"network": {"nuknics": [{"name": "vmk5"}]}}})");
-  Apply(ProcessBootConfigurationDocument);
-  const std::string created = ConfigColumn("network", "nuknics", "vmk5", "CreationTime");
-  Sql("UPDATE Config SET CreationTime = '1999-01-01 00:00:00' WHERE Identifier = 'vmk5'");
-  Apply(ProcessBootConfigurationDocument);
-  EXPECT_NE(created, "NULL");
-  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk5", "CreationTime || ' ' || Revision"), "1999-01-01 00:00:00 2");
+  Run(R"({"qor": {"network": {"nuknics": [{"name": "vmk0", "mac": "cc:dd"}, {"name": "vmk5"}]}}})");
+  EXPECT_THAT(ConfigRows(), ElementsAre(R"(network/nuknics/vmk0 {"name":"vmk0","mac":"cc:dd"}|v0|c0)",
+                                        R"(network/nuknics/vmk5 {"name":"vmk5"}|NULL|NULL)"));
+  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk0", "CreationTime || ' ' || Revision || ' ' || AutoConfValue"),
+            "2001-02-03 04:05:06 8 auto");
+  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk5", "Revision || ' ' || COALESCE(AutoConfValue, 'NULL')"),
+            "1 NULL");
 }
 
 TEST_F(BootDocumentTest, DeleteDefaultRemovesEveryInstanceOfTheKey) {
   AddConfig("network", "dns", "a", "da");
   AddConfig("network", "dns", "b", bootapply::kNull);
   AddConfig("network", "nuknics", "vmk0", "u0");
-  WriteDocument(R"({"profile": {"qor": {"network": {"dns": "DELETE_DEFAULT"}}}})");
-  Apply(ProcessBootConfigurationDocument);
+  Run(R"({"profile": {"qor": {"network": {"dns": "DELETE_DEFAULT"}}}})");
   EXPECT_THAT(ConfigRows(), ElementsAre("network/nuknics/vmk0 u0|NULL|NULL"));
   EXPECT_TRUE(Logged("Default configuration for qor/network/dns will be deleted.", CSLogger::PRIO_INFO));
 }
 
 TEST_F(BootDocumentTest, GeneratedInstanceIdsAreFilledIn) {
-  WriteDocument(R"({"qor": {"firewall": {"rules": [{"port": 22}, {"port": 80}]}}})");
-  Apply(ProcessBootConfigurationDocument);
-  std::vector<std::string> rows = Query("SELECT Identifier, UserValue FROM Config ORDER BY UserValue");
-  ASSERT_EQ(rows.size(), 2u);
-  for (size_t i = 0; i < rows.size(); ++i) {
-    const std::string id = rows[i].substr(0, rows[i].find('|'));
-    EXPECT_THAT(id, MatchesRegex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"));
-    EXPECT_EQ(rows[i].substr(id.size() + 1),
-              std::string(R"({"port":)") + (i == 0 ? "22" : "80") + R"(,"cs_generated_id":")" + id + "\"}");
-  }
+  Run(R"({"qor": {"firewall": {"rules": [{"port": 22}, {"port": 80}]}}})");
+  const std::string uuid = "[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}";
+  EXPECT_THAT(Query("SELECT Identifier = json_extract(UserValue, '$.cs_generated_id'), UserValue FROM Config "
+                    "ORDER BY UserValue"),
+              ElementsAre(MatchesRegex(R"(1\|\{"port":22,"cs_generated_id":")" + uuid + "\"}"),
+                          MatchesRegex(R"(1\|\{"port":80,"cs_generated_id":")" + uuid + "\"}")));
 }
 
 TEST_F(BootDocumentTest, UnreadableDocumentFailsWith1081) {
   for (const char* text : {"", "{", R"({"qor": {},})", "{\"a\": 1} trailing"}) {
     SCOPED_TRACE(text);
-    WriteDocument(text);
-    ASSERT_EQ(DBStore::BeginTransaction(conn_), 0);
-    try {
-      ProcessBootConfigurationDocument(conn_);
-      ADD_FAILURE() << "no throw";
-    } catch (const InvalidArgumentException& e) {
-      EXPECT_EQ(e.code(), 1081);
-      EXPECT_THAT(e.what(), testing::HasSubstr(Path(kBootConfigurationDocument)));
-    }
-    ASSERT_EQ(DBStore::CancelTransaction(conn_), 0);
+    WriteFile(kBootConfigurationDocument, text);
+    EXPECT_THAT(cstest::Thrown([&] { ProcessBootConfigurationDocument(conn_); }),
+                testing::AllOf(testing::StartsWith("1081 "), testing::HasSubstr(Path(kBootConfigurationDocument))));
   }
 }
 
@@ -171,7 +138,7 @@ TEST_F(BootDocumentTest, StoreFailuresFailTheRunWithTheirMessage) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c[0]);
-    WriteDocument(c[0]);
+    WriteFile(kBootConfigurationDocument, c[0]);
     int steps = 0;
     EXPECT_EQ(ApplyAndCancel([&](const DBStore::Connection& conn) {
                 DBStore::faults::ResetCounts();
@@ -179,7 +146,6 @@ TEST_F(BootDocumentTest, StoreFailuresFailTheRunWithTheirMessage) {
                 steps = DBStore::faults::Calls(DBStore::faults::Kind::Step);
               }),
               "");
-    ASSERT_GT(steps, 0);
     EXPECT_EQ(ApplyAndCancel([&](const DBStore::Connection& conn) {
                 DBStore::faults::Arm(DBStore::faults::Kind::Step, steps, false);
                 ProcessBootConfigurationDocument(conn);

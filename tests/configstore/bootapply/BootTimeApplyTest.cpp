@@ -5,6 +5,7 @@
 
 #include "configstore/boot/BootTimeApply.h"
 #include "tests/configstore/bootapply/BootApplyFixture.h"
+#include "tests/support/StoreDump.h"
 
 namespace QorConfigStore {
 namespace {
@@ -95,8 +96,6 @@ TEST_F(BootTimeApplyTest, HostApiAppliesEachActionKind) {
   EXPECT_EQ(ConfigColumn("network", "dns", "b", "DesiredValue"), "NULL");
   EXPECT_EQ(ConfigColumn("system", "hostname", "", "DesiredValue"), "staged");
   EXPECT_EQ(Query("SELECT COUNT(*) FROM DesiredUserConfig"), std::vector<std::string>{"5"});
-  EXPECT_TRUE(log_.Contains("Setting up hostapi configuration.", CSLogger::PRIO_INFO));
-  EXPECT_TRUE(log_.Contains("Setting up hostapi configuration completed.", CSLogger::PRIO_INFO));
 }
 
 TEST_F(BootTimeApplyTest, SmartnicReplacesSharedObjectsOnly) {
@@ -110,16 +109,14 @@ TEST_F(BootTimeApplyTest, SmartnicReplacesSharedObjectsOnly) {
                                         "system/hostname/ h|NULL|NULL"));   // shared singleton kept
   EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk1", "CreationTime || ' ' || Revision"), "2001-02-03 04:05:06 7");
   EXPECT_EQ(Query("SELECT COUNT(*) FROM DesiredUserConfig"), std::vector<std::string>{"4"});
-  EXPECT_TRUE(log_.Contains("Setting up smartnic boot configuration.", CSLogger::PRIO_INFO));
-  EXPECT_TRUE(log_.Contains("Smartnic boot configuration completed.", CSLogger::PRIO_INFO));
 }
 
 TEST_F(BootTimeApplyTest, SmartnicSetOverAnExistingUnsharedObjectFails) {
   SmartnicScenario();
   AddDesired("logging", "syslog", "s1", "S1", "SET");
-  const std::string before = Snapshot();
+  const cstest::StoreDump before = cstest::DumpStores();
   EXPECT_EQ(ApplyAndCancel(ApplySmartnicBootConfiguration), "Failed to process BootAction=SET for new configs");
-  EXPECT_EQ(Snapshot(), before);
+  EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
 }
 
 TEST_F(BootTimeApplyTest, GenerationReplacesDesiredStateUserConfiguration) {
@@ -140,32 +137,6 @@ TEST_F(BootTimeApplyTest, GenerationReplacesDesiredStateUserConfiguration) {
             "2001-02-03 04:05:06 7 NULL");
   EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk0", "DesiredValue"), "staged") << "preserved rows are not touched";
   EXPECT_TRUE(Query("SELECT * FROM DesiredUserConfig").empty());
-  EXPECT_TRUE(log_.Contains("Boot with new desired configuration.", CSLogger::PRIO_INFO));
-  EXPECT_TRUE(log_.Contains("Delete existing user configuration query = UPDATE Config SET UserValue",
-                            CSLogger::PRIO_INFO));
-}
-
-TEST_F(BootTimeApplyTest, GenerationWithNothingStagedAndNothingPreserved) {
-  RegisterSchemas({bootapply::kHostname, bootapply::kUserAccounts, bootapply::kSyslog});
-  AddConfig("system", "hostname", "", "h");
-  AddConfig("authentication", "user_accounts", "root", "r");
-  AddConfig("authentication", "user_accounts", "svc-zpl-agent", "sv");
-  AddConfig("logging", "syslog", "s1", "s1");
-  Apply(GenerateDesiredUserConfiguration);
-
-  EXPECT_THAT(ConfigRows(), ElementsAre("authentication/user_accounts/svc-zpl-agent sv|NULL|NULL",
-                                        "logging/syslog/s1 s1|NULL|NULL"));
-}
-
-TEST_F(BootTimeApplyTest, GenerationMergesARowWithoutIdentifierIntoEveryInstance) {
-  RegisterSchemas({bootapply::kSyslog});
-  AddConfig("logging", "syslog", "s1", "s1", "v1");
-  AddConfig("logging", "syslog", "s2", "s2", "v2");
-  AddDesired("logging", "syslog", kNull, "ALL", "DELETE", kNull, "C");
-  Apply(GenerateDesiredUserConfiguration);
-
-  // Config's identifier is NOT NULL, so the staged row adds no row of its own.
-  EXPECT_THAT(ConfigRows(), ElementsAre("logging/syslog/s1 ALL|v1|C", "logging/syslog/s2 ALL|v2|C"));
 }
 
 // Four values per preserved object would pass SQLite's limit of bound values past 8,191 objects.
@@ -194,57 +165,48 @@ TEST_F(BootTimeApplyTest, PreservedObjectsComeFromInstancedKeysWithOwnIds) {
                                "comp qor grp network key nuknics id vmk0", "comp qor grp network key nuknics id vmk9"));
 
   Sql("UPDATE ss.ConfigSchema SET PreservedInstanceIds = '[' WHERE Name = 'k'");
-  try {
-    ListPreservedUserObjects(conn_);
-    ADD_FAILURE() << "no throw";
-  } catch (const ConfigStoreException& e) {
-    EXPECT_EQ(e.code(), 2000);
-    EXPECT_STREQ(e.what(), "Failed to read preserved instance ids");
-  }
+  EXPECT_EQ(cstest::Thrown([&] { ListPreservedUserObjects(conn_); }), "2000 Failed to read preserved instance ids");
 }
-
-struct FaultCase {
-  const char* routine;
-  DBStore::faults::Kind kind;
-  int nth;
-  const char* message;
-};
 
 // Each statement failing in turn throws its message. What the rollback leaves at every fault point
 // is swept in tests/reliability/sweeps.
 TEST_F(BootTimeApplyTest, EachFailingStatementThrowsItsMessage) {
   using K = DBStore::faults::Kind;
-  const FaultCase cases[] = {
-      {"hostapi", K::Step, 1, "Failed to mark configurations with BootAction=DELETE_INSTANCE for deletion"},
-      {"hostapi", K::Step, 2, "Failed to mark configurations for deletion"},
-      {"hostapi", K::Step, 3, "Failed to process BootAction=SET for new configs"},
-      {"hostapi", K::Step, 4, "Failed to process BootAction=SET to update existing configs"},
-      {"hostapi", K::Prepare, 5, "Failed to process BootAction=DELETE"},
-      {"hostapi", K::Prepare, 6, "Failed to process BootAction=SET_DEFAULT for deleted configs"},
-      {"smartnic", K::Prepare, 1, "Failed to process BootAction=DELETE"},
-      {"smartnic", K::Step, 2, "Failed to process BootAction=SET_DEFAULT"},
-      {"smartnic", K::Step, 3, "Failed to process BootAction=SET for new configs"},
-      {"smartnic", K::Step, 4, "Failed to process BootAction=SET for existing configs"},
-      {"smartnic", K::Step, 5, "Failed to process BootAction=SET for non-existing configs"},
-      {"generation", K::Prepare, 1, "Failed to read preserved instance ids"},
-      {"generation", K::Prepare, 2, "Failed to mark user configuration for delete"},
-      {"generation", K::Prepare, 3, "Failed to mark user configuration for delete"},
-      {"generation", K::Prepare, 4, "Failed to mark user configuration for delete"},
-      {"generation", K::Prepare, 5, "Failed to insert desired configuration to config table"},
-      {"generation", K::Prepare, 6, "Failed to update config table"},
-      {"generation", K::Prepare, 7, "Failed to cleanup desired configuration"},
-      {"generation", K::Prepare, 8, "Failed to cleanup previous user configuration"},
+  const Routine host = ApplyHostApiBootConfiguration, nic = ApplySmartnicBootConfiguration,
+                gen = GenerateDesiredUserConfiguration;
+  const struct {
+    Routine routine;
+    K kind;
+    int nth;
+    const char* message;
+  } cases[] = {
+      {host, K::Step, 1, "Failed to mark configurations with BootAction=DELETE_INSTANCE for deletion"},
+      {host, K::Step, 2, "Failed to mark configurations for deletion"},
+      {host, K::Step, 3, "Failed to process BootAction=SET for new configs"},
+      {host, K::Step, 4, "Failed to process BootAction=SET to update existing configs"},
+      {host, K::Prepare, 5, "Failed to process BootAction=DELETE"},
+      {host, K::Prepare, 6, "Failed to process BootAction=SET_DEFAULT for deleted configs"},
+      {nic, K::Prepare, 1, "Failed to process BootAction=DELETE"},
+      {nic, K::Step, 2, "Failed to process BootAction=SET_DEFAULT"},
+      {nic, K::Step, 3, "Failed to process BootAction=SET for new configs"},
+      {nic, K::Step, 4, "Failed to process BootAction=SET for existing configs"},
+      {nic, K::Step, 5, "Failed to process BootAction=SET for non-existing configs"},
+      {gen, K::Prepare, 1, "Failed to read preserved instance ids"},
+      {gen, K::Prepare, 2, "Failed to mark user configuration for delete"},
+      {gen, K::Prepare, 3, "Failed to mark user configuration for delete"},
+      {gen, K::Prepare, 4, "Failed to mark user configuration for delete"},
+      {gen, K::Prepare, 5, "Failed to insert desired configuration to config table"},
+      {gen, K::Prepare, 6, "Failed to update config table"},
+      {gen, K::Prepare, 7, "Failed to cleanup desired configuration"},
+      {gen, K::Prepare, 8, "Failed to cleanup previous user configuration"},
   };
   HostApiScenario();
   RegisterSchemas({bootapply::kNuknics, bootapply::kHostname, bootapply::kDns, bootapply::kSyslog});
-  for (const FaultCase& c : cases) {
-    SCOPED_TRACE(std::string(c.routine) + " call " + std::to_string(c.nth));
-    Routine routine = std::string(c.routine) == "hostapi"    ? ApplyHostApiBootConfiguration
-                      : std::string(c.routine) == "smartnic" ? ApplySmartnicBootConfiguration
-                                                             : GenerateDesiredUserConfiguration;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.message) + ", call " + std::to_string(c.nth));
     EXPECT_EQ(ApplyAndCancel([&](const DBStore::Connection& conn) {
                 DBStore::faults::Arm(c.kind, c.nth, false);
-                routine(conn);
+                c.routine(conn);
               }),
               c.message);
   }

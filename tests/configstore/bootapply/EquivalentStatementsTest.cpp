@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <random>
 
 #include "configstore/maintenance/RowSetSql.h"
@@ -18,92 +19,70 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class Generator {
- public:
-  explicit Generator(unsigned seed) : rng_(seed), nullable_(seed % 2 == 1) {}
-
-  // Store tables in the main file, schema tables in `schemaPath`.
-  void Write(const std::string& path, const std::string& schemaPath) {
-    Exec(path, "PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF;" + Ddl(std::string(DBStore::SchemaSql(DBStore::CONFIG_STORE)) +
-                   DBStore::SchemaSql(DBStore::DATAFILE_STORE)) + Rows(kStoreTables));
-    Exec(schemaPath, "PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF;" + Ddl(DBStore::SchemaStoreSql()) + Rows(kSchemaTables));
-  }
-
- private:
-  struct Table {
-    const char* name;
-    std::vector<const char*> columns;
-  };
-  inline static const std::vector<Table> kStoreTables = {
-      {"Config", {"Component", "ConfigGroup", "Name", "Identifier", "UserValue", "VitalValue", "CachedValue",
-                  "DesiredValue"}},
-      {"DesiredUserConfig", {"Component", "ConfigGroup", "Name", "Identifier", "BootAction", "Value", "VitalValue",
-                             "CachedValue"}},
-      {"DataFileMetadata", {"Component", "KEY", "DirName", "FileName"}},
-  };
-  inline static const std::vector<Table> kSchemaTables = {
-      {"ConfigSchema", {"Component", "ConfigGroup", "Name", "PreserveNonUser", "DSPIntegrated", "Singleton",
-                        "InstanceIdName", "PreservedInstanceIds"}},
-      {"SmartnicSchema", {"Component", "ConfigGroup", "Name", "ValueType"}},
-      {"DataFileSchema", {"Component", "KEY"}},
-  };
-
-  std::string Ddl(std::string sql) {
-    for (size_t at; nullable_ && (at = sql.find(" NOT NULL")) != std::string::npos;) sql.erase(at, 9);
-    return sql;
-  }
-
-  std::string Pick(std::initializer_list<const char*> values) {
-    auto it = values.begin() + std::uniform_int_distribution<size_t>(0, values.size() - 1)(rng_);
-    return *it;
-  }
-
-  // A literal for one column: few distinct values so that rows collide; NULL and '' often.
-  std::string Value(const std::string& column) {
-    if (std::bernoulli_distribution(nullable_ ? 0.1 : 0)(rng_)) return "NULL";
-    if (column == "Component") return Pick({"'qor'", "'qor'", "'x'"});
-    if (column == "ConfigGroup") return Pick({"'g'", "'authentication'"});
-    if (column == "Name" || column == "KEY") return Pick({"'k'", "'user_accounts'", "'m'"});
-    if (column == "Identifier") return Pick({"''", "'a'", "'b'", "'svc-zpl-1'", "NULL"});
-    if (column == "BootAction") return Pick({"'SET'", "'SET'", "'DELETE'", "'SET_DEFAULT'", "'DELETE_INSTANCE'", "NULL"});
-    if (column == "ValueType") return Pick({"'qor-shared'", "'qor-shared'", "'other'"});
-    if (column == "InstanceIdName") return Pick({"'id'", "'id'", "''", "NULL", "'cs_generated_id'"});
-    if (column == "PreservedInstanceIds") {
-      return Pick({"NULL", "'[]'", "'[\"a\"]'", "'[\"a\",\"b\",\"a\"]'", "'[\"svc-zpl-1\",5]'", "'[\"\"]'"});
-    }
-    if (column == "DirName" || column == "FileName") return Pick({"'d1'", "'d2'"});
-    if (column == "PreserveNonUser" || column == "DSPIntegrated" || column == "Singleton") return Pick({"0", "1"});
-    return Pick({"NULL", "'v1'", "'v2'", "'mark for deletion'"});
-  }
-
-  std::string Rows(const std::vector<Table>& tables) {
-    std::string sql;
-    for (const Table& table : tables) {
-      const int count = std::uniform_int_distribution<int>(0, 3)(rng_) == 0 ? 0 : 12;  // empty sets too
-      for (int r = 0; r < count; ++r) {
-        std::string names, values;
-        for (const char* column : table.columns) {
-          names += std::string(names.empty() ? "" : ", ") + column;
-          values += (values.empty() ? "" : ", ") + Value(column);
-        }
-        sql += "INSERT OR IGNORE INTO " + std::string(table.name) + " (" + names + ") VALUES (" + values + ");\n";
-      }
-    }
-    return sql;
-  }
-
-  static void Exec(const std::string& path, const std::string& sql) {
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-    char* error = nullptr;
-    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error), SQLITE_OK) << (error ? error : "") << sql;
-    sqlite3_free(error);
-    sqlite3_close(db);
-  }
-
-  std::mt19937 rng_;
-  bool nullable_;
+// Few distinct values per column so that rows collide; NULL and '' often. A column not listed
+// takes a value of the last entry.
+const std::map<std::string, std::vector<const char*>> kValues = {
+    {"Component", {"'qor'", "'qor'", "'x'"}},
+    {"ConfigGroup", {"'g'", "'authentication'"}},
+    {"Name", {"'k'", "'user_accounts'", "'m'"}},
+    {"KEY", {"'k'", "'user_accounts'", "'m'"}},
+    {"Identifier", {"''", "'a'", "'b'", "'svc-zpl-1'", "NULL"}},
+    {"BootAction", {"'SET'", "'SET'", "'DELETE'", "'SET_DEFAULT'", "'DELETE_INSTANCE'", "NULL"}},
+    {"ValueType", {"'qor-shared'", "'qor-shared'", "'other'"}},
+    {"InstanceIdName", {"'id'", "'id'", "''", "NULL", "'cs_generated_id'"}},
+    {"PreservedInstanceIds", {"NULL", "'[]'", "'[\"a\"]'", "'[\"a\",\"b\",\"a\"]'", "'[\"svc-zpl-1\",5]'", "'[\"\"]'"}},
+    {"DirName", {"'d1'", "'d2'"}},
+    {"FileName", {"'d1'", "'d2'"}},
+    {"PreserveNonUser", {"0", "1"}},
+    {"DSPIntegrated", {"0", "1"}},
+    {"Singleton", {"0", "1"}},
+    {"", {"NULL", "'v1'", "'v2'", "'mark for deletion'"}},
 };
+using Tables = std::vector<std::pair<const char*, std::vector<const char*>>>;
+const Tables kStoreTables = {
+    {"Config", {"Component", "ConfigGroup", "Name", "Identifier", "UserValue", "VitalValue", "CachedValue",
+                "DesiredValue"}},
+    {"DesiredUserConfig", {"Component", "ConfigGroup", "Name", "Identifier", "BootAction", "Value", "VitalValue",
+                           "CachedValue"}},
+    {"DataFileMetadata", {"Component", "KEY", "DirName", "FileName"}},
+};
+const Tables kSchemaTables = {
+    {"ConfigSchema", {"Component", "ConfigGroup", "Name", "PreserveNonUser", "DSPIntegrated", "Singleton",
+                      "InstanceIdName", "PreservedInstanceIds"}},
+    {"SmartnicSchema", {"Component", "ConfigGroup", "Name", "ValueType"}},
+    {"DataFileSchema", {"Component", "KEY"}},
+};
+
+void Exec(const std::string& path, const std::string& sql) {
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  char* error = nullptr;
+  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error), SQLITE_OK) << (error ? error : "") << sql;
+  sqlite3_free(error);
+  sqlite3_close(db);
+}
+
+// The tables with generated rows; odd seeds drop NOT NULL from the layout and add NULL key columns.
+std::string Generate(std::mt19937& rng, bool nullable, std::string ddl, const Tables& tables) {
+  for (size_t at; nullable && (at = ddl.find(" NOT NULL")) != std::string::npos;) ddl.erase(at, 9);
+  std::string sql = "PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF;" + ddl;
+  for (const auto& [table, columns] : tables) {
+    const int count = std::uniform_int_distribution<int>(0, 3)(rng) == 0 ? 0 : 12;  // empty sets too
+    for (int r = 0; r < count; ++r) {
+      std::string names, values;
+      for (const char* column : columns) {
+        auto found = kValues.find(column);
+        const auto& pick = (found != kValues.end() ? found : kValues.find(""))->second;
+        const bool null = std::bernoulli_distribution(nullable ? 0.1 : 0)(rng);
+        names += std::string(names.empty() ? "" : ", ") + column;
+        values += std::string(values.empty() ? "" : ", ") +
+                  (null ? "NULL" : pick[std::uniform_int_distribution<size_t>(0, pick.size() - 1)(rng)]);
+      }
+      sql += "INSERT OR IGNORE INTO " + std::string(table) + " (" + names + ") VALUES (" + values + ");\n";
+    }
+  }
+  return sql;
+}
 
 struct Outcome {
   int rc;
@@ -121,9 +100,8 @@ class EquivalentStatementsTest : public cstest::SandboxTest {
     {
       auto conn = std::make_shared<DBStore::StoreConnection>();
       EXPECT_EQ(sqlite3_open(store.c_str(), &conn->db), SQLITE_OK);
-      EXPECT_EQ(sqlite3_exec(conn->db, ("PRAGMA synchronous=OFF; ATTACH DATABASE '" + schema + "' AS ss; PRAGMA ss.synchronous=OFF; BEGIN").c_str(), nullptr, nullptr,
-                             nullptr),
-                SQLITE_OK);
+      const std::string attach = "PRAGMA synchronous=OFF; ATTACH DATABASE '" + schema + "' AS ss; BEGIN";
+      EXPECT_EQ(sqlite3_exec(conn->db, attach.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
       conn->schemaStoreAttached = true;
       outcome.rc = run(conn, outcome.rows);
       EXPECT_EQ(sqlite3_exec(conn->db, "COMMIT", nullptr, nullptr, nullptr), SQLITE_OK);
@@ -140,7 +118,12 @@ TEST_F(EquivalentStatementsTest, RewrittenFormsMatchTheirReferenceOnGeneratedSto
   for (EquivalentStatement& s : CleanupEquivalentStatements()) statements.push_back(std::move(s));
   int changed = 0;
   for (unsigned seed = 1; seed <= 60; ++seed) {
-    Generator(seed).Write(root_ + "/gen.db", root_ + "/gen-ss.db");
+    std::mt19937 rng(seed);
+    Exec(root_ + "/gen.db", Generate(rng, seed % 2 == 1,
+                                     std::string(DBStore::SchemaSql(DBStore::CONFIG_STORE)) +
+                                         DBStore::SchemaSql(DBStore::DATAFILE_STORE),
+                                     kStoreTables));
+    Exec(root_ + "/gen-ss.db", Generate(rng, seed % 2 == 1, DBStore::SchemaStoreSql(), kSchemaTables));
     const cstest::StoreDump generated = cstest::DumpStoreFile(root_ + "/gen.db", "store");
     for (const EquivalentStatement& s : statements) {
       SCOPED_TRACE(std::string(s.name) + ", seed " + std::to_string(seed));

@@ -55,8 +55,6 @@ TEST_F(DefaultConfigTest, ValidInstancesAreSplitAndWritten) {
                                R"(qor/network/nics|nuk0|{"name":"nuk0","mtu":1500}|{"name":"nuk0","mac":"aa"}|{"name":"nuk0","speed":10}|2.0)",
                                R"(qor/network/nics|nuk1|{"name":"nuk1"}|||2.0)",
                            }));
-  EXPECT_TRUE(Logged("Processing default configuration.", 2));
-  EXPECT_TRUE(Logged("Processing default config from 'base.json'", 2));
   EXPECT_TRUE(Logged("Completed processing default configuration: success.", 2));
   EXPECT_FALSE(Exists("/var/run/talvex/files/errors-base.json"));
 }
@@ -71,10 +69,6 @@ TEST_F(DefaultConfigTest, InvalidInstancesAndUnknownKeysGoToTheErrorFile) {
   EXPECT_EQ(ErrorFile("base.json"),
             R"([{"key":"nics","errors":[{"field":"/mtu","error":"must be at least 1280, got 100"}]},)"
             R"({"key":"nokey","errors":[{"error":"Schema not found"}]}])");
-  const std::string errorPath = Path("/var/run/talvex/files/errors-base.json");
-  EXPECT_TRUE(Logged("Validation failed for key: nics", 0));
-  EXPECT_TRUE(Logged("Validation failed for key: nokey", 0));
-  EXPECT_TRUE(Logged("Creating default config error file " + errorPath, 0));
   EXPECT_TRUE(Logged("Default configuration failed 'base.json'", 0));
   EXPECT_TRUE(Logged("Completed processing default configuration: failure.", 2));
 }
@@ -98,15 +92,10 @@ TEST_F(DefaultConfigTest, DpuTakesQorioConfigWhereThereIsOne) {
   WriteBase(R"({"component": "qor", "group": "network", "key": "nics", "config": [{"name": "nuk0"}],
                 "qorio_config": [{"name": "nuk5"}, {"name": "nuk6"}]},)" +
             Defaults("dns", R"({"domain": "both"})"));
-  struct Case {
-    bool qorio;
-    Strings nics;
-  };
-  for (const Case& c : {Case{false, {"nuk0"}}, Case{true, {"nuk5", "nuk6"}}}) {
-    SCOPED_TRACE(c.qorio ? "dpu" : "host");
-    EXPECT_TRUE(ProcessDefaultConfiguration(c.qorio));
-    EXPECT_EQ(Query("SELECT Identifier FROM DefaultConfig WHERE Name = 'nics' ORDER BY Identifier"), c.nics);
-    EXPECT_EQ(Query("SELECT Value FROM DefaultConfig WHERE Name = 'dns'"), Strings{R"({"domain":"both"})"});
+  for (bool qorio : {false, true}) {
+    EXPECT_TRUE(ProcessDefaultConfiguration(qorio));
+    EXPECT_EQ(Query("SELECT Identifier FROM DefaultConfig ORDER BY Identifier"),
+              (qorio ? Strings{"", "nuk5", "nuk6"} : Strings{"", "nuk0"}));
   }
 }
 
@@ -115,27 +104,20 @@ TEST_F(DefaultConfigTest, OnlyTheNewestFileOfAPackageIsReadWithVersioning) {
   WriteDefaultFile("base-new.json", cstest::kBaseKit, cstest::kBaseVersion, Defaults("nics", R"({"name": "nuk-new"})"));
   EXPECT_TRUE(ProcessDefaultConfiguration(false));
   EXPECT_EQ(Query("SELECT Identifier FROM DefaultConfig"), Strings{"nuk-new"});
-  EXPECT_FALSE(Logged("Processing default config from 'base-old.json'", 2));
 
   SetSwitches(false, true);
   log_.Clear();
   EXPECT_TRUE(ProcessDefaultConfiguration(false));
   EXPECT_EQ(Query("SELECT Identifier FROM DefaultConfig ORDER BY Identifier"), (Strings{"nuk-new", "nuk-old"}));
-  EXPECT_TRUE(Logged("Processing default config from 'base-old.json'", 2));
-  EXPECT_EQ(log_.Count("Skipping schema file"), 0u);
 }
 
 TEST_F(DefaultConfigTest, GeneratedIdentifiersAreFilledAndKept) {
   WriteBase(Defaults("rules", R"([{"port": 22}, {"port": 80}, {"port": 443, "cs_generated_id": "fixed-id"}])", "firewall"));
   EXPECT_TRUE(ProcessDefaultConfiguration(false));
-  Strings rows = Query("SELECT Identifier || ' ' || Value FROM DefaultConfig ORDER BY json_extract(Value, '$.port')");
-  ASSERT_EQ(rows.size(), 3u);
-  EXPECT_EQ(rows[2], R"(fixed-id {"port":443,"cs_generated_id":"fixed-id"})");
-  std::string first = rows[0].substr(0, rows[0].find(' ')), second = rows[1].substr(0, rows[1].find(' '));
-  EXPECT_EQ(first.size(), 36u);
-  EXPECT_NE(first, second);
-  EXPECT_EQ(rows[0], first + R"( {"port":22,"cs_generated_id":")" + first + R"("})");
-  EXPECT_EQ(rows[1], second + R"( {"port":80,"cs_generated_id":")" + second + R"("})");
+  EXPECT_EQ(Query("SELECT json_extract(Value, '$.port'), length(Identifier), Identifier = json_extract(Value, "
+                  "'$.cs_generated_id') FROM DefaultConfig ORDER BY 1"),
+            (Strings{"22|36|1", "80|36|1", "443|8|1"}));
+  EXPECT_EQ(Query("SELECT COUNT(DISTINCT Identifier) FROM DefaultConfig"), Strings{"3"});
 }
 
 TEST_F(DefaultConfigTest, NoDefaultFilesChangesNothing) {
@@ -169,9 +151,6 @@ TEST_F(DefaultConfigTest, BadDocumentsCancelTheWholeRun) {
   const Case cases[] = {
       {"not JSON", "{\"data\": [", ""},
       {"config missing", "{" + meta + R"(, "data": [{"component": "qor", "group": "network", "key": "dns"}]})", "JSON error:"},
-      {"key not a string", "{" + meta + R"(, "data": [{"component": "qor", "group": "network", "key": 7, "config": {}}]})",
-       "JSON error:"},
-      {"data not an array", "{" + meta + R"(, "data": {}})", "JSON error:"},
       {"element not an object", "{" + meta + R"(, "data": [7]})", "JSON error:"},
       // Valid by the default rules, which accept unknown members, but the split needs every member described.
       {"undescribed member",

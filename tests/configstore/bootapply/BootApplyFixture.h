@@ -9,8 +9,12 @@
 #include <vector>
 
 #include "configstore/frame/CallFrame.h"
+#include "configstore/frame/ConfigStoreException.h"
 #include "platform/dbstore/DBStore.h"
+#include "platform/schemastore/SchemaStore.h"
 #include "tests/support/Sandbox.h"
+#include "tests/support/StoreDump.h"
+#include "tests/support/StoreRows.h"
 
 namespace bootapply {
 
@@ -53,31 +57,96 @@ inline const char* kRules = R"({"component": "qor", "group": "firewall", "key": 
 
 class BootApplyTest : public cstest::SandboxTest {
  protected:
-  void SetUp() override;
-  void TearDown() override;
+  void SetUp() override {
+    SandboxTest::SetUp();
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+    conn_ = QorConfigStore::GetDBConnection(DBStore::CONFIG_STORE, true);
+    ASSERT_EQ(DBStore::AttachSchemaStore(conn_), 0);
+  }
+  void TearDown() override {
+    DBStore::faults::Disarm();
+    conn_.reset();
+    SandboxTest::TearDown();
+  }
 
-  // One registration of the given schema-file elements (compact or not), replacing earlier ones.
-  void RegisterSchemas(const std::vector<std::string>& elements);
+  // One registration of the given schema-file elements, replacing earlier ones.
+  static void RegisterSchemas(const std::vector<std::string>& elements) {
+    auto store = QorSchemaStore::SchemaStore::GetStore(true);
+    store->BeginUpdate();
+    store->ResetSchemas();
+    for (const std::string& text : elements) {
+      rapidjson::Document element;
+      ASSERT_FALSE(element.Parse(text.c_str()).HasParseError()) << text;
+      QorSchemaStore::SetSchema("test-kit-1.0", element["component"].GetString(), element["group"].GetString(),
+                                element["key"].GetString(), text, store, element.HasMember("smartnic"));
+    }
+    store->CommitUpdate();
+  }
 
-  // Runs one statement with its values bound in order; fails the test when it fails.
-  void Sql(const std::string& sql, const std::vector<Text>& values = {});
+  // One statement with its values bound in order.
+  void Sql(const std::string& sql, const std::vector<Text>& values = {}) {
+    ASSERT_EQ(DBStore::Exec(conn_, sql, values), 0) << sql;
+  }
   void AddConfig(const std::string& group, const std::string& key, const std::string& id, const Text& user,
-                 const Text& vital = kNull, const Text& cached = kNull);
+                 const Text& vital = kNull, const Text& cached = kNull) {
+    Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, Version, CreationTime, Revision, UserValue, "
+        "VitalValue, CachedValue, DesiredValue) VALUES ('qor', ?, ?, ?, 'old', '2001-02-03 04:05:06', 7, ?, ?, ?, "
+        "'staged')",
+        {group, key, id, user, vital, cached});
+  }
   void AddDesired(const std::string& group, const std::string& key, const Text& id, const Text& value,
-                  const Text& action, const Text& vital = kNull, const Text& cached = kNull);
-  void AddDefault(const std::string& group, const std::string& key, const std::string& id, const std::string& value);
+                  const Text& action, const Text& vital = kNull, const Text& cached = kNull) {
+    Sql("INSERT INTO DesiredUserConfig (Component, ConfigGroup, Name, Identifier, Version, Value, VitalValue, "
+        "CachedValue, BootAction) VALUES ('qor', ?, ?, ?, 'new', ?, ?, ?, ?)",
+        {group, key, id, value, vital, cached, action});
+  }
+  void AddDefault(const std::string& group, const std::string& key, const std::string& id, const std::string& value) {
+    Sql("INSERT INTO DefaultConfig (Component, ConfigGroup, Name, Identifier, Version, Value, VitalValue, "
+        "CachedValue) VALUES ('qor', ?, ?, ?, 'default', ?, 'dv', 'dc')",
+        {group, key, id, value});
+  }
 
+  std::vector<std::string> Query(const std::string& sql) { return cstest::JoinedRows(conn_, sql, "NULL"); }
   // Config as "group/key/id user|vital|cached" (NULL for SQL NULL), ordered.
-  std::vector<std::string> ConfigRows();
-  // One column of one Config row ("NULL" for SQL NULL, "" when the row is missing).
+  std::vector<std::string> ConfigRows() {
+    return Query(
+        "SELECT ConfigGroup || '/' || Name || '/' || Identifier || ' ' || COALESCE(UserValue, 'NULL'), VitalValue, "
+        "CachedValue FROM Config ORDER BY ConfigGroup, Name, Identifier");
+  }
+  // One column expression of one Config row ("NULL" for SQL NULL, "" when the row is missing).
   std::string ConfigColumn(const std::string& group, const std::string& key, const std::string& id,
-                           const std::string& column);
-  // As the boot load: the routine inside a transaction that is committed.
-  void Apply(const std::function<void(const DBStore::Connection&)>& routine);
-  // The routine inside a transaction that is rolled back; the message it threw, or "" when it did not.
-  std::string ApplyAndCancel(const std::function<void(const DBStore::Connection&)>& routine);
+                           const std::string& column) {
+    std::vector<std::string> rows = cstest::JoinedRows(
+        conn_, "SELECT " + column + " FROM Config WHERE ConfigGroup = ? AND Name = ? AND Identifier = ?", "NULL",
+        group, key, id);
+    return rows.empty() ? "" : rows.front();
+  }
 
-  std::vector<std::string> Query(const std::string& sql);
+  // As the boot load: the routine inside a transaction that is committed.
+  void Apply(const std::function<void(const DBStore::Connection&)>& routine) {
+    DBStore::Transaction tx(conn_);
+    ASSERT_EQ(tx.Begin(), 0);
+    try {
+      routine(conn_);
+    } catch (const std::exception& e) {
+      FAIL() << "threw: " << e.what();  // rolled back by tx
+    }
+    ASSERT_EQ(tx.Commit(), 0);
+  }
+  // The routine inside a transaction that is rolled back; the message it threw, or "" when it did not.
+  std::string ApplyAndCancel(const std::function<void(const DBStore::Connection&)>& routine) {
+    EXPECT_EQ(DBStore::BeginTransaction(conn_), 0);
+    std::string message;
+    try {
+      routine(conn_);
+    } catch (const QorConfigStore::ConfigStoreException& e) {
+      EXPECT_EQ(e.code(), 2000) << e.what();
+      message = e.what();
+    }
+    DBStore::faults::Disarm();
+    EXPECT_EQ(DBStore::CancelTransaction(conn_), 0);
+    return message;
+  }
 
   DBStore::Connection conn_;
 };

@@ -3,7 +3,6 @@
 
 #include "configstore/boot/BootDocument.h"
 #include "tests/configstore/bootapply/BootApplyFixture.h"
-#include "tests/support/StoreDump.h"
 
 namespace QorConfigStore {
 namespace {
@@ -122,35 +121,6 @@ TEST_F(BootDocumentTest, UnreadableDocumentFailsWith1081) {
     WriteFile(kBootConfigurationDocument, text);
     EXPECT_THAT(cstest::Thrown([&] { ProcessBootConfigurationDocument(conn_); }),
                 testing::AllOf(testing::StartsWith("1081 "), testing::HasSubstr(Path(kBootConfigurationDocument))));
-  }
-}
-
-// The last statement of a document run is its delete or write: failing it fails the run with the
-// message of that statement. What the rollback leaves is swept in tests/reliability/sweeps.
-TEST_F(BootDocumentTest, StoreFailuresFailTheRunWithTheirMessage) {
-  AddConfig("network", "dns", "a", "da");
-  AddConfig("system", "hostname", "", "h");
-  const char* cases[][2] = {
-      {R"({"qor": {"system": {"hostname": {"name": "x"}}, "network": {"nuknics": {"name": "vmk0"}}}})",
-       "Write user config failed"},
-      {R"({"qor": {"system": {"hostname": {"name": "x"}}, "network": {"dns": "DELETE_DEFAULT"}}})",
-       "Delete mutable default config failed"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c[0]);
-    WriteFile(kBootConfigurationDocument, c[0]);
-    int steps = 0;
-    EXPECT_EQ(ApplyAndCancel([&](const DBStore::Connection& conn) {
-                DBStore::faults::ResetCounts();
-                ProcessBootConfigurationDocument(conn);
-                steps = DBStore::faults::Calls(DBStore::faults::Kind::Step);
-              }),
-              "");
-    EXPECT_EQ(ApplyAndCancel([&](const DBStore::Connection& conn) {
-                DBStore::faults::Arm(DBStore::faults::Kind::Step, steps, false);
-                ProcessBootConfigurationDocument(conn);
-              }),
-              c[1]);
   }
 }
 

@@ -258,34 +258,6 @@ TEST_F(DesiredTest, HostApiDeletionStagesADeleteRowBesideEarlierRows) {
   EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
 }
 
-TEST_F(DesiredTest, HostApiWriteAndCommitFailuresCarryTheirCodes) {
-  // The calls of a kind are counted back from the end of a whole run: the schema look-up comes
-  // first, the row and then the boot mode are written last.
-  struct Case {
-    DBStore::faults::Kind kind;
-    int fromLast;
-    std::string thrown;
-  } cases[] = {
-      {DBStore::faults::Kind::Commit, 0, "1012 for component qor group ntp key servers in Delete HostAPI"},
-      {DBStore::faults::Kind::Step, 1, "1005 desired configuration for component qor group ntp key servers"},
-      {DBStore::faults::Kind::KvWrite, 0, "2000 Failed to set next boot mode"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.thrown);
-    DBStore::faults::Arm(c.kind, 1000000, false);
-    QorConfigStore::DeleteHostAPIConfiguration("qor", "ntp", "servers");
-    const int target = DBStore::faults::Calls(c.kind) - c.fromLast;
-    DBStore::faults::Disarm();
-    StageEarlier("0");
-    const cstest::StoreDump before = cstest::DumpStores();
-    DBStore::faults::Arm(c.kind, target, false);
-    EXPECT_EQ(Thrown([] { QorConfigStore::DeleteHostAPIConfiguration("qor", "ntp", "servers"); }), c.thrown);
-    DBStore::faults::Disarm();
-    EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
-    Sql("DELETE FROM DesiredUserConfig");
-  }
-}
-
 // ---- configstorectl: what the tool adds to the library, its exit status and its words.
 
 TEST_F(DesiredTest, StagingSubcommandsExitAndReport) {

@@ -155,13 +155,5 @@ TEST_F(LoadStoreTest, RecordedFailuresBecomeAlertsAndAnUnreadableListIsFatal) {
   EXPECT_EQ(ReadFile("/var/log/configstore-boot.log"), bootLog) << "a failed load left the boot log attached";
 }
 
-TEST_F(LoadStoreTest, TrackFilesWritesOrLeavesItsList) {
-  WriteFile("/var/run/talvex/files/backup-list", "old\n");
-  TrackFiles({}, FILE_TYPE_BACKUP_LIST);
-  EXPECT_EQ(ReadFile("/var/run/talvex/files/backup-list"), "old\n");
-  TrackFiles({"/etc/a", "/etc/b"}, FILE_TYPE_BACKUP_LIST);
-  EXPECT_EQ(ReadFile("/var/run/talvex/files/backup-list"), "/etc/a\n/etc/b\n");
-}
-
 }  // namespace
 }  // namespace QorConfigStore

@@ -1,6 +1,7 @@
 // The plonsh commands on a sandbox node tree, then the built plonsh and plonshd as real processes.
 // The hex dump, "-c" and a link out of the tree are also checked by the examples of docs/plonsh.md.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -8,8 +9,6 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <cstring>
 #include <filesystem>
@@ -89,7 +88,8 @@ TEST_F(PlonshTest, CommandsOfOneSession) {
       {"get bootMAC", true, "00:50:56:aa:bb:cc"},
       {"set /system/sysAlert disk  \"almost full; act now\"", true, ""},
       {"set " + limit + " 70 90", true, ""},
-      {"set " + limit + " 90 80", false, "bad arguments: limits are 0..100 per cent with the warning not above the error"},
+      {"set " + limit + " 90 80", false,
+       "bad arguments: limits are 0..100 per cent with the warning not above the error"},
       {"set " + limit + " 80 x", false, badLimits},
       {"set " + limit + " 80", false, badLimits},
       {"set /system/bootMAC 00:11", false, "node cannot be set: /system/bootMAC"},
@@ -241,7 +241,8 @@ TEST_F(PlonshdTest, ServesClientsEachWithItsOwnDirectory) {
       {a, "pwd", "ok /system"},
       {b, "ls /system/lumafs", "ok inodes/\\nramdisks/"},  // lines escaped on one reply line
       {a, "get bootMAC", "error cannot read node: /system/bootMAC"},
-      {a, "set lumafs/ramdisks/tmp/memUsageLimit 70 90", "error cannot set node: /system/lumafs/ramdisks/tmp/memUsageLimit"},
+      {a, "set lumafs/ramdisks/tmp/memUsageLimit 70 90",
+       "error cannot set node: /system/lumafs/ramdisks/tmp/memUsageLimit"},
       {b, "get /" + std::string(4000, 'y'), "error unknown node: /" + std::string(4000, 'y')},  // long, still fits
       {big, "", "error request longer than 4096 bytes"},
       {big, "", "<eof>"},
@@ -251,7 +252,8 @@ TEST_F(PlonshdTest, ServesClientsEachWithItsOwnDirectory) {
       {a, "", "<eof>"},
       {b, "pwd", "ok /"},
   };
-  for (const auto& c : cases) EXPECT_EQ(c.request.empty() ? ReadLine(c.fd) : Ask(c.fd, c.request), c.reply) << c.request;
+  for (const auto& c : cases)
+    EXPECT_EQ(c.request.empty() ? ReadLine(c.fd) : Ask(c.fd, c.request), c.reply) << c.request;
   EXPECT_EQ(RecordedAlerts(), std::vector<std::string>{"from the socket"});
 
   ASSERT_EQ(::kill(daemon_, SIGTERM), 0);

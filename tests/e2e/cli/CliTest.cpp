@@ -63,13 +63,14 @@ class CliTest : public cstest::SandboxTest {
   }
 
   // A Config row; nullptr stores NULL.
-  void AddObject(const std::string& component, const std::string& group, const std::string& key,
-                 const std::string& id, const char* user = R"({"a":1})", const char* vital = nullptr) const {
-    ASSERT_EQ(DBStore::Exec(DBStore::GetConnection(DBStore::CONFIG_STORE, true),
-                            "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, Version, CreationTime, "
-                            "Revision, UserValue, VitalValue) VALUES (?, ?, ?, ?, '1.0', '2024-05-01 10:00:00', 3, ?, ?)",
-                            component, group, key, id, user, vital),
-              0);
+  void AddObject(const std::string& component, const std::string& group, const std::string& key, const std::string& id,
+                 const char* user = R"({"a":1})", const char* vital = nullptr) const {
+    ASSERT_EQ(
+        DBStore::Exec(DBStore::GetConnection(DBStore::CONFIG_STORE, true),
+                      "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, Version, CreationTime, "
+                      "Revision, UserValue, VitalValue) VALUES (?, ?, ?, ?, '1.0', '2024-05-01 10:00:00', 3, ?, ?)",
+                      component, group, key, id, user, vital),
+        0);
   }
 
   // Each element of a JSON array as its `members` joined by "|".
@@ -77,7 +78,8 @@ class CliTest : public cstest::SandboxTest {
     std::vector<std::string> rows;
     for (const auto& o : list.GetArray()) {
       std::string& row = rows.emplace_back();
-      for (const char* m : members) row += (row.empty() ? "" : "|") + (o[m].IsString() ? o[m].GetString() : std::to_string(o[m].GetInt64()));
+      for (const char* m : members)
+        row += (row.empty() ? "" : "|") + (o[m].IsString() ? o[m].GetString() : std::to_string(o[m].GetInt64()));
     }
     return rows;
   }
@@ -86,9 +88,11 @@ class CliTest : public cstest::SandboxTest {
   void BootNodes() {
     ASSERT_EQ(DBStore::CreateDatabases(), 0);
     ASSERT_TRUE(PLON_WriteSignature());
-    for (const auto& [node, content] : {std::pair<std::string, std::string>{"/system/bootCmdLine", "BOOT_IMAGE=/b.b00 ro no-configupgrade-zpan"},
-                                        {"/system/bootOption", std::string(4, '\0')}, {"/system/bootMAC", ""},
-                                        {"/system/bootFsUUID", "uuid-new"}}) {
+    for (const auto& [node, content] :
+         {std::pair<std::string, std::string>{"/system/bootCmdLine", "BOOT_IMAGE=/b.b00 ro no-configupgrade-zpan"},
+          {"/system/bootOption", std::string(4, '\0')},
+          {"/system/bootMAC", ""},
+          {"/system/bootFsUUID", "uuid-new"}}) {
       ASSERT_TRUE(PLON_WriteNodeFile(node, content)) << node;
     }
   }
@@ -187,7 +191,8 @@ TEST_F(CliTest, SchemasListsRegisteredKeysOfTheNamedComponents) {
   ASSERT_EQ(DBStore::CreateDatabases(), 0);
   auto store = QorSchemaStore::SchemaStore::GetStore(true);
   store->BeginUpdate();
-  for (const std::vector<std::string> k : {std::vector<std::string>{"qor", "network", "nuknics"}, {"x'y", "g", "k"}, {"網路", "e\u0301", "k"}}) {
+  for (const std::vector<std::string>& k :
+       {std::vector<std::string>{"qor", "network", "nuknics"}, {"x'y", "g", "k"}, {"網路", "e\u0301", "k"}}) {
     rapidjson::Document element;
     element.Parse(R"({"version": "2.0", "schema": {"type": "object"}, "smartnic": {"schema": "qor-shared"}})");
     if (k[0] != "qor") element.RemoveMember("smartnic");
@@ -239,11 +244,14 @@ TEST_F(CliTest, EverySubcommandAnswersHelpAndEndsItsOptionsAtDoubleDash) {
 TEST_F(CliTest, BadUsageExitsTwoWithTheUsageOnStandardError) {
   BootNodes();
   const auto before = cstest::DumpStores();
-  for (const char* line : {"", "no-such-subcommand", "--bogus get", "get a b c d e", "schemas -x", "cleanup store --json",
-                           "--json cleanup autoconf", "metrics extra", "metrics -- --rows", "--json --bogus",
-                           "get --json --root", "--json no-such-subcommand", "boot-mode set 9", "boot-mode set -1",
-                           "boot-mode set 03", "boot-mode set", "boot-mode reset", "autoconf", "live-install maybe",
-                           "install-info set", "boot-state", "boot-kind extra"}) {
+  // clang-format off
+  for (const char* line : {"", "no-such-subcommand", "--bogus get", "get a b c d e",
+                           "schemas -x", "cleanup store --json", "--json cleanup autoconf", "metrics extra",
+                           "metrics -- --rows", "--json --bogus", "get --json --root", "--json no-such-subcommand",
+                           "boot-mode set 9", "boot-mode set -1", "boot-mode set 03", "boot-mode set",
+                           "boot-mode reset", "autoconf", "live-install maybe", "install-info set", "boot-state",
+                           "boot-kind extra"}) {
+    // clang-format on
     const std::vector<std::string> args = *line ? Words(line) : std::vector<std::string>{};
     SCOPED_TRACE(line);
     CtlResult r = Ctl(args);
@@ -281,14 +289,21 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
       {nullptr, {"get"}, 1, "configstorectl get: error 2000: no configuration store at " + store + " ("},
       // A root that is not a directory is named as the cause, wherever --root stands.
       {nullptr, {"get", "--root", root_ + "/no"}, 2, "configstorectl: host root \"" + root_ + "/no\" does not exist\n"},
-      {[&] { WriteFile("/file", ""); }, {"--root", root_ + "/file", "get"}, 2,
+      {[&] { WriteFile("/file", ""); },
+       {"--root", root_ + "/file", "get"},
+       2,
        "configstorectl: host root \"" + root_ + "/file\" is not a directory\n"},
       // The file's error keeps its message and says why.
-      {[&] { WriteFile("/bad.json", "{\n  \"a\" 1}"); }, {"set-desired", Path("/bad.json")}, 1,
+      {[&] { WriteFile("/bad.json", "{\n  \"a\" 1}"); },
+       {"set-desired", Path("/bad.json")},
+       1,
        "configstorectl set-desired: error 1081: The JSON file " + Path("/bad.json") +
            " could not be read or parsed.: line 2, column 7: Missing a colon after a name of object member.\n"},
-      {nullptr, {"process-schemas"}, 1, "configstorectl process-schemas: error 2000: no configuration store at " +
-                                            store + " (it is made at boot by load, or by create-store)\n"},
+      {nullptr,
+       {"process-schemas"},
+       1,
+       "configstorectl process-schemas: error 2000: no configuration store at " + store +
+           " (it is made at boot by load, or by create-store)\n"},
       {nullptr, {"plan"}, 1, "plan: error 2000: Failed to connect to database: " + missing},
       {nullptr, {"install-info", "get"}, 1, "install-info: error 2000: Failed to connect to database. "},
       {[&] {
@@ -298,7 +313,8 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
          writer = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
          ASSERT_EQ(DBStore::BeginTransaction(writer), 0);
        },
-       {"set-desired", Path("/desired.json")}, 1,
+       {"set-desired", Path("/desired.json")},
+       1,
        "set-desired: error 2000: Failed to start set desired transaction: " + store + ": database is locked\n"},
       {[&] {
          writer.reset();
@@ -306,7 +322,8 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
          std::filesystem::remove_all(Path("/var/run"));  // the plan above made its boot lock there
          WriteFile("/var/run", "a file where the run-time directory belongs");
        },
-       {"setup-ramdisk"}, 1,
+       {"setup-ramdisk"},
+       1,
        "setup-ramdisk: error 2000: Failed to reserve memory for ConfigStore: cannot create " + Path("/var/run/talvex") +
            ": Not a directory\n"},
       {nullptr, {"load"}, 0, "schemas not processed: " + imageLockFailure + "\n"},
@@ -315,7 +332,9 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
       // A reboot empties the run-time directory (here a file), so the first load of the boot keeps
       // its report; a second load in that boot would replace the live store with the backup.
       {[&] { Remove("/var/run"); }, {"load"}, 0, "boot load, started "},
-      {nullptr, {"--json", "load"}, 1,
+      {nullptr,
+       {"--json", "load"},
+       1,
        "load: error 2000: a load already ran in this boot of the host (its report is "
        "/var/run/talvex/files/last-boot.json): loading again replaces the live store and loses what was staged or "
        "changed since; give --force to load anyway\n"},
@@ -323,7 +342,9 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
          Remove("/etc/talvex/configstore/current-store-1");
          std::filesystem::create_directory(store);
        },
-       {"get"}, 1, "get: error 2000: cannot open the configuration store: " + store + " is a directory\n"},
+       {"get"},
+       1,
+       "get: error 2000: cannot open the configuration store: " + store + " is a directory\n"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.args));
@@ -357,9 +378,10 @@ TEST_F(CliTest, MetricsCountsCharactersAndNamesAnOverflow) {
   // Three values of 800,000,000 characters: a total past the 32-bit range, named.
   auto conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
   ASSERT_EQ(DBStore::Exec(conn, "DROP TABLE Config"), 0);
-  ASSERT_EQ(DBStore::Exec(conn, "CREATE VIEW Config AS SELECT 'c' Component, 'g' ConfigGroup, 'k' Name, "
-                                "zeroblob(800000000) VitalValue, NULL UserValue, NULL CachedValue "
-                                "FROM (SELECT 1 UNION ALL SELECT 2 UNION ALL SELECT 3)"),
+  ASSERT_EQ(DBStore::Exec(conn,
+                          "CREATE VIEW Config AS SELECT 'c' Component, 'g' ConfigGroup, 'k' Name, "
+                          "zeroblob(800000000) VitalValue, NULL UserValue, NULL CachedValue "
+                          "FROM (SELECT 1 UNION ALL SELECT 2 UNION ALL SELECT 3)"),
             0);
   r = Ctl({"metrics"});
   EXPECT_EQ(r.status, 1);
@@ -371,7 +393,8 @@ TEST_F(CliTest, ProcessSchemasSaysWhichHalfFailed) {
   CopyExampleHost();
   ASSERT_EQ(DBStore::CreateDatabases(), 0);
   const std::string defaults = "/etc/talvex/default-config/qor-base-8.0.2_1.0.json";
-  const std::string goodDefaults = ReadFile(defaults), stray = R"({"metadata": {"kitname": "s", "kitversion": "1"}, "data": []})";
+  const std::string goodDefaults = ReadFile(defaults),
+                    stray = R"({"metadata": {"kitname": "s", "kitversion": "1"}, "data": []})";
   struct Case {
     std::string schemaFile, defaultFile;  // written before the run
     bool registered, loaded;
@@ -429,8 +452,11 @@ TEST_F(CliTest, BootKindAnswersEachQuestionAndShowsAFailedOne) {
   EXPECT_FALSE(Json(Line("boot-kind --json"))["upgrade"].GetBool()) << "a first boot is never an upgrade";
   Remove(QorConfigStore::FIRSTBOOT_FILE);
   rapidjson::Document d = Json(Line("boot-kind --json"));
-  for (const auto& [name, value] : {std::pair<const char*, bool>{"upgrade", true}, {"bootbankChanged", true},
-                                    {"installed", true}, {"debugUpgrade", true}, {"ferrinInstalled", false}}) {
+  for (const auto& [name, value] : {std::pair<const char*, bool>{"upgrade", true},
+                                    {"bootbankChanged", true},
+                                    {"installed", true},
+                                    {"debugUpgrade", true},
+                                    {"ferrinInstalled", false}}) {
     EXPECT_TRUE(d[name].IsBool() && d[name].GetBool() == value) << name;
   }
   EXPECT_STREQ(d["bootFsUuid"].GetString(), "uuid-newer");

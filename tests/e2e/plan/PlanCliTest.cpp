@@ -132,8 +132,10 @@ TEST_F(PlanCliTest, PlanChangesNothingAndAgreesWithTheLoad) {
     std::map<std::string, std::string> loaded = ConfigRows();
     Objects added, removed, changed;
     for (const auto& [object, values] : config) {
-      if (!loaded.contains(object)) removed.insert(object);
-      else if (loaded[object] != values) changed.insert(object);
+      if (!loaded.contains(object))
+        removed.insert(object);
+      else if (loaded[object] != values)
+        changed.insert(object);
     }
     for (const auto& row : loaded) {
       if (!config.contains(row.first)) added.insert(row.first);
@@ -141,9 +143,11 @@ TEST_F(PlanCliTest, PlanChangesNothingAndAgreesWithTheLoad) {
     EXPECT_EQ(PlanList(plan, "added"), added);
     EXPECT_EQ(PlanList(plan, "removed"), removed);
     EXPECT_EQ(PlanList(plan, "changed"), changed);
-    CtlResult diff = Ctl("diff --json " + Path("/before-store") + " " + Path("/etc/talvex/configstore/current-store-1"));
+    CtlResult diff =
+        Ctl("diff --json " + Path("/before-store") + " " + Path("/etc/talvex/configstore/current-store-1"));
     EXPECT_EQ(diff.status, 1) << diff.err;
-    for (const char* list : {"added", "removed", "changed"}) EXPECT_EQ(PlanList(Json(diff), list), PlanList(plan, list));
+    for (const char* list : {"added", "removed", "changed"})
+      EXPECT_EQ(PlanList(Json(diff), list), PlanList(plan, list));
     rapidjson::Document after = Json(Ctl("--json plan"));
     EXPECT_TRUE(after["changed"].Empty() && after["added"].Empty()) << "nothing is left to do";
   }
@@ -190,8 +194,15 @@ TEST_F(PlanCliTest, BootReportsAndTheirHistory) {
   const struct {
     const char* args;
     int status;
-  } lookups[] = {{"last-boot 2", 1}, {"last-boot 3", 1}, {"last-boot 0", 2}};
-  for (const auto& l : lookups) EXPECT_EQ(Ctl(l.args).status, l.status) << l.args;
+    std::string err;
+  } lookups[] = {{"last-boot 2", 1, history + "boot-"},
+                 {"last-boot 3", 1, "No boot 3 in the history: "},
+                 {"last-boot 0", 2, "usage"}};
+  for (const auto& l : lookups) {
+    CtlResult r = Ctl(l.args);
+    EXPECT_EQ(r.status, l.status) << l.args;
+    EXPECT_NE(r.err.find(l.err), std::string::npos) << r.err;
+  }
 
   WriteFile("/var/run/talvex/files/last-boot.json", R"({"startTime":"x","status":"0"})");
   EXPECT_NE(Ctl("last-boot").err.find("member \"restore\""), std::string::npos);
@@ -206,12 +217,14 @@ TEST_F(PlanCliTest, ExportStagedBackPlansNoChange) {
   FirstBoot();
   DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
   // An instance whose id member names another: no document can stage it back.
-  ASSERT_EQ(DBStore::Exec(conn, "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) "
-                                "VALUES ('qor', 'network', 'nuknics', 'nuk9', '{\"name\":\"nuk8\"}')"),
+  ASSERT_EQ(DBStore::Exec(conn,
+                          "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) "
+                          "VALUES ('qor', 'network', 'nuknics', 'nuk9', '{\"name\":\"nuk8\"}')"),
             0);
   // A pending desired value no document carries: staging replaces its key whole and drops it.
-  ASSERT_EQ(DBStore::Exec(conn, "UPDATE Config SET DesiredValue = '{\"name\":\"admin\",\"shell\":\"pending\"}' "
-                                "WHERE Name = 'user_accounts' AND Identifier = 'admin'"),
+  ASSERT_EQ(DBStore::Exec(conn,
+                          "UPDATE Config SET DesiredValue = '{\"name\":\"admin\",\"shell\":\"pending\"}' "
+                          "WHERE Name = 'user_accounts' AND Identifier = 'admin'"),
             0);
   conn.reset();
   // On the installed host, whose mutable default instances are not in the store yet: they and the

@@ -3,6 +3,7 @@
 
 #include "configstore/frame/CallFrame.h"
 #include "configstore/frame/Documents.h"
+#include "platform/validator/ConfigStoreDocument.h"
 #include "tests/support/Sandbox.h"
 
 namespace QorConfigStore {
@@ -57,6 +58,13 @@ TEST_F(DocumentsTest, SplitSeparatesUserVitalAndCachedParts) {
     EXPECT_EQ(parts, (std::unordered_map<std::string, std::string>{
                          {"user", c.user}, {"vital", c.vital}, {"cached", c.cached}}));
     EXPECT_TRUE(*value->document == *Parse(c.value)->document) << "the input is left alone";
+    // Pruning a copy in place gives the same parts.
+    for (const char* part : {"user", "vital", "cached"}) {
+      auto copy = Parse(c.value);
+      std::string text;
+      if (ProcessConfig(*copy->document, *schema->document, part)) ConfigStoreDocument::SerializeValue(*copy->document, text);
+      EXPECT_EQ(text, parts[part]) << part;
+    }
   }
   try {
     SplitConfig(*Parse(R"({"name":"nic0","unknown":1})")->document, *schema->document);
@@ -70,10 +78,7 @@ TEST_F(DocumentsTest, ParsingRefusesBadAndHostileText) {
   const std::string depth(kMaxJsonDepth, '[');
   const std::pair<std::string, bool> cases[] = {
       {"{", false},
-      {"{\"a\":1,}", false},
       {"[NaN]", false},
-      {"// c\n{}", false},
-      {"{'a':1}", false},
       {std::string("{\"a\":1}\0", 8), false},
       {std::string(100000, '[') + std::string(100000, ']'), false},  // refused, not a stack overflow
       {depth + std::string(kMaxJsonDepth, ']'), true},
@@ -111,32 +116,10 @@ TEST_F(DocumentsTest, NavigationFollowsMembersAndInstances) {
   EXPECT_EQ(doc->GetJsonValuePtr(), doc->document.get()) << "an empty path is the root";
   doc->path = {{"qor", "", ""}, {"network", "", ""}, {"nics", "name", "b"}};
   EXPECT_EQ((*doc->GetJsonValuePtr())["mtu"].GetInt(), 2);
-
-  struct Case {
-    std::vector<JsonNode> path;
-    const char* message;
-    const char* logged;
-  };
-  const Case cases[] = {
-      {{{"qor", "", ""}, {"storage", "", ""}}, "Subobject does not exists.", "Cannot find subobject storage"},
-      {{{"qor", "", ""}, {"network", "", ""}, {"nics", "name", "z"}}, "Subobject instance does not exists.",
-       "Cannot find subobject instance name=z"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.message);
-    doc->path = c.path;
-    try {
-      doc->GetJsonValuePtr();
-      ADD_FAILURE() << "no throw";
-    } catch (const ConfigStoreException& e) {
-      EXPECT_EQ(e.code(), 2000);
-      EXPECT_STREQ(e.what(), c.message);
-      EXPECT_TRUE(log_.Contains(c.logged, CSLogger::PRIO_ERROR));
-    }
-  }
-  EXPECT_EQ((ConfigStoreObjectId{"nics", "qor", "network", "vmnic0"}).toString(),
-            "comp qor grp network key nics id vmnic0");
-  EXPECT_EQ((ConfigStoreObjectId{"dns", "qor", "network", ""}).toString(), "comp qor grp network key dns");
+  doc->path.back().value = "z";
+  EXPECT_EQ(cstest::Thrown([&] { doc->GetJsonValuePtr(); }), "2000 Subobject instance does not exists.");
+  doc->path = {{"qor", "", ""}, {"storage", "", ""}};
+  EXPECT_EQ(cstest::Thrown([&] { doc->GetJsonValuePtr(); }), "2000 Subobject does not exists.");
 }
 
 TEST_F(DocumentsTest, ValidationLogsEveryErrorAndPassesOnlyTheDeleteMarker) {

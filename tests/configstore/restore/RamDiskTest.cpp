@@ -1,22 +1,34 @@
 // The store ramdisks: what is mounted, in what order, with which limits, and where a failure stops.
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
 #include "configstore/boot/RamDisk.h"
-#include "configstore/frame/ConfigStoreException.h"
 #include "platform/host/Mounts.h"
 #include "platform/plon/Plon.h"
 #include "tests/support/Sandbox.h"
+
+// The allocation that fails when this program is told to, the way an exhausted boot host fails one
+// (the library's delete frees what malloc gave).
+namespace {
+std::atomic<int> gAllocationsUntilFailure{0};  // 0: none fails
+}  // namespace
+
+void* operator new(std::size_t size) {
+  if (gAllocationsUntilFailure.load() > 0 && gAllocationsUntilFailure.fetch_sub(1) == 1) throw std::bad_alloc();
+  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
+  throw std::bad_alloc();
+}
 
 namespace QorConfigStore {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 constexpr const char* kStoreMount = "none /etc/talvex/configstore lumafs 0 32,32,0,0,0,00644,configstore";
 constexpr const char* kBackupMount = "none /var/lib/talvex/configstore/backup lumafs 0 32,32,0,0,0,00644,configstorebkp";
-constexpr const char* kReducedBackupMount =
-    "none /var/lib/talvex/configstore/backup lumafs 0 0,32,0,0,0,00644,configstorebkp";
 constexpr const char* kStoreLimits = "/sys/plon/system/lumafs/ramdisks/configstore/memUsageLimit";
 
 class RamDiskTest : public cstest::SandboxTest {
@@ -25,96 +37,82 @@ class RamDiskTest : public cstest::SandboxTest {
     SandboxTest::SetUp();
     ASSERT_TRUE(PLON_WriteSignature());
   }
-
-  // Runs the setup expecting it to fail with `message`, logged under `operation`.
-  void ExpectSetupFailure(const std::string& operation, const std::string& message) {
-    try {
-      SetupStoreRamDisk();
-      ADD_FAILURE() << "no throw";
-    } catch (const ConfigStoreException& e) {
-      EXPECT_EQ(e.code(), 2000);
-      EXPECT_EQ(e.what(), message);
-    }
-    EXPECT_TRUE(log_.Contains("CONFIGSTORE:" + operation + ":" + message, CSLogger::PRIO_ERROR));
-  }
 };
 
 TEST_F(RamDiskTest, MountsBothRamdisksAndLimitsTheWorkingOne) {
-  struct Case {
-    const char* name;
-    const char* features;  // nullptr: no feature file, the switch's default (off)
-    const char* backupMount;
-  };
-  const Case cases[] = {
-      {"default", nullptr, kBackupMount},
-      {"switch off", "45=off\n", kBackupMount},
-      {"switch on", "62=on\n45=on\n", kReducedBackupMount},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const char* features : {"45=off\n", "62=on\n45=on\n"}) {
+    SCOPED_TRACE(features);
     Remove("/var");
     Remove("/etc");
-    Remove("/sys/plon/system");
-    if (c.features != nullptr) WriteFile("/etc/talvex/features", c.features);
-
+    WriteFile("/etc/talvex/features", features);
     EXPECT_EQ(SetupStoreRamDisk(), 0);
-
-    EXPECT_THAT(Host::RecordedMounts(), ElementsAre(kStoreMount, c.backupMount));
+    EXPECT_THAT(Host::RecordedMounts(),
+                ElementsAre(kStoreMount, features[1] == '5' ? kBackupMount
+                                                            : "none /var/lib/talvex/configstore/backup lumafs 0 "
+                                                              "0,32,0,0,0,00644,configstorebkp"));
     EXPECT_EQ(ReadFile(kStoreLimits), "80 90\n");
-    EXPECT_TRUE(Exists("/etc/talvex/configstore"));
-    EXPECT_TRUE(Exists("/var/lib/talvex/configstore/backup"));
   }
 }
 
-TEST_F(RamDiskTest, SignatureMismatchStopsBeforeTheBackupMount) {
-  WriteFile("/sys/plon/.signature", "plon-nodes-v0\n");
-
-  ExpectSetupFailure("SetupStoreRamdiskUsageLimits", "PLON_CheckSig Failed");
-
-  EXPECT_THAT(Host::RecordedMounts(), ElementsAre(kStoreMount));
-  EXPECT_FALSE(Exists(kStoreLimits));
-}
-
-TEST_F(RamDiskTest, WorkingMountFailureMountsAndLimitsNothing) {
-  WriteFile("/etc/talvex", "a file where the mount point's parent belongs");
-
-  ExpectSetupFailure("SetupStoreRamDisk", "Failed to reserve memory for ConfigStore: cannot create " +
-                                              Path("/etc/talvex/configstore") + ": Not a directory");
-
-  EXPECT_THAT(Host::RecordedMounts(), IsEmpty());
-  EXPECT_FALSE(Exists(kStoreLimits));
-}
-
-TEST_F(RamDiskTest, BackupMountFailureComesAfterTheWorkingRamdiskIsReady) {
-  WriteFile("/var/lib/talvex", "a file where the mount point's parent belongs");
-
-  ExpectSetupFailure("SetupStoreRamDisk", "Failed to reserve memory for ConfigStore backup: cannot create " +
-                                              Path("/var/lib/talvex/configstore/backup") + ": Not a directory");
-
-  EXPECT_THAT(Host::RecordedMounts(), ElementsAre(kStoreMount));
-  EXPECT_EQ(ReadFile(kStoreLimits), "80 90\n");
+TEST_F(RamDiskTest, AFailureStopsWhereItHappens) {
+  struct Case {
+    const char* file;  // a file written where a directory belongs
+    std::string content;
+    std::string logged;  // "<operation>:<message>", also thrown
+    size_t mounts;
+  } cases[] = {
+      {"/sys/plon/.signature", "plon-nodes-v0\n", "SetupStoreRamdiskUsageLimits:PLON_CheckSig Failed", 1},
+      {"/etc/talvex", "x",
+       "SetupStoreRamDisk:Failed to reserve memory for ConfigStore: cannot create " + Path("/etc/talvex/configstore") +
+           ": Not a directory",
+       0},
+      {"/var/lib/talvex", "x",
+       "SetupStoreRamDisk:Failed to reserve memory for ConfigStore backup: cannot create " +
+           Path("/var/lib/talvex/configstore/backup") + ": Not a directory",
+       1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.file);
+    Remove("/etc");
+    Remove("/var");
+    Remove("/sys/plon/system");
+    ASSERT_TRUE(PLON_WriteSignature());
+    WriteFile(c.file, c.content);
+    EXPECT_EQ(cstest::Thrown([] { SetupStoreRamDisk(); }), "2000 " + c.logged.substr(c.logged.find(':') + 1));
+    EXPECT_TRUE(log_.Contains("CONFIGSTORE:" + c.logged, CSLogger::PRIO_ERROR));
+    EXPECT_EQ(Host::RecordedMounts().size(), c.mounts);
+    EXPECT_EQ(Exists(kStoreLimits), c.mounts == 1 && c.file[1] != 's');
+  }
 }
 
 TEST_F(RamDiskTest, UsageLimitsOfAnyRamdiskAndTheirFailure) {
   SetupStoreRamdiskUsageLimits("configstorebkp");
   EXPECT_EQ(ReadFile("/sys/plon/system/lumafs/ramdisks/configstorebkp/memUsageLimit"), "80 90\n");
-  EXPECT_THAT(Host::RecordedMounts(), IsEmpty());
-
   // A name the node tree refuses as an instance never leads out of it.
   for (const char* name : {"../../escape", ""}) {
-    SCOPED_TRACE(name);
-    log_.Clear();
-    try {
-      SetupStoreRamdiskUsageLimits(name);
-      ADD_FAILURE() << "no throw";
-    } catch (const ConfigStoreException& e) {
-      EXPECT_EQ(e.code(), 2000);
-      EXPECT_STREQ(e.what(), "Failed to set warning and error usage limits");
-    }
-    EXPECT_TRUE(log_.Contains("CONFIGSTORE:SetupStoreRamdiskUsageLimits:Failed to set warning and error usage limits",
-                              CSLogger::PRIO_ERROR));
+    EXPECT_EQ(cstest::Thrown([&] { SetupStoreRamdiskUsageLimits(name); }),
+              "2000 Failed to set warning and error usage limits");
   }
   EXPECT_FALSE(Exists("/sys/escape"));
+
+  // Out of memory at each allocation in turn: every step that cannot be taken is reported as such.
+  std::vector<std::string> thrown;
+  for (int nth = 1; thrown.empty() || thrown.back() != "no exception"; ++nth) {
+    try {
+      thrown.push_back(cstest::Thrown([nth] {
+        gAllocationsUntilFailure = nth;
+        SetupStoreRamdiskUsageLimits("configstore");
+        gAllocationsUntilFailure = 0;
+      }));
+    } catch (const std::bad_alloc&) {
+      thrown.push_back("bad_alloc");
+    }
+    gAllocationsUntilFailure = 0;
+  }
+  for (const char* limit : {"warning", "error"}) {
+    EXPECT_THAT(thrown, testing::Contains(std::string("2000 Failed to add ") + limit +
+                                          " limit to ramdisk(configstore): NUK_NO_MEMORY"));
+  }
 }
 
 }  // namespace

@@ -39,7 +39,7 @@ TEST_F(SampleHostTest, OrdinaryHostRegistersNewestSchemasAndLoadsDefaults) {
                           }));
   // The older net-core files are passed over by both the registration and the defaults.
   EXPECT_EQ(log_.Count("Skipping schema file 'net-core-1.1.0_2.0.json' since latest version already processed."), 2u);
-  EXPECT_EQ(Query("SELECT COUNT(*) FROM DefaultConfig"), Strings{"12"});
+  EXPECT_EQ(DefaultRows().size(), 12u);
   EXPECT_EQ(DefaultRowsOf("qor/network/nuknics"),
             Strings{R"(nuk0|{"name":"nuk0","mtu":1500,"enabled":true,"port_connection_type":"STANDARD"}|||1.1)"});
   Strings permissions = Query(
@@ -64,7 +64,7 @@ TEST_F(SampleHostTest, DpuRegistersSharedAndDpuKeysAndTakesItsOwnDefaults) {
                      R"(nuk1|{"name":"nuk1","mtu":9000,"enabled":false,"port_connection_type":"STANDARD"}|||1.1)"}));
   EXPECT_EQ(ReadFile("/var/run/talvex/files/errors-net-core-1.2.3_4.5.json"),
             R"([{"key":"switches","errors":[{"error":"Schema not found"}]}])");
-  EXPECT_EQ(Query("SELECT COUNT(*) FROM DefaultConfig"), Strings{"3"});
+  EXPECT_EQ(DefaultRows().size(), 3u);
 }
 
 }  // namespace

@@ -21,6 +21,11 @@ void SchemaHostTest::SetUp() {
   SetSwitches(true, true);
 }
 
+void SchemaHostTest::TearDown() {
+  DBStore::faults::Disarm();
+  SandboxTest::TearDown();
+}
+
 void SchemaHostTest::SetSwitches(bool versioning, bool smartnicFiltering) const {
   WriteFile("/etc/talvex/features", std::string("62=") + (versioning ? "on" : "off") + "\n70=" +
                                         (smartnicFiltering ? "on" : "off") + "\n");
@@ -39,8 +44,17 @@ void SchemaHostTest::WriteSchemaFile(const std::string& file, const std::string&
   WriteRawSchemaFile(file, PackageFile(kit, version, data));
 }
 
+void SchemaHostTest::WriteDefaultFile(const std::string& file, const std::string& kit, const std::string& version,
+                                      const std::string& data) const {
+  WriteRawDefaultFile(file, PackageFile(kit, version, data));
+}
+
 void SchemaHostTest::WriteRawSchemaFile(const std::string& file, const std::string& content) const {
   WriteFile("/usr/lib/talvex/configmanager/schemas/" + file, content);
+}
+
+void SchemaHostTest::WriteRawDefaultFile(const std::string& file, const std::string& content) const {
+  WriteFile("/etc/talvex/default-config/" + file, content);
 }
 
 std::string SchemaHostTest::Element(const std::string& cgk, const std::string& schema, const std::string& extra,
@@ -64,6 +78,12 @@ Strings SchemaHostTest::Registered() {
   return Query(
       "SELECT Component || '/' || ConfigGroup || '/' || Name || ' ' || SchemaId || ' ' || Version "
       "FROM ss.ConfigSchema ORDER BY Component, ConfigGroup, Name");
+}
+
+Strings SchemaHostTest::DefaultRows() {
+  return Query(
+      "SELECT Component || '/' || ConfigGroup || '/' || Name, Identifier, Value, VitalValue, CachedValue, Version "
+      "FROM DefaultConfig ORDER BY Component, ConfigGroup, Name, Identifier");
 }
 
 Strings SchemaHostTest::EventList() const {

@@ -21,6 +21,7 @@ inline constexpr const char* kNetVersion = "1.2.3_4.5";
 class SchemaHostTest : public SandboxTest {
  protected:
   void SetUp() override;
+  void TearDown() override;
 
   // Writes the feature-state file: schema versioning (62) and SmartNIC filtering (70).
   void SetSwitches(bool versioning, bool smartnicFiltering) const;
@@ -29,7 +30,10 @@ class SchemaHostTest : public SandboxTest {
   // {"metadata": {"kitname", "kitversion"}, "data": [<data>]} as "<dir>/<file>".
   void WriteSchemaFile(const std::string& file, const std::string& kit, const std::string& version,
                        const std::string& data) const;
+  void WriteDefaultFile(const std::string& file, const std::string& kit, const std::string& version,
+                        const std::string& data) const;
   void WriteRawSchemaFile(const std::string& file, const std::string& content) const;
+  void WriteRawDefaultFile(const std::string& file, const std::string& content) const;
 
   // A configuration-key element: {"component","group","key","version", <extra>, "schema": <schema>}.
   static std::string Element(const std::string& cgk, const std::string& schema, const std::string& extra = "",
@@ -37,6 +41,8 @@ class SchemaHostTest : public SandboxTest {
 
   // "component/group/key schemaId version", ordered by key.
   static Strings Registered();
+  // "component/group/key|identifier|user|vital|cached|version", ordered by key then identifier.
+  static Strings DefaultRows();
   // Rows of any query on the configuration store (schema store attached as "ss"), columns "|"-joined,
   // NULL as "NULL".
   static Strings Query(const std::string& sql);

@@ -2,6 +2,7 @@
 // read fails.
 #include <functional>
 #include <string>
+#include <tuple>
 
 #include "configstore/bootstate/BootState.h"
 #include "configstore/bootstate/UpgradeDetection.h"
@@ -51,29 +52,20 @@ TEST_F(BootStateTest, WritersStoreTheirExactTexts) {
 }
 
 TEST_F(BootStateTest, CleanupBootStateRecordsTheBootedUuidAndResetsTheMarker) {
-  struct Row {
-    const char* recorded;
-    const char* current;
-    const char* marker;
-    int writes;
-    const char* markerAfter;
-  } rows[] = {
-      {"uuid-a", "uuid-a", "false", 0, "false"},
-      {"uuid-a", "uuid-aa", "false", 1, "false"},
-      {"uuid-a", "", "false", 1, "false"},
-      {"uuid-a", "uuid-a", "true", 1, "false"},
-      {"uuid-a", "uuid-b", "TRUE", 1, "TRUE"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(std::string(row.current) + " " + row.marker);
-    Store(BOOT_FS_UUID, row.recorded);
-    Store(POST_LIVE_INSTALL_BOOT, row.marker);
-    SetBootUuid(row.current);
+  // recorded UUID, this boot's, live-install marker, key writes expected, marker afterwards
+  for (const auto& [recorded, current, marker, writes, markerAfter] :
+       {std::tuple{"uuid-a", "uuid-a", "false", 0, "false"}, std::tuple{"uuid-a", "uuid-aa", "false", 1, "false"},
+        std::tuple{"uuid-a", "", "false", 1, "false"}, std::tuple{"uuid-a", "uuid-a", "true", 1, "false"},
+        std::tuple{"uuid-a", "uuid-b", "TRUE", 1, "TRUE"}}) {
+    SCOPED_TRACE(std::string(current) + " " + marker);
+    Store(BOOT_FS_UUID, recorded);
+    Store(POST_LIVE_INSTALL_BOOT, marker);
+    SetBootUuid(current);
     DBStore::faults::ResetCounts();
     CleanupBootState();
-    EXPECT_EQ(DBStore::faults::Calls(Kind::KvWrite), row.writes);
-    EXPECT_EQ(Stored(BOOT_FS_UUID), row.current);
-    EXPECT_EQ(Stored(POST_LIVE_INSTALL_BOOT), row.markerAfter);
+    EXPECT_EQ(DBStore::faults::Calls(Kind::KvWrite), writes);
+    EXPECT_EQ(Stored(BOOT_FS_UUID), current);
+    EXPECT_EQ(Stored(POST_LIVE_INSTALL_BOOT), markerAfter);
   }
   // A failed marker read comes after the UUID is written, which stays.
   SetBootUuid("uuid-new");

@@ -32,7 +32,7 @@ TEST_F(MaintenanceTest, AutomaticValuesGoAndRowsWithoutValuesWithThem) {
     DBStore::faults::Disarm();
   }
   CleanupAutoConfig();
-  EXPECT_THAT(ConfigValues(),
+  EXPECT_THAT(Rows(DBStore::CONFIG_STORE, "SELECT Name, AutoConfValue, UserValue, VitalValue, CachedValue, DesiredValue FROM Config"),
               testing::ElementsAre("cached|-|-|-|c|-", "desired|-|-|-|-|d", "user|-|u|-|-|-", "vital|-|-|v|-|-"));
 }
 

@@ -5,17 +5,6 @@
 #include "tests/support/StoreRows.h"
 
 namespace QorConfigStore {
-namespace {
-
-void Exec(DBStore::Type type, const std::string& sql, const std::vector<std::string>& args, bool schemaStore = false) {
-  DBStore::Connection conn = GetDBConnection(type, true);
-  if (schemaStore) {
-    ASSERT_EQ(DBStore::AttachSchemaStore(conn), 0);
-  }
-  ASSERT_EQ(DBStore::Exec(conn, sql, args), 0) << sql;
-}
-
-}  // namespace
 
 void MaintenanceTest::SetUp() {
   SandboxTest::SetUp();
@@ -27,20 +16,21 @@ void MaintenanceTest::TearDown() {
   SandboxTest::TearDown();
 }
 
-void MaintenanceTest::AddConfigSchema(const std::string& component, const std::string& group, const std::string& key) {
-  Exec(DBStore::CONFIG_STORE, "INSERT INTO ss.ConfigSchema (Component, ConfigGroup, Name) VALUES (?, ?, ?)",
-       {component, group, key}, true);
-}
-
-void MaintenanceTest::AddDataFileSchema(const std::string& component, const std::string& key) {
-  Exec(DBStore::CONFIG_STORE, "INSERT INTO ss.DataFileSchema (Component, KEY) VALUES (?, ?)", {component, key}, true);
+void MaintenanceTest::AddSchema(const Strings& columns) {
+  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
+  ASSERT_EQ(DBStore::AttachSchemaStore(conn), 0);
+  ASSERT_EQ(DBStore::Exec(conn,
+                          columns.size() == 3
+                              ? "INSERT INTO ss.ConfigSchema (Component, ConfigGroup, Name) VALUES (?, ?, ?)"
+                              : "INSERT INTO ss.DataFileSchema (Component, KEY) VALUES (?, ?)",
+                          columns),
+            0);
 }
 
 void MaintenanceTest::AddConfigRow(const std::string& component, const std::string& group, const std::string& key,
                                    const std::string& id, std::vector<Text> values) {
   values.resize(5);
-  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
-  ASSERT_EQ(DBStore::Exec(conn,
+  ASSERT_EQ(DBStore::Exec(GetDBConnection(DBStore::CONFIG_STORE, true),
                           "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, AutoConfValue, UserValue, "
                           "VitalValue, CachedValue, DesiredValue) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)",
                           component, group, key, id, values),
@@ -49,40 +39,20 @@ void MaintenanceTest::AddConfigRow(const std::string& component, const std::stri
 
 void MaintenanceTest::AddDataFileRow(const std::string& component, const std::string& key, const std::string& dir,
                                      const std::string& file) {
-  Exec(DBStore::DATAFILE_STORE, "INSERT INTO DataFileMetadata (Component, KEY, DirName, FileName) VALUES (?, ?, ?, ?)",
-       {component, key, dir, file});
+  ASSERT_EQ(DBStore::Exec(GetDBConnection(DBStore::DATAFILE_STORE, true),
+                          "INSERT INTO DataFileMetadata (Component, KEY, DirName, FileName) VALUES (?, ?, ?, ?)",
+                          Strings{component, key, dir, file}),
+            0);
 }
 
-std::vector<std::string> MaintenanceTest::Query(DBStore::Type type, const char* sql) {
-  DBStore::Connection conn = GetDBConnection(type, true);
-  std::vector<std::string> rows = cstest::JoinedRows(conn, sql, "-");
+MaintenanceTest::Strings MaintenanceTest::Rows(DBStore::Type type, const char* sql) {
+  Strings rows = cstest::JoinedRows(GetDBConnection(type, true), sql, "-");
   std::sort(rows.begin(), rows.end());
   return rows;
 }
 
-std::vector<std::string> MaintenanceTest::ConfigRows() {
-  return Query(DBStore::CONFIG_STORE, "SELECT Component, ConfigGroup, Name, Identifier FROM Config");
-}
-
-std::vector<std::string> MaintenanceTest::ConfigValues() {
-  return Query(DBStore::CONFIG_STORE,
-               "SELECT Name, AutoConfValue, UserValue, VitalValue, CachedValue, DesiredValue FROM Config");
-}
-
-std::vector<std::string> MaintenanceTest::DataFileRows() {
-  return Query(DBStore::DATAFILE_STORE, "SELECT Component, KEY, DirName, FileName FROM DataFileMetadata");
-}
-
-void MaintenanceTest::AddDataFile(const std::string& relative, const std::string& content) {
-  WriteFile(std::string(kDataFileRoot) + "/" + relative, content);
-}
-
-bool MaintenanceTest::DataFileExists(const std::string& relative) const {
-  return Exists(std::string(kDataFileRoot) + "/" + relative);
-}
-
-std::vector<std::string> MaintenanceTest::EventIds() const {
-  std::vector<std::string> ids;
+MaintenanceTest::Strings MaintenanceTest::EventIds() const {
+  Strings ids;
   for (const auto& e : RecordedEvents()) ids.push_back(e.id);
   return ids;
 }

@@ -14,35 +14,28 @@ namespace QorConfigStore {
 class MaintenanceTest : public cstest::SandboxTest {
  protected:
   using Text = std::optional<std::string>;
+  using Strings = std::vector<std::string>;
+  static constexpr const char* kDataFileRoot = "/var/cache/datafiles";
 
   void SetUp() override;
   void TearDown() override;
 
-  void AddConfigSchema(const std::string& component, const std::string& group, const std::string& key);
-  void AddDataFileSchema(const std::string& component, const std::string& key);
+  // A row of the schema store's ConfigSchema ({component, group, key}) or DataFileSchema ({component, key}).
+  void AddSchema(const Strings& columns);
   // Values in the order AutoConfValue, UserValue, VitalValue, CachedValue, DesiredValue.
   void AddConfigRow(const std::string& component, const std::string& group, const std::string& key,
                     const std::string& id, std::vector<Text> values = {});
   void AddDataFileRow(const std::string& component, const std::string& key, const std::string& dir,
                       const std::string& file);
-
-  // "component|group|key|id" of every Config row, sorted.
-  std::vector<std::string> ConfigRows();
-  // "key|auto|user|vital|cached|desired" of every Config row, sorted (NULL shown as "-").
-  std::vector<std::string> ConfigValues();
-  // "component|key|dir|file" of every DataFileMetadata row, sorted.
-  std::vector<std::string> DataFileRows();
-
-  // Creates a file (and its directories) under the data-file root.
-  void AddDataFile(const std::string& relative, const std::string& content = "data");
-  bool DataFileExists(const std::string& relative) const;
-
-  std::vector<std::string> EventIds() const;
-
-  static constexpr const char* kDataFileRoot = "/var/cache/datafiles";
-
- private:
-  std::vector<std::string> Query(DBStore::Type type, const char* sql);
+  // The rows of `sql` on the store of `type`, columns "|"-joined (NULL as "-"), sorted.
+  Strings Rows(DBStore::Type type, const char* sql);
+  Strings DataFileRows() {
+    return Rows(DBStore::DATAFILE_STORE, "SELECT Component, KEY, DirName, FileName FROM DataFileMetadata");
+  }
+  // A file (and its directories) under the data-file root, and whether something is there.
+  void AddDataFile(const std::string& relative) { WriteFile(std::string(kDataFileRoot) + "/" + relative, "data"); }
+  bool DataFileExists(const std::string& relative) const { return Exists(std::string(kDataFileRoot) + "/" + relative); }
+  Strings EventIds() const;
 };
 
 }  // namespace QorConfigStore

@@ -2,6 +2,8 @@
 // orphaned data directories; each half stops at its own failure only.
 #include <gmock/gmock.h>
 
+#include <tuple>
+
 #include "configstore/maintenance/Cleanup.h"
 #include "tests/configstore/maintenance/MaintenanceFixture.h"
 
@@ -16,24 +18,20 @@ class StoreCleanupTest : public MaintenanceTest {
   // Schemas for comp/net/{nics,routes} and the data-file key comp/kept; rows that match them and
   // rows that miss them by one column each; orphaned data-file rows in dirB (twice) and dirC.
   void Populate() {
-    AddConfigSchema("comp", "net", "nics");
-    AddConfigSchema("comp", "net", "routes");
-    AddConfigRow("comp", "net", "nics", "eth0", {std::nullopt, "u"});
-    AddConfigRow("comp", "net", "nics", "eth1", {std::nullopt, "u"});
-    AddConfigRow("comp", "net", "routes", "", {std::nullopt, "u"});
-    AddConfigRow("comp", "net", "gone", "", {std::nullopt, "u"});     // key
-    AddConfigRow("comp", "other", "nics", "", {std::nullopt, "u"});   // group
-    AddConfigRow("other", "net", "nics", "", {std::nullopt, "u"});    // component
-
-    AddDataFileSchema("comp", "kept");
-    AddDataFileRow("comp", "kept", "dirA", "a1");
-    AddDataFileRow("comp", "old", "dirB", "b1");
-    AddDataFileRow("comp", "old", "dirB", "b2");
-    AddDataFileRow("other", "kept", "dirC", "c1");
-    AddDataFile("dirA/a1");
-    AddDataFile("dirB/b1");
-    AddDataFile("dirB/sub/b2");
-    // dirC is already gone from disk.
+    AddSchema({"comp", "net", "nics"});
+    AddSchema({"comp", "net", "routes"});
+    AddSchema({"comp", "kept"});
+    // The last three miss a schema by key, group and component.
+    for (const auto& [component, group, key, id] : {std::tuple{"comp", "net", "nics", "eth0"}, {"comp", "net", "nics", "eth1"},
+                                                    {"comp", "net", "routes", ""}, {"comp", "net", "gone", ""},
+                                                    {"comp", "other", "nics", ""}, {"other", "net", "nics", ""}}) {
+      AddConfigRow(component, group, key, id, {std::nullopt, "u"});
+    }
+    for (const auto& [component, key, dir, file] : {std::tuple{"comp", "kept", "dirA", "a1"}, {"comp", "old", "dirB", "b1"},
+                                                    {"comp", "old", "dirB", "b2"}, {"other", "kept", "dirC", "c1"}}) {
+      AddDataFileRow(component, key, dir, file);
+    }
+    for (const char* file : {"dirA/a1", "dirB/b1", "dirB/sub/b2"}) AddDataFile(file);  // dirC is already gone
   }
 
   const std::vector<std::string> kKeptConfigRows = {"comp|net|nics|eth0", "comp|net|nics|eth1", "comp|net|routes|"};
@@ -51,7 +49,7 @@ TEST_F(StoreCleanupTest, RowsWithoutSchemaGoAndOutsideBootTheirDirectoriesOncePe
 
     CleanupStore(atBoot);
 
-    EXPECT_EQ(ConfigRows(), kKeptConfigRows);
+    EXPECT_EQ(Rows(DBStore::CONFIG_STORE, "SELECT Component, ConfigGroup, Name, Identifier FROM Config"), kKeptConfigRows);
     EXPECT_EQ(DataFileRows(), kKeptDataFileRows);
     EXPECT_TRUE(DataFileExists("dirA/a1"));
     EXPECT_EQ(DataFileExists("dirB"), atBoot);

@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 
 #include <filesystem>
+#include <tuple>
 
 #include "configstore/boot/StoreRestore.h"
 #include "configstore/bootstate/BootState.h"
@@ -81,30 +82,50 @@ class StoreRestoreTest : public cstest::SandboxTest {
   }
 };
 
+// Which backup is used (the regular one first), what a missing or inconsistent one leads to, and
+// the data-file store's outcome, which never touches the configuration store's.
 TEST_F(StoreRestoreTest, ABackupIsRestoredWithItsBootModeElseANewStoreIsMade) {
+  const std::string dfBackup = Path(kDataFileBackup);
   struct Case {
-    bool regular;
-    bool firstBoot;
-    const char* source;  // nullptr: no backup, a new store
-  } cases[] = {{false, false, nullptr}, {true, false, kBackup}, {false, true, kFirstBootBackup}, {true, true, kBackup}};
+    const char* regular;  // nullptr: none; "": a sound one whose row is "regular"; else the file's content
+    bool firstBoot;       // a sound first-boot backup whose row is "first-boot"
+    const char* dataFile;  // as `regular`, row "data.bin"
+    Strings configRows, dataFileRows, events;
+    std::string line;
+  } cases[] = {
+      {nullptr, false, nullptr, {}, {}, {}, "DataFileStore backup not found " + dfBackup},
+      {"", true, nullptr, {"regular"}, {}, {}, "Restore ConfigStore from " + Path(kBackup)},
+      {nullptr, true, nullptr, {"first-boot"}, {}, {}, "Restore ConfigStore from " + Path(kFirstBootBackup)},
+      {"not a database", true, nullptr, {}, {}, {kCopyEvent},
+       "ConfigStore backup [" + Path(kBackup) + "] is inconsistent, creating new ConfigStore."},
+      {"", false, "garbage", {"regular"}, {}, {kDataFileEvent},
+       "DataFileStore backup [" + dfBackup + "] is inconsistent, will create new DataFileStore."},
+      {"", false, "", {"regular"}, {"data.bin"}, {}, "DataFileStore restored successfully from backup"},
+  };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.source == nullptr ? "none" : c.source);
+    SCOPED_TRACE(c.line);
     Remove("/etc");
     Remove("/var");
-    if (c.regular) WriteBackup(DBStore::CONFIG_STORE, kBackup, kBackup);
-    if (c.firstBoot) WriteBackup(DBStore::CONFIG_STORE, kFirstBootBackup, kFirstBootBackup);
+    for (const auto& [content, path, row] : {std::tuple{c.regular, kBackup, "regular"},
+                                             std::tuple{c.firstBoot ? "" : nullptr, kFirstBootBackup, "first-boot"},
+                                             std::tuple{c.dataFile, kDataFileBackup, "data.bin"}}) {
+      if (content != nullptr && *content != '\0') WriteFile(path, content);
+      if (content != nullptr && *content == '\0') {
+        WriteBackup(path == kDataFileBackup ? DBStore::DATAFILE_STORE : DBStore::CONFIG_STORE, path, row);
+      }
+    }
     // A store left on the ramdisk by an earlier start of the boot scripts must not survive.
     WriteBackup(DBStore::CONFIG_STORE, kStore, "stale");
     log_.Clear();
 
-    Restore(c.source == nullptr);
+    Restore(c.configRows.empty());
 
-    EXPECT_EQ(Rows(DBStore::CONFIG_STORE), c.source == nullptr ? Strings{} : Strings{c.source});
-    EXPECT_THAT(Rows(DBStore::DATAFILE_STORE), IsEmpty());
+    EXPECT_EQ(Rows(DBStore::CONFIG_STORE), c.configRows);
+    EXPECT_EQ(Rows(DBStore::DATAFILE_STORE), c.dataFileRows);
     // Not a new store: the mode staged before the reboot is left for this boot to act on.
-    EXPECT_EQ(GetBootMode(), c.source == nullptr ? BOOT_MODE_NEW_STORE : BOOT_MODE_DESIRED_USER_CONFIG);
-    EXPECT_EQ(log_.Contains("ConfigStore restored successfully from backup"), c.source != nullptr);
-    EXPECT_THAT(EventIds(), IsEmpty());
+    EXPECT_EQ(GetBootMode(), c.configRows.empty() ? BOOT_MODE_NEW_STORE : BOOT_MODE_DESIRED_USER_CONFIG);
+    EXPECT_TRUE(log_.Contains(c.line));
+    EXPECT_EQ(EventIds(), c.events);
   }
 
   // Without a restore nothing is removed, restored or created.
@@ -117,88 +138,29 @@ TEST_F(StoreRestoreTest, ABackupIsRestoredWithItsBootModeElseANewStoreIsMade) {
   EXPECT_FALSE(Exists(kDataFileStore));
 }
 
-TEST_F(StoreRestoreTest, InconsistentRegularBackupIsNotReplacedByTheFirstBootOne) {
-  WriteFile(kBackup, "not a database");
-  WriteBackup(DBStore::CONFIG_STORE, kFirstBootBackup, "first-boot");
-
-  Restore(true);
-
-  EXPECT_THAT(Rows(DBStore::CONFIG_STORE), IsEmpty());
-  EXPECT_TRUE(log_.Contains("ConfigStore backup [" + Path(kBackup) + "] is inconsistent, creating new ConfigStore.",
-                            CSLogger::PRIO_ERROR));
-  auto events = RecordedEvents();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].id, kCopyEvent);
-  EXPECT_THAT(events[0].args, ElementsAre(Path(kBackup)));
-}
-
-TEST_F(StoreRestoreTest, DataFileBackupOutcomeNeverTouchesTheConfigStoreRestore) {
-  struct Case {
-    const char* content;  // nullptr: no backup; "": a sound one
-    Strings rows;
-    Strings events;
-    std::string line;
-  } cases[] = {
-      {nullptr, {}, {}, "DataFileStore backup not found " + Path(kDataFileBackup)},
-      {"garbage", {}, {kDataFileEvent},
-       "DataFileStore backup [" + Path(kDataFileBackup) + "] is inconsistent, will create new DataFileStore."},
-      {"", {"data.bin"}, {}, "DataFileStore restored successfully from backup"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.line);
-    Remove("/etc");
-    Remove("/var");
-    WriteBackup(DBStore::CONFIG_STORE, kBackup, "config");
-    if (c.content != nullptr && *c.content == '\0') {
-      WriteBackup(DBStore::DATAFILE_STORE, kDataFileBackup, "data.bin");
-    } else if (c.content != nullptr) {
-      WriteFile(kDataFileBackup, c.content);
-    }
-
-    Restore(false);
-
-    EXPECT_THAT(Rows(DBStore::CONFIG_STORE), ElementsAre("config"));
-    EXPECT_EQ(Rows(DBStore::DATAFILE_STORE), c.rows);
-    EXPECT_EQ(EventIds(), c.events);
-    EXPECT_TRUE(log_.Contains(c.line));
-  }
-}
-
-// Whichever way the copy fails, nothing of it stays: a new store is made in its place.
+// A copy that fails part way (a ramdisk too small) leaves nothing: a new store is made in its place.
 TEST_F(StoreRestoreTest, FailedConfigStoreCopyCreatesNewStore) {
-  for (bool tooSmall : {false, true}) {
-    SCOPED_TRACE(tooSmall ? "ramdisk too small" : "no ramdisk directory");
-    Remove("/var/log");
-    Remove("/var/lib/talvex/configstore");
-    WriteBackup(DBStore::CONFIG_STORE, kBackup, "backup");
-    rlimit saved{};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
-    rlimit limited = saved;
-    if (tooSmall) {
-      sqlite3* db = nullptr;
-      ASSERT_EQ(sqlite3_open(Path(kBackup).c_str(), &db), SQLITE_OK);
-      EXPECT_EQ(sqlite3_exec(db, "INSERT INTO KeyValue VALUES ('filler', randomblob(400000))", nullptr, nullptr,
-                             nullptr),
-                SQLITE_OK);
-      sqlite3_close(db);
-      limited.rlim_cur = 128 * 1024;  // the copy gets EFBIG, as on a full ramdisk
-    } else {
-      Remove("/etc/talvex/configstore");  // the copy has nowhere to go; creation makes the directory
-    }
-    auto oldHandler = signal(SIGXFSZ, SIG_IGN);
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
-    const bool created = RestoreOrCreateStore(true);
-    setrlimit(RLIMIT_FSIZE, &saved);
-    signal(SIGXFSZ, oldHandler);
+  WriteBackup(DBStore::CONFIG_STORE, kBackup, "backup");
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(Path(kBackup).c_str(), &db), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(db, "INSERT INTO KeyValue VALUES ('filler', randomblob(400000))", nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+  rlimit limited{128 * 1024, saved.rlim_max};  // the copy gets EFBIG, as on a full ramdisk
+  auto oldHandler = signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+  const bool created = RestoreOrCreateStore(true);
+  setrlimit(RLIMIT_FSIZE, &saved);
+  signal(SIGXFSZ, oldHandler);
 
-    EXPECT_TRUE(created);
-    EXPECT_EQ(DBStore::Check(Path(kStore)), 0);
-    EXPECT_THAT(Rows(DBStore::CONFIG_STORE), IsEmpty());
-    EXPECT_EQ(GetBootMode(), BOOT_MODE_NEW_STORE);
-    EXPECT_TRUE(log_.Contains("Cannot copy ConfigStore from backup [" + Path(kBackup) + "], creating new ConfigStore.",
-                              CSLogger::PRIO_ERROR));
-    EXPECT_THAT(EventIds(), ElementsAre(kCopyEvent));
-  }
+  EXPECT_TRUE(created);
+  EXPECT_EQ(DBStore::Check(Path(kStore)), 0);
+  EXPECT_THAT(Rows(DBStore::CONFIG_STORE), IsEmpty());
+  EXPECT_TRUE(log_.Contains("Cannot copy ConfigStore from backup [" + Path(kBackup) + "], creating new ConfigStore.",
+                            CSLogger::PRIO_ERROR));
+  EXPECT_THAT(EventIds(), ElementsAre(kCopyEvent));
 }
 
 TEST_F(StoreRestoreTest, CopiesBlockedByADirectory) {

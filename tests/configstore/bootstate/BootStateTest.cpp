@@ -17,30 +17,23 @@ using DBStore::faults::Kind;
 
 TEST_F(BootStateTest, WritersStoreTheirExactTexts) {
   EXPECT_EQ(GetBootMode(), BOOT_MODE_DEFAULT) << "a store that never had a mode";
-  struct Row {
-    std::function<void()> op;
-    const char* key;
-    const char* stored;
-    const char* logged;
-  } rows[] = {
+  // what runs, the key it writes, the text stored, a line logged
+  const std::tuple<std::function<void()>, const char*, const char*, const char*> rows[] = {
       {[] { SetBootMode(BOOT_MODE_SMARTNIC_CONFIG); }, "BOOT_MODE", "3", "Next boot mode set to 3"},
       {StartAutoConf, "IS_BOOT", "true", "ConfigStore autoconf start"},
       {EndAutoConf, "IS_BOOT", "", "ConfigStore endconf end"},
       {[] { EnableNexdNotification(false); }, "NOTIFY_NEXD", "false", "ConfigStore nexd notification enabled = 0"},
       {[] { SetLiveInstallBoot("true"); }, POST_LIVE_INSTALL_BOOT, "true", "POST_LIVE_INSTALL_BOOT=true completed"},
       {[] { SetLiveInstallBoot("True"); }, POST_LIVE_INSTALL_BOOT, "false", "not valid value True"},
-      {[] { SetInstallInfo("{\"a\": \"%s\"}\n"); }, kInstallInfoKey, "{\"a\": \"%s\"}\n", ""},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.logged);
-    row.op();
-    EXPECT_EQ(Stored(row.key), row.stored);
-    EXPECT_TRUE(log_.Contains(row.logged, CSLogger::PRIO_INFO));
+  for (const auto& [op, key, stored, logged] : rows) {
+    op();
+    EXPECT_EQ(Stored(key), stored) << logged;
+    EXPECT_TRUE(log_.Contains(logged, CSLogger::PRIO_INFO)) << logged;
   }
   EXPECT_EQ(GetBootMode(), BOOT_MODE_SMARTNIC_CONFIG);
+  SetInstallInfo("{\"a\": \"%s\"}\n");
   EXPECT_EQ(GetInstallInfo(), "{\"a\": \"%s\"}\n");
-  StartAutoConf();
-  EXPECT_TRUE(IsAutoConf());
   Store("IS_BOOT", "TRUE");
   EXPECT_FALSE(IsAutoConf()) << "only the exact text counts";
 
@@ -52,13 +45,12 @@ TEST_F(BootStateTest, WritersStoreTheirExactTexts) {
 }
 
 TEST_F(BootStateTest, CleanupBootStateRecordsTheBootedUuidAndResetsTheMarker) {
-  // recorded UUID, this boot's, live-install marker, key writes expected, marker afterwards
-  for (const auto& [recorded, current, marker, writes, markerAfter] :
-       {std::tuple{"uuid-a", "uuid-a", "false", 0, "false"}, std::tuple{"uuid-a", "uuid-aa", "false", 1, "false"},
-        std::tuple{"uuid-a", "", "false", 1, "false"}, std::tuple{"uuid-a", "uuid-a", "true", 1, "false"},
-        std::tuple{"uuid-a", "uuid-b", "TRUE", 1, "TRUE"}}) {
+  // this boot's UUID (uuid-a recorded), live-install marker, key writes expected, marker afterwards
+  for (const auto& [current, marker, writes, markerAfter] :
+       {std::tuple{"uuid-a", "false", 0, "false"}, {"uuid-aa", "false", 1, "false"}, {"", "false", 1, "false"},
+        {"uuid-a", "true", 1, "false"}, {"uuid-b", "TRUE", 1, "TRUE"}}) {
     SCOPED_TRACE(std::string(current) + " " + marker);
-    Store(BOOT_FS_UUID, recorded);
+    Store(BOOT_FS_UUID, "uuid-a");
     Store(POST_LIVE_INSTALL_BOOT, marker);
     SetBootUuid(current);
     DBStore::faults::ResetCounts();
@@ -76,29 +68,14 @@ TEST_F(BootStateTest, CleanupBootStateRecordsTheBootedUuidAndResetsTheMarker) {
 
 TEST_F(BootStateTest, FailedReadsAndAMissingStoreNameWhatFailed) {
   const std::string missing = Path("/etc/talvex/configstore/current-store-1") + " does not exist";
-  struct Row {
-    bool noStore;  // else the first key read fails
-    std::function<void()> op;
-    std::string thrown;
-  } rows[] = {
-      {false, [] { GetBootMode(); }, "2000 Failed to read value for key BOOT_MODE"},
-      {false, [] { GetInstallInfo(); }, "2000 Failed to read value for key CS_INST_INFO_KEY"},
-      {false, CleanupBootState, "2000 Failed to read value for key BOOT_FS_UUID"},
-      {true, [] { SetLiveInstallBoot("true"); }, "2000 Failed to connect to database: " + missing},
-      {true, CleanupBootState, "2000 Failed to connect to database: " + missing},
-      {true, [] { SetInstallInfo("x"); }, "2000 Failed to connect to database. " + missing},
-      {true, [] { IsAutoConf(); }, "2000 Failed to read value for key IS_BOOT"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.thrown);
-    if (row.noStore) {
-      RemoveStore();
-    } else {
-      DBStore::faults::Arm(Kind::KvRead, 1, false);
-    }
-    EXPECT_EQ(Thrown(row.op), row.thrown);
-    DBStore::faults::Disarm();
-  }
+  DBStore::faults::Arm(Kind::KvRead, 1, true);
+  EXPECT_EQ(Thrown([] { GetBootMode(); }), "2000 Failed to read value for key BOOT_MODE");
+  EXPECT_EQ(Thrown(CleanupBootState), "2000 Failed to read value for key BOOT_FS_UUID");
+  DBStore::faults::Disarm();
+  RemoveStore();
+  EXPECT_EQ(Thrown([] { SetLiveInstallBoot("true"); }), "2000 Failed to connect to database: " + missing);
+  EXPECT_EQ(Thrown([] { GetInstallInfo(); }), "2000 Failed to connect to database. " + missing);
+  EXPECT_EQ(Thrown([] { IsAutoConf(); }), "2000 Failed to read value for key IS_BOOT");
   // The flag writers ignore the missing store and create none.
   EXPECT_NO_THROW(StartAutoConf());
   EXPECT_NO_THROW(EnableNexdNotification(true));

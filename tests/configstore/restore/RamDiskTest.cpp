@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <tuple>
 
 #include "configstore/boot/RamDisk.h"
 #include "platform/host/Mounts.h"
@@ -28,7 +29,6 @@ namespace {
 using ::testing::ElementsAre;
 
 constexpr const char* kStoreMount = "none /etc/talvex/configstore lumafs 0 32,32,0,0,0,00644,configstore";
-constexpr const char* kBackupMount = "none /var/lib/talvex/configstore/backup lumafs 0 32,32,0,0,0,00644,configstorebkp";
 constexpr const char* kStoreLimits = "/sys/plon/system/lumafs/ramdisks/configstore/memUsageLimit";
 
 class RamDiskTest : public cstest::SandboxTest {
@@ -39,49 +39,35 @@ class RamDiskTest : public cstest::SandboxTest {
   }
 };
 
+// Both ramdisks are mounted, the working one limited; a failure stops where it happens.
 TEST_F(RamDiskTest, MountsBothRamdisksAndLimitsTheWorkingOne) {
-  for (const char* features : {"45=off\n", "62=on\n45=on\n"}) {
-    SCOPED_TRACE(features);
-    Remove("/var");
-    Remove("/etc");
-    WriteFile("/etc/talvex/features", features);
-    EXPECT_EQ(SetupStoreRamDisk(), 0);
-    EXPECT_THAT(Host::RecordedMounts(),
-                ElementsAre(kStoreMount, features[1] == '5' ? kBackupMount
-                                                            : "none /var/lib/talvex/configstore/backup lumafs 0 "
-                                                              "0,32,0,0,0,00644,configstorebkp"));
-    EXPECT_EQ(ReadFile(kStoreLimits), "80 90\n");
-  }
-}
+  WriteFile("/etc/talvex/features", "62=on\n45=on\n");  // the reduced backup reservation
+  EXPECT_EQ(SetupStoreRamDisk(), 0);
+  EXPECT_THAT(Host::RecordedMounts(),
+              ElementsAre(kStoreMount, "none /var/lib/talvex/configstore/backup lumafs 0 0,32,0,0,0,00644,configstorebkp"));
+  EXPECT_EQ(ReadFile(kStoreLimits), "80 90\n");
 
-TEST_F(RamDiskTest, AFailureStopsWhereItHappens) {
-  struct Case {
-    const char* file;  // a file written where a directory belongs
-    std::string content;
-    std::string logged;  // "<operation>:<message>", also thrown
-    size_t mounts;
-  } cases[] = {
-      {"/sys/plon/.signature", "plon-nodes-v0\n", "SetupStoreRamdiskUsageLimits:PLON_CheckSig Failed", 1},
-      {"/etc/talvex", "x",
+  // a file written where a directory belongs, the operation and message logged (and thrown), mounts done
+  const std::tuple<const char*, std::string, size_t> cases[] = {
+      {"/sys/plon/.signature", "SetupStoreRamdiskUsageLimits:PLON_CheckSig Failed", 1},
+      {"/etc/talvex",
        "SetupStoreRamDisk:Failed to reserve memory for ConfigStore: cannot create " + Path("/etc/talvex/configstore") +
            ": Not a directory",
        0},
-      {"/var/lib/talvex", "x",
+      {"/var/lib/talvex",
        "SetupStoreRamDisk:Failed to reserve memory for ConfigStore backup: cannot create " +
            Path("/var/lib/talvex/configstore/backup") + ": Not a directory",
        1},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.file);
-    Remove("/etc");
-    Remove("/var");
-    Remove("/sys/plon/system");
+  for (const auto& [file, logged, mounts] : cases) {
+    SCOPED_TRACE(file);
+    for (const char* dir : {"/etc", "/var", "/sys/plon/system"}) Remove(dir);
     ASSERT_TRUE(PLON_WriteSignature());
-    WriteFile(c.file, c.content);
-    EXPECT_EQ(cstest::Thrown([] { SetupStoreRamDisk(); }), "2000 " + c.logged.substr(c.logged.find(':') + 1));
-    EXPECT_TRUE(log_.Contains("CONFIGSTORE:" + c.logged, CSLogger::PRIO_ERROR));
-    EXPECT_EQ(Host::RecordedMounts().size(), c.mounts);
-    EXPECT_EQ(Exists(kStoreLimits), c.mounts == 1 && c.file[1] != 's');
+    WriteFile(file, "x\n");
+    EXPECT_EQ(cstest::Thrown([] { SetupStoreRamDisk(); }), "2000 " + logged.substr(logged.find(':') + 1));
+    EXPECT_TRUE(log_.Contains("CONFIGSTORE:" + logged, CSLogger::PRIO_ERROR));
+    EXPECT_EQ(Host::RecordedMounts().size(), mounts);
+    EXPECT_EQ(Exists(kStoreLimits), mounts == 1 && file[1] != 's');
   }
 }
 

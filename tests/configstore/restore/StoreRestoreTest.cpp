@@ -37,19 +37,17 @@ class StoreRestoreTest : public cstest::SandboxTest {
   // A sound store of `type` at `hostPath` whose only row carries `marker` (and, for a configuration
   // store, whose boot mode is 1, as staged before a reboot). The working stores it was built in go.
   void WriteBackup(DBStore::Type type, const std::string& hostPath, const std::string& marker) {
+    const bool config = type == DBStore::CONFIG_STORE;
     ASSERT_EQ(DBStore::CreateDatabases(), 0);
-    {
-      DBStore::Connection conn = GetDBConnection(type, true);
-      ASSERT_EQ(DBStore::Exec(conn, type == DBStore::CONFIG_STORE
-                                        ? "INSERT INTO Config (Identifier, Name, ConfigGroup, Component, UserValue) "
-                                          "VALUES ('', 'key', 'group', 'comp', ?)"
-                                        : "INSERT INTO DataFileMetadata (Component, KEY, DirName, FileName) "
-                                          "VALUES ('comp', 'key', 'dir', ?)",
-                              marker),
-                0);
-      if (type == DBStore::CONFIG_STORE) {
-        ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", conn), 0);
-      }
+    ASSERT_EQ(DBStore::Exec(GetDBConnection(type, true),
+                            config ? "INSERT INTO Config (Identifier, Name, ConfigGroup, Component, UserValue) VALUES "
+                                     "('', 'k', 'g', 'c', ?1)"
+                                   : "INSERT INTO DataFileMetadata (Component, KEY, DirName, FileName) "
+                                     "VALUES ('c', 'k', 'dir', ?1)",
+                            marker),
+              0);
+    if (config) {
+      ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", GetDBConnection(type, true)), 0);
     }
     if (DBStore::StorePath(type) != Path(hostPath)) {
       fs::create_directories(fs::path(Path(hostPath)).parent_path());
@@ -72,13 +70,6 @@ class StoreRestoreTest : public cstest::SandboxTest {
     Strings ids;
     for (const auto& e : RecordedEvents()) ids.push_back(e.id);
     return ids;
-  }
-
-  // Restores (expecting `created`) and checks both working stores are sound.
-  void Restore(bool created) {
-    EXPECT_EQ(RestoreOrCreateStore(true), created);
-    EXPECT_EQ(DBStore::Check(Path(kStore)), 0);
-    EXPECT_EQ(DBStore::Check(Path(kDataFileStore)), 0);
   }
 };
 
@@ -118,7 +109,9 @@ TEST_F(StoreRestoreTest, ABackupIsRestoredWithItsBootModeElseANewStoreIsMade) {
     WriteBackup(DBStore::CONFIG_STORE, kStore, "stale");
     log_.Clear();
 
-    Restore(c.configRows.empty());
+    EXPECT_EQ(RestoreOrCreateStore(true), c.configRows.empty());
+    EXPECT_EQ(DBStore::Check(Path(kStore)), 0);
+    EXPECT_EQ(DBStore::Check(Path(kDataFileStore)), 0);
 
     EXPECT_EQ(Rows(DBStore::CONFIG_STORE), c.configRows);
     EXPECT_EQ(Rows(DBStore::DATAFILE_STORE), c.dataFileRows);

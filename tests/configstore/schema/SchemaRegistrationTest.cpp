@@ -18,9 +18,6 @@ namespace {
 using namespace QorConfigStore;
 using cstest::Strings;
 
-const std::string kNicSchema =
-    R"({"type": "object", "required": ["name"], "properties": {"name": {"type": "string", "instanceId": true},
-        "mtu": {"type": "integer", "minimum": 1280, "maximum": 9000}, "mac": {"type": "string", "vital": true}}})";
 constexpr const char* kImageProfile = "/var/db/talvex/imgdb/profile.xml";
 const std::string kValueSchema = R"({"type": "object", "properties": {"v": {"type": "string"}}})";
 
@@ -29,11 +26,9 @@ class SchemaRegistrationTest : public cstest::SchemaHostTest {
   // qor-base and net-core, the two schemas the sample image expects, with one key each.
   void WriteInstalledKits() const {
     WriteSchemaFile("qor-base.json", cstest::kBaseKit, cstest::kBaseVersion, Element("qor/network/dns", kValueSchema));
-    WriteSchemaFile("net-core.json", cstest::kNetKit, cstest::kNetVersion, Element("qor/network/nuknics", kNicSchema));
+    WriteSchemaFile("net-core.json", cstest::kNetKit, cstest::kNetVersion, Element("qor/network/nuknics", kValueSchema));
   }
-  static Strings InstalledRegistration() {
-    return {"qor/network/dns qor-base-8.0.2_1.0 1.0", "qor/network/nuknics net-core-1.2.3_4.5 1.0"};
-  }
+  const Strings installed_ = {"qor/network/dns qor-base-8.0.2_1.0 1.0", "qor/network/nuknics net-core-1.2.3_4.5 1.0"};
 };
 
 TEST_F(SchemaRegistrationTest, SmartnicPlacementDecidesWhereAnElementApplies) {
@@ -69,7 +64,7 @@ TEST_F(SchemaRegistrationTest, BadFilesFailAloneAndTheOthersRegister) {
   WriteSchemaFile("refused.json", "refused-kit", "1.0.0_0.0", Element("qor/refused/x", "5"));
 
   EXPECT_FALSE(ProcessSchemaFiles({"partial-kit-1.0.0_0.0", "refused-kit-1.0.0_0.0"}, false));
-  Strings registered = InstalledRegistration();
+  Strings registered = installed_;
   registered.push_back("qor/partial/first partial-kit-1.0.0_0.0 1.0");
   EXPECT_EQ(Registered(), registered);
   Strings events = EventList();
@@ -87,7 +82,7 @@ TEST_F(SchemaRegistrationTest, AFailedPassKeepsTheEarlierRegistration) {
   ASSERT_TRUE(ProcessSchemaFiles({}, false));
   const cstest::StoreDump before = cstest::DumpStores();
   // A pass that went through would replace one kit's key.
-  WriteSchemaFile("net-core.json", cstest::kNetKit, cstest::kNetVersion, Element("qor/network/other", kNicSchema));
+  WriteSchemaFile("net-core.json", cstest::kNetKit, cstest::kNetVersion, Element("qor/network/other", kValueSchema));
   for (bool versioning : {true, false}) {
     SetSwitches(versioning, true);
     WriteRawSchemaFile("broken.json", R"({"metadata": )");

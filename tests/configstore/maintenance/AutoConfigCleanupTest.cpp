@@ -18,12 +18,12 @@ TEST_F(MaintenanceTest, AutomaticValuesGoAndRowsWithoutValuesWithThem) {
   EXPECT_TRUE(log_.Contains("Cleanup failed: could not connect to ConfigStore", CSLogger::PRIO_ERROR));
   ASSERT_EQ(DBStore::CreateDatabases(), 0);
 
-  AddConfigRow("c", "g", "autoOnly", "", {"a"});
-  AddConfigRow("c", "g", "empty", "");
-  AddConfigRow("c", "g", "user", "", {"a", "u"});
-  AddConfigRow("c", "g", "vital", "", {"a", std::nullopt, "v"});
-  AddConfigRow("c", "g", "cached", "", {"a", std::nullopt, std::nullopt, "c"});
-  AddConfigRow("c", "g", "desired", "", {"a", std::nullopt, std::nullopt, std::nullopt, "d"});
+  AddConfigRow({"c", "g", "autoOnly", ""}, {"a"});
+  AddConfigRow({"c", "g", "empty", ""});
+  AddConfigRow({"c", "g", "user", ""}, {"a", "u"});
+  AddConfigRow({"c", "g", "vital", ""}, {"a", std::nullopt, "v"});
+  AddConfigRow({"c", "g", "cached", ""}, {"a", std::nullopt, std::nullopt, "c"});
+  AddConfigRow({"c", "g", "desired", ""}, {"a", std::nullopt, std::nullopt, std::nullopt, "d"});
   // The update of the automatic values, then the delete of the rows left empty.
   for (const auto& [nth, message] : {std::pair{1, "2000 Error removing auto configuration value."},
                                      std::pair{2, "2000 Error cleaning up config."}}) {

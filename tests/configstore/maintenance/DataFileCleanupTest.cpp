@@ -24,8 +24,8 @@ class DataFileCleanupTest : public MaintenanceTest {
   // dirA records a1, a2 and gone (deleted by hand); dirMissing is recorded but not on disk;
   // dirOrphan is on disk but not recorded; a stray file sits at the root.
   void Populate() {
-    for (const char* file : {"a1", "a2", "gone"}) AddDataFileRow("comp", "k", "dirA", file);
-    AddDataFileRow("comp", "m", "dirMissing", "x");
+    for (const char* file : {"a1", "a2", "gone"}) AddDataFileRow({"comp", "k", "dirA", file});
+    AddDataFileRow({"comp", "m", "dirMissing", "x"});
     for (const char* file : {"dirA/a1", "dirA/a2", "dirA/extra", "dirA/subdir/deep", "dirOrphan/x/y", "stray"}) {
       AddDataFile(file);
     }
@@ -43,7 +43,7 @@ TEST_F(DataFileCleanupTest, DiskAndRecordsAreReconciledBothWays) {
   EXPECT_FALSE(log_.Contains("", CSLogger::PRIO_ERROR));
 
   // A regular file in place of the root is no directory: the table is emptied, nothing touched.
-  AddDataFileRow("comp", "k", "dirB", "b1");
+  AddDataFileRow({"comp", "k", "dirB", "b1"});
   Remove(kDataFileRoot);
   WriteFile(kDataFileRoot, "not a directory");
   CleanupDataFiles();
@@ -56,8 +56,8 @@ TEST_F(DataFileCleanupTest, DiskAndRecordsAreReconciledBothWays) {
 // host root has nothing that is the host's to remove.
 TEST_F(DataFileCleanupTest, LinksAreRemovedAsLinksNeverFollowed) {
   WriteFile("/outside/victim", "keep me");
-  AddDataFileRow("comp", "k", "linked", "victim");
-  AddDataFileRow("comp", "k", "dirA", "inner");
+  AddDataFileRow({"comp", "k", "linked", "victim"});
+  AddDataFileRow({"comp", "k", "dirA", "inner"});
   AddDataFile("dirA/inner");
   fs::create_directory_symlink(Path("/outside"), RootPath("linked"));
   fs::create_symlink(Path("/outside/victim"), RootPath("dirA/link"));

@@ -25,11 +25,11 @@ class StoreCleanupTest : public MaintenanceTest {
     for (const auto& [component, group, key, id] : {std::tuple{"comp", "net", "nics", "eth0"}, {"comp", "net", "nics", "eth1"},
                                                     {"comp", "net", "routes", ""}, {"comp", "net", "gone", ""},
                                                     {"comp", "other", "nics", ""}, {"other", "net", "nics", ""}}) {
-      AddConfigRow(component, group, key, id, {std::nullopt, "u"});
+      AddConfigRow({component, group, key, id}, {std::nullopt, "u"});
     }
     for (const auto& [component, key, dir, file] : {std::tuple{"comp", "kept", "dirA", "a1"}, {"comp", "old", "dirB", "b1"},
                                                     {"comp", "old", "dirB", "b2"}, {"other", "kept", "dirC", "c1"}}) {
-      AddDataFileRow(component, key, dir, file);
+      AddDataFileRow({component, key, dir, file});
     }
     for (const char* file : {"dirA/a1", "dirB/b1", "dirB/sub/b2"}) AddDataFile(file);  // dirC is already gone
   }
@@ -60,7 +60,7 @@ TEST_F(StoreCleanupTest, RowsWithoutSchemaGoAndOutsideBootTheirDirectoriesOncePe
   }
   // Directory names that leave the data-file root are not removed.
   WriteFile("/var/cache/sibling/keep", "x");
-  for (const char* dir : {"", ".", "..", "../sibling", "dirA/.."}) AddDataFileRow("comp", "old", dir, "f");
+  for (const char* dir : {"", ".", "..", "../sibling", "dirA/.."}) AddDataFileRow({"comp", "old", dir, "f"});
   CleanupStore(false);
   EXPECT_EQ(DataFileRows(), kKeptDataFileRows);
   EXPECT_TRUE(DataFileExists("dirA/a1"));

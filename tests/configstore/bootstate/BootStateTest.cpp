@@ -1,19 +1,77 @@
-// Boot-state entries: what each operation stores and logs, and what happens when the store or a
-// read fails.
+// Boot state and the kind of boot, on a real store and a real signed node tree: what each
+// operation stores and logs, the order of the upgrade rules, the two ways of comparing boot
+// filesystem UUIDs, and what each answer does when a kernel node or the store cannot be read.
 #include <functional>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "configstore/bootstate/BootState.h"
 #include "configstore/bootstate/UpgradeDetection.h"
-#include "tests/configstore/bootstate/BootStateFixture.h"
+#include "platform/dbstore/DBStore.h"
+#include "platform/plon/Plon.h"
+#include "tests/support/Sandbox.h"
 
 namespace {
 
 using namespace QorConfigStore;
-using cstest::BootStateTest;
 using cstest::Thrown;
 using DBStore::faults::Kind;
+
+// A fresh configuration store and a node tree describing an ordinary disk boot, with words to
+// change the boot's facts and read back what the store holds.
+class BootStateTest : public cstest::SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+    ASSERT_TRUE(PLON_WriteSignature());
+    SetCmdLine("BOOT_IMAGE=/b.b00 ro quiet");
+    SetInstallerBoot(false);
+    SetPxeBoot(false);
+    SetBootUuid("5f1e2d3c-aaaa-bbbb-cccc-000000000001");
+    log_.Clear();
+  }
+  void TearDown() override {
+    DBStore::faults::Disarm();
+    SandboxTest::TearDown();
+  }
+
+  // Key-value entries, read and written straight through DBStore.
+  std::string Stored(const std::string& key) const {
+    std::string value = "<unreadable>";
+    EXPECT_EQ(DBStore::ReadKeyValue(key, &value, DBStore::GetConnection(DBStore::CONFIG_STORE, false)), 0) << key;
+    return value;
+  }
+  void Store(const std::string& key, const std::string& value) const {
+    ASSERT_EQ(DBStore::WriteKeyValue(key, value, DBStore::GetConnection(DBStore::CONFIG_STORE, true)), 0) << key;
+  }
+  void RemoveStore() const { Remove("/etc/talvex/configstore/current-store-1"); }
+
+  // Kernel facts of this boot.
+  void SetNode(const std::string& nodePath, const std::string& content) const {
+    ASSERT_TRUE(PLON_WriteNodeFile(nodePath, content)) << nodePath;
+  }
+  void RemoveNode(const std::string& nodePath) const { Remove("/sys/plon" + nodePath); }
+  void SetCmdLine(const std::string& line) const { SetNode("/system/bootCmdLine", line); }
+  void SetBootUuid(const std::string& uuid) const { SetNode("/system/bootFsUUID", uuid); }
+  void SetPxeBoot(bool pxe) const { SetNode("/system/bootMAC", pxe ? "00:50:56:aa:bb:cc" : ""); }
+  void SetInstallerBoot(bool installer) const {
+    SetNode("/system/bootOption", std::string("\0\0\0", 3) + (installer ? '\x01' : '\0'));
+  }
+  void SetFirstBoot(bool first) const {
+    first ? WriteFile(FIRSTBOOT_FILE, "") : Remove(FIRSTBOOT_FILE);
+  }
+  void BreakSignature() const { Remove("/sys/plon/.signature"); }
+
+  // True when some line of that priority holds exactly `text`.
+  bool Logged(const std::string& text, int priority) const {
+    for (const auto& line : log_.Lines()) {
+      if (line.priority == priority && line.text == text) return true;
+    }
+    return false;
+  }
+};
 
 TEST_F(BootStateTest, WritersStoreTheirExactTexts) {
   EXPECT_EQ(GetBootMode(), BOOT_MODE_DEFAULT) << "a store that never had a mode";
@@ -80,6 +138,128 @@ TEST_F(BootStateTest, FailedReadsAndAMissingStoreNameWhatFailed) {
   EXPECT_NO_THROW(StartAutoConf());
   EXPECT_NO_THROW(EnableNexdNotification(true));
   EXPECT_FALSE(Exists("/etc/talvex/configstore/current-store-1"));
+}
+
+struct BootFacts {
+  bool pxe = false, installer = false, ddImage = false, firstBoot = false, ferrin = false;
+  const char* liveMarker = "false";
+  const char* recordedUuid = "uuid-a";
+  const char* currentUuid = "uuid-a";
+  bool store = true;
+};
+
+class UpgradeDetectionTest : public BootStateTest {
+ protected:
+  void Boot(const BootFacts& f) {
+    SetPxeBoot(f.pxe);
+    SetInstallerBoot(f.installer);
+    SetCmdLine(std::string("ro") + (f.ddImage ? " qorDDImage" : "") + (f.ferrin ? " ferrinInstalled" : ""));
+    SetFirstBoot(f.firstBoot);
+    Store(POST_LIVE_INSTALL_BOOT, f.liveMarker);
+    Store(BOOT_FS_UUID, f.recordedUuid);
+    SetBootUuid(f.currentUuid);
+    if (!f.store) RemoveStore();
+    log_.Clear();
+  }
+
+  // The lines that announce an upgrade decision; a decided boot logs exactly one of them.
+  std::vector<std::string> DecisionsLogged() const {
+    std::vector<std::string> found;
+    for (const char* line : {"PXE boot, not considered upgrade.", "Installer boot, not considered upgrade.",
+                             "QOR DD image boot, not considered upgrade.", "First boot, not considerd upgrade.",
+                             "Ferrin installer upgrade: Config upgrade boot.", "Live install boot. No upgrade.",
+                             "Config upgrade boot"}) {
+      if (Logged(line, CSLogger::PRIO_INFO)) found.push_back(line);
+    }
+    return found;
+  }
+};
+
+TEST_F(UpgradeDetectionTest, FirstMatchingRuleDecides) {
+  const std::tuple<BootFacts, bool, std::vector<std::string>> rows[] = {
+      {{.pxe = true, .installer = true, .ddImage = true, .firstBoot = true, .ferrin = true, .currentUuid = "uuid-b"},
+       false, {"PXE boot, not considered upgrade."}},
+      {{.installer = true, .ddImage = true, .firstBoot = true, .ferrin = true, .currentUuid = "uuid-b"}, false,
+       {"Installer boot, not considered upgrade."}},
+      {{.ddImage = true, .firstBoot = true, .ferrin = true, .currentUuid = "uuid-b"}, false,
+       {"QOR DD image boot, not considered upgrade."}},
+      {{.firstBoot = true, .ferrin = true, .liveMarker = "true", .currentUuid = "uuid-b"}, false,
+       {"First boot, not considerd upgrade."}},
+      {{.ferrin = true, .liveMarker = "true", .store = false}, true, {"Ferrin installer upgrade: Config upgrade boot."}},
+      {{.liveMarker = "true", .currentUuid = "uuid-b"}, false, {"Live install boot. No upgrade."}},
+      {{.liveMarker = "TRUE", .currentUuid = "uuid-ab"}, true, {"Config upgrade boot"}},
+      {BootFacts{}, false, {}},
+      {{.recordedUuid = ""}, true, {"Config upgrade boot"}},
+      {BootFacts{.recordedUuid = "", .currentUuid = ""}, false, {}},
+  };
+  int row = 0;
+  for (const auto& [facts, upgrade, decision] : rows) {
+    SCOPED_TRACE(row++);
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+    Boot(facts);
+    EXPECT_EQ(IsUpgrade(), upgrade);
+    EXPECT_EQ(DecisionsLogged(), decision);
+    EXPECT_TRUE(RecordedEvents().empty());
+  }
+  // For the bootbank two empty UUIDs are a change.
+  for (const char* uuid : {"uuid-a", ""}) {
+    Boot({.recordedUuid = uuid, .currentUuid = uuid});
+    EXPECT_EQ(HasBootbankChanged(), *uuid == '\0');
+  }
+}
+
+TEST_F(UpgradeDetectionTest, UpgradeCheckFailureAnswersFalseWithEventWhileOthersThrow) {
+  const std::tuple<std::function<void()>, std::string, bool> rows[] = {
+      // what breaks, the error, whether HasBootbankChanged needs the same fact
+      {[this] { RemoveNode("/system/bootFsUUID"); }, "Failed to get boot fs uuid.", true},
+      {[this] { BreakSignature(); }, "Failed to invoke PLON_CheckSig", true},
+      {[this] { RemoveNode("/system/bootCmdLine"); }, "Failed to get boot command line", false},
+      {[this] { RemoveNode("/system/bootMAC"); }, "Failed to get boot nic mac address.", false},
+      {[this] { RemoveStore(); },
+       "Failed to connect to database. " + Path("/etc/talvex/configstore/current-store-1") + " does not exist", true},
+      {[] { DBStore::faults::Arm(Kind::KvRead, 1, false); },
+       "Failed to read value for key POST_LIVE_INSTALL_BOOT", false},
+  };
+  for (const auto& [breakIt, error, bootbankThrows] : rows) {
+    SCOPED_TRACE(error);
+    Remove("/var/log/configstore-events.jsonl");
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+    ASSERT_TRUE(PLON_WriteSignature());
+    SetNode("/system/bootMAC", "");
+    Boot({.currentUuid = "uuid-b"});
+    breakIt();
+    EXPECT_FALSE(IsUpgrade());
+    EXPECT_TRUE(Logged("Failed to check if upgrade: " + error, CSLogger::PRIO_ERROR));
+    EXPECT_TRUE(DecisionsLogged().empty());
+    EXPECT_EQ(Thrown([] { EXPECT_TRUE(HasBootbankChanged()); }), bootbankThrows ? "2000 " + error : "no exception");
+    std::vector<Events::Event> events = RecordedEvents();
+    ASSERT_EQ(events.size(), 1u) << "only IsUpgrade raises the event";
+    EXPECT_EQ(events[0].id, "zeb.user.cs.upgrade.config.error");
+    DBStore::faults::Disarm();
+  }
+}
+
+TEST_F(UpgradeDetectionTest, InstalledAndCommandLineWords) {
+  // MAC, option bytes ("": node missing), answer or error: only the fourth option byte marks the
+  // installer, and a network boot is decided before the option is read.
+  for (const auto& [bootMac, option, installed] :
+       {std::tuple<std::string, std::string, std::string>{"", std::string("\x01\x01\x01\x00", 4), "true"},
+        {"00:50:56:aa:bb:cc", "", "false"}, {"", std::string("\0\0\0\x01", 4), "false"},
+        {"", "", "2000 Failed to get PLON /system/bootOption"}}) {
+    SetNode("/system/bootMAC", bootMac);
+    option.empty() ? RemoveNode("/system/bootOption") : SetNode("/system/bootOption", option);
+    std::string answer;
+    const std::string thrown = Thrown([&] { answer = IsInstalled() ? "true" : "false"; });
+    EXPECT_EQ(thrown == "no exception" ? answer : thrown, installed);
+  }
+  // Words are matched anywhere, in their case; a command line that fills its whole 4096-byte
+  // record has no NUL of its own.
+  SetCmdLine("ro xferrinInstalledx FerrinInstalled no-configupgrade-ZPAN");
+  EXPECT_TRUE(IsFerrinInstalled());
+  EXPECT_FALSE(IsDebugUpgrade());
+  SetCmdLine(std::string(4096 - 15, 'x') + "ferrinInstalled" + "no-configupgrade-zpan");
+  EXPECT_TRUE(IsFerrinInstalled());
+  EXPECT_FALSE(IsDebugUpgrade()) << "the word past the record is not seen";
 }
 
 }  // namespace

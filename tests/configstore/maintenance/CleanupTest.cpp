@@ -1,0 +1,307 @@
+// The cleanups over real stores and a real data-file root: CleanupAutoConfig (automatic values
+// cleared, rows left without any value dropped), CleanupDataFiles (the root and DataFileMetadata
+// reconciled both ways) and CleanupStore (rows without a schema, and outside boot their orphaned
+// directories; each half stops at its own failure only). What each failing statement leaves in
+// the stores is swept (tests/reliability/sweeps); here, the results and how failures are reported.
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "configstore/frame/CallFrame.h"
+#include "configstore/maintenance/Cleanup.h"
+#include "tests/support/Sandbox.h"
+#include "tests/support/StoreRows.h"
+
+namespace fs = std::filesystem;
+
+namespace QorConfigStore {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using Kind = DBStore::faults::Kind;
+
+// A sandbox with all three stores created: schemas registered, rows written, rows and directories read back.
+class MaintenanceTest : public cstest::SandboxTest {
+ protected:
+  using Strings = std::vector<std::string>;
+  static constexpr const char* kDataFileRoot = "/var/cache/datafiles";
+
+  void SetUp() override {
+    SandboxTest::SetUp();
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+  }
+  void TearDown() override {
+    DBStore::faults::Disarm();
+    SandboxTest::TearDown();
+  }
+
+  // A row of the schema store's ConfigSchema ({component, group, key}) or DataFileSchema ({component, key}).
+  void AddSchema(const Strings& columns) {
+    DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
+    ASSERT_EQ(DBStore::AttachSchemaStore(conn), 0);
+    ASSERT_EQ(DBStore::Exec(conn,
+                            columns.size() == 3
+                                ? "INSERT INTO ss.ConfigSchema (Component, ConfigGroup, Name) VALUES (?, ?, ?)"
+                                : "INSERT INTO ss.DataFileSchema (Component, KEY) VALUES (?, ?)",
+                            columns),
+              0);
+  }
+  // {component, group, key, id}, then AutoConfValue, UserValue, VitalValue, CachedValue, DesiredValue.
+  void AddConfigRow(const Strings& name, std::vector<std::optional<std::string>> values = {}) {
+    values.resize(5);
+    ASSERT_EQ(DBStore::Exec(GetDBConnection(DBStore::CONFIG_STORE, true),
+                            "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, AutoConfValue, UserValue, "
+                            "VitalValue, CachedValue, DesiredValue) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)",
+                            name[0], name[1], name[2], name[3], values),
+              0);
+  }
+  // {component, key, directory, file}
+  void AddDataFileRow(const Strings& columns) {
+    ASSERT_EQ(DBStore::Exec(GetDBConnection(DBStore::DATAFILE_STORE, true),
+                            "INSERT INTO DataFileMetadata (Component, KEY, DirName, FileName) VALUES (?, ?, ?, ?)",
+                            columns),
+              0);
+  }
+  // The rows of `sql` on the store of `type`, columns "|"-joined (NULL as "-"), sorted.
+  Strings Rows(DBStore::Type type, const char* sql) {
+    Strings rows = cstest::JoinedRows(GetDBConnection(type, true), sql, "-");
+    std::sort(rows.begin(), rows.end());
+    return rows;
+  }
+  Strings DataFileRows() {
+    return Rows(DBStore::DATAFILE_STORE, "SELECT Component, KEY, DirName, FileName FROM DataFileMetadata");
+  }
+  // A file (and its directories) under the data-file root, and whether something is there.
+  void AddDataFile(const std::string& relative) { WriteFile(std::string(kDataFileRoot) + "/" + relative, "data"); }
+  bool DataFileExists(const std::string& relative) const { return Exists(std::string(kDataFileRoot) + "/" + relative); }
+  Strings EventIds() const {
+    Strings ids;
+    for (const auto& e : RecordedEvents()) ids.push_back(e.id);
+    return ids;
+  }
+};
+
+TEST_F(MaintenanceTest, AutomaticValuesGoAndRowsWithoutValuesWithThem) {
+  Remove("/etc/talvex/configstore/current-store-1");
+  EXPECT_NO_THROW(CleanupAutoConfig());
+  EXPECT_TRUE(log_.Contains("Cleanup failed: could not connect to ConfigStore", CSLogger::PRIO_ERROR));
+  ASSERT_EQ(DBStore::CreateDatabases(), 0);
+
+  AddConfigRow({"c", "g", "autoOnly", ""}, {"a"});
+  AddConfigRow({"c", "g", "empty", ""});
+  AddConfigRow({"c", "g", "user", ""}, {"a", "u"});
+  AddConfigRow({"c", "g", "vital", ""}, {"a", std::nullopt, "v"});
+  AddConfigRow({"c", "g", "cached", ""}, {"a", std::nullopt, std::nullopt, "c"});
+  AddConfigRow({"c", "g", "desired", ""}, {"a", std::nullopt, std::nullopt, std::nullopt, "d"});
+  // The update of the automatic values, then the delete of the rows left empty.
+  for (const auto& [nth, message] : {std::pair{1, "2000 Error removing auto configuration value."},
+                                     std::pair{2, "2000 Error cleaning up config."}}) {
+    DBStore::faults::Arm(Kind::Prepare, nth, false);
+    EXPECT_EQ(cstest::Thrown(CleanupAutoConfig), message);
+    DBStore::faults::Disarm();
+  }
+  CleanupAutoConfig();
+  EXPECT_THAT(Rows(DBStore::CONFIG_STORE, "SELECT Name, AutoConfValue, UserValue, VitalValue, CachedValue, DesiredValue FROM Config"),
+              testing::ElementsAre("cached|-|-|-|c|-", "desired|-|-|-|-|d", "user|-|u|-|-|-", "vital|-|-|v|-|-"));
+}
+
+constexpr const char* kEvent = "zeb.user.cs.dfs.cleanup.error";
+
+class DataFileCleanupTest : public MaintenanceTest {
+ protected:
+  std::string RootPath(const std::string& relative) const { return Path(kDataFileRoot) + "/" + relative; }
+
+  // dirA records a1, a2 and gone (deleted by hand); dirMissing is recorded but not on disk;
+  // dirOrphan is on disk but not recorded; a stray file sits at the root.
+  void Populate() {
+    for (const char* file : {"a1", "a2", "gone"}) AddDataFileRow({"comp", "k", "dirA", file});
+    AddDataFileRow({"comp", "m", "dirMissing", "x"});
+    for (const char* file : {"dirA/a1", "dirA/a2", "dirA/extra", "dirA/subdir/deep", "dirOrphan/x/y", "stray"}) {
+      AddDataFile(file);
+    }
+  }
+};
+
+TEST_F(DataFileCleanupTest, DiskAndRecordsAreReconciledBothWays) {
+  Populate();
+  CleanupDataFiles();
+  EXPECT_THAT(DataFileRows(), ElementsAre("comp|k|dirA|a1", "comp|k|dirA|a2"));
+  for (const char* file : {"dirA/a1", "dirA/a2", "dirA/extra", "dirA/subdir", "dirOrphan", "stray"}) {
+    EXPECT_EQ(DataFileExists(file), std::string(file).rfind("dirA/a", 0) == 0) << file;
+  }
+  EXPECT_TRUE(log_.Contains("CleanupDataFiles completed", CSLogger::PRIO_INFO));
+  EXPECT_FALSE(log_.Contains("", CSLogger::PRIO_ERROR));
+
+  // A regular file in place of the root is no directory: the table is emptied, nothing touched.
+  AddDataFileRow({"comp", "k", "dirB", "b1"});
+  Remove(kDataFileRoot);
+  WriteFile(kDataFileRoot, "not a directory");
+  CleanupDataFiles();
+  EXPECT_THAT(DataFileRows(), IsEmpty());
+  EXPECT_EQ(ReadFile(kDataFileRoot), "not a directory");
+  EXPECT_THAT(EventIds(), IsEmpty());
+}
+
+// Links are removed as links, never followed; a data-file root that is itself a link out of the
+// host root has nothing that is the host's to remove.
+TEST_F(DataFileCleanupTest, LinksAreRemovedAsLinksNeverFollowed) {
+  WriteFile("/outside/victim", "keep me");
+  AddDataFileRow({"comp", "k", "linked", "victim"});
+  AddDataFileRow({"comp", "k", "dirA", "inner"});
+  AddDataFile("dirA/inner");
+  fs::create_directory_symlink(Path("/outside"), RootPath("linked"));
+  fs::create_symlink(Path("/outside/victim"), RootPath("dirA/link"));
+
+  CleanupDataFiles();
+
+  EXPECT_EQ(ReadFile("/outside/victim"), "keep me");
+  EXPECT_FALSE(fs::is_symlink(RootPath("linked")));
+  EXPECT_FALSE(fs::is_symlink(RootPath("dirA/link")));
+  EXPECT_THAT(DataFileRows(), ElementsAre("comp|k|dirA|inner"));
+
+  const fs::path outside = root_ + "-outside";
+  fs::create_directories(outside / "unrecorded");
+  Remove(kDataFileRoot);
+  fs::create_directory_symlink(outside, Path(kDataFileRoot));
+  CleanupDataFiles();
+  EXPECT_TRUE(fs::exists(outside / "unrecorded"));
+  EXPECT_TRUE(log_.Contains("lies outside the host root", CSLogger::PRIO_ERROR));
+  fs::remove_all(outside);
+}
+
+// The files on disk only a completed read may touch.
+TEST_F(DataFileCleanupTest, StoreFailuresAreLoggedAndRaised) {
+  struct Case {
+    bool removeRoot, removeStore;
+    Kind kind;
+    int nth;  // 0: nothing armed
+    const char* errorLine;
+    bool diskCleaned;
+  } cases[] = {
+      {false, true, Kind::Prepare, 0, "Datafile store cleanup failed: could not connect", false},
+      {false, false, Kind::Prepare, 1, "CleanupDataFiles read sql command failed", false},
+      {false, false, Kind::Step, 2, "CleanupDataFiles read sql command failed", false},
+      {true, false, Kind::Prepare, 2, "CleanupDataFiles clear sql command failed", false},
+      {false, false, Kind::Prepare, 2, "CleanupDataFiles failed to clearup metadata", true},  // disk already put right
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.errorLine);
+    Remove("/etc");
+    Remove("/var");
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+    Populate();
+    if (c.removeRoot) Remove(kDataFileRoot);
+    if (c.removeStore) Remove("/etc/talvex/configstore/datafile-store");
+    log_.Clear();
+    if (c.nth > 0) DBStore::faults::Arm(c.kind, c.nth, false);
+    EXPECT_NO_THROW(CleanupDataFiles());
+    DBStore::faults::Disarm();
+
+    EXPECT_TRUE(log_.Contains(c.errorLine, CSLogger::PRIO_ERROR));
+    EXPECT_FALSE(log_.Contains("CleanupDataFiles completed"));
+    EXPECT_EQ(EventIds(), Strings{kEvent});
+    EXPECT_EQ(DataFileExists("stray"), !c.diskCleaned && !c.removeRoot);
+  }
+}
+
+class StoreCleanupTest : public MaintenanceTest {
+ protected:
+  // Schemas for comp/net/{nics,routes} and the data-file key comp/kept; rows that match them and
+  // rows that miss them by one column each; orphaned data-file rows in dirB (twice) and dirC.
+  void Populate() {
+    AddSchema({"comp", "net", "nics"});
+    AddSchema({"comp", "net", "routes"});
+    AddSchema({"comp", "kept"});
+    // The last three miss a schema by key, group and component.
+    for (const auto& [component, group, key, id] : {std::tuple{"comp", "net", "nics", "eth0"}, {"comp", "net", "nics", "eth1"},
+                                                    {"comp", "net", "routes", ""}, {"comp", "net", "gone", ""},
+                                                    {"comp", "other", "nics", ""}, {"other", "net", "nics", ""}}) {
+      AddConfigRow({component, group, key, id}, {std::nullopt, "u"});
+    }
+    for (const auto& [component, key, dir, file] : {std::tuple{"comp", "kept", "dirA", "a1"}, {"comp", "old", "dirB", "b1"},
+                                                    {"comp", "old", "dirB", "b2"}, {"other", "kept", "dirC", "c1"}}) {
+      AddDataFileRow({component, key, dir, file});
+    }
+    for (const char* file : {"dirA/a1", "dirB/b1", "dirB/sub/b2"}) AddDataFile(file);  // dirC is already gone
+  }
+
+  const std::vector<std::string> kKeptConfigRows = {"comp|net|nics|eth0", "comp|net|nics|eth1", "comp|net|routes|"};
+  const std::vector<std::string> kKeptDataFileRows = {"comp|kept|dirA|a1"};
+};
+
+TEST_F(StoreCleanupTest, RowsWithoutSchemaGoAndOutsideBootTheirDirectoriesOncePerName) {
+  for (bool atBoot : {true, false}) {
+    SCOPED_TRACE(atBoot ? "at boot" : "live");
+    Remove("/etc");
+    Remove("/var");
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+    Populate();
+    log_.Clear();
+
+    CleanupStore(atBoot);
+
+    EXPECT_EQ(Rows(DBStore::CONFIG_STORE, "SELECT Component, ConfigGroup, Name, Identifier FROM Config"), kKeptConfigRows);
+    EXPECT_EQ(DataFileRows(), kKeptDataFileRows);
+    EXPECT_TRUE(DataFileExists("dirA/a1"));
+    EXPECT_EQ(DataFileExists("dirB"), atBoot);
+    EXPECT_EQ(log_.Count("Cleanup datafile directory: dirB"), atBoot ? 0u : 1u);
+    EXPECT_EQ(log_.Contains("Cleanup datafile directory: dirC"), !atBoot) << "a directory already gone is no failure";
+    EXPECT_TRUE(log_.Contains("Cleanup data file store completed", CSLogger::PRIO_INFO));
+    EXPECT_FALSE(log_.Contains("failed"));
+  }
+  // Directory names that leave the data-file root are not removed.
+  WriteFile("/var/cache/sibling/keep", "x");
+  for (const char* dir : {"", ".", "..", "../sibling", "dirA/.."}) AddDataFileRow({"comp", "old", dir, "f"});
+  CleanupStore(false);
+  EXPECT_EQ(DataFileRows(), kKeptDataFileRows);
+  EXPECT_TRUE(DataFileExists("dirA/a1"));
+  EXPECT_TRUE(Exists("/var/cache/sibling/keep"));
+  EXPECT_EQ(log_.Count("not a plain name"), 5u);
+}
+
+TEST_F(StoreCleanupTest, EachFailureIsNamedAndEndsOnlyItsOwnHalf) {
+  struct Case {
+    std::string removeStore;  // a store file taken away first
+    Kind kind;
+    int nth;  // 0: nothing armed
+    bool atBoot;
+    std::string errorLine;
+    bool configHalfFails;  // else the data-file half fails
+  } cases[] = {
+      {"current-store-1", Kind::Attach, 0, false, "ConfigStore cleanup failed: could not connect", true},
+      {"", Kind::Attach, 1, false, "ConfigStore cleanup failed: could not attach to SchemaStore", true},
+      {"", Kind::Prepare, 1, false, "ConfigStore cleanup failed: SQL command unsuccessful", true},
+      {"datafile-store", Kind::Attach, 0, false, "Datafile store cleanup failed: could not connect", false},
+      {"", Kind::Attach, 2, false, "Datafile store cleanup failed: could not attach to data file schemas", false},
+      {"", Kind::Prepare, 2, false, "Datafile live cleanup failed: read dir SQL command unsuccessful", false},
+      {"", Kind::Prepare, 3, false, "Datafile cleanup failed: SQL command unsuccessful", false},
+      {"", Kind::Prepare, 2, true, "Datafile cleanup failed: SQL command unsuccessful", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.errorLine);
+    Remove("/etc");
+    Remove("/var");
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+    Populate();
+    if (!c.removeStore.empty()) Remove("/etc/talvex/configstore/" + c.removeStore);
+    log_.Clear();
+    if (c.nth > 0) DBStore::faults::Arm(c.kind, c.nth, false);
+
+    CleanupStore(c.atBoot);
+    DBStore::faults::Disarm();
+
+    EXPECT_TRUE(log_.Contains(c.errorLine, CSLogger::PRIO_ERROR));
+    // The orphaned directory goes with a data-file half that ran through.
+    EXPECT_EQ(DataFileExists("dirB"), !c.configHalfFails);
+    EXPECT_EQ(log_.Contains("Cleanup data file store completed"), c.configHalfFails);
+  }
+}
+
+}  // namespace
+}  // namespace QorConfigStore

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -85,6 +86,28 @@ class MaintenanceTest : public cstest::SandboxTest {
     for (const auto& e : RecordedEvents()) ids.push_back(e.id);
     return ids;
   }
+
+  // Schemas for comp/net/{nics,routes} and the data-file key comp/kept; configuration rows that
+  // match them and rows that miss them by one column each. Data-file records: dirA/gone deleted by
+  // hand, dirB's key without a schema, dirC missing from disk; on disk besides: files and a
+  // directory nobody recorded, a stray file at the root.
+  void Populate() {
+    AddSchema({"comp", "net", "nics"});
+    AddSchema({"comp", "net", "routes"});
+    AddSchema({"comp", "kept"});
+    for (const auto& [component, group, key, id] : {std::tuple{"comp", "net", "nics", "eth0"}, {"comp", "net", "nics", "eth1"},
+                                                    {"comp", "net", "routes", ""}, {"comp", "net", "gone", ""},
+                                                    {"comp", "other", "nics", ""}, {"other", "net", "nics", ""}}) {
+      AddConfigRow({component, group, key, id}, {std::nullopt, "u"});
+    }
+    for (const auto& [component, key, dir, file] : {std::tuple{"comp", "kept", "dirA", "a1"}, {"comp", "kept", "dirA", "gone"},
+                                                    {"comp", "old", "dirB", "b1"}, {"other", "kept", "dirC", "c1"}}) {
+      AddDataFileRow({component, key, dir, file});
+    }
+    for (const char* file : {"dirA/a1", "dirA/extra", "dirA/subdir/deep", "dirB/b1", "dirOrphan/x/y", "stray"}) {
+      AddDataFile(file);
+    }
+  }
 };
 
 TEST_F(MaintenanceTest, AutomaticValuesGoAndRowsWithoutValuesWithThem) {
@@ -111,35 +134,16 @@ TEST_F(MaintenanceTest, AutomaticValuesGoAndRowsWithoutValuesWithThem) {
               testing::ElementsAre("cached|-|-|-|c|-", "desired|-|-|-|-|d", "user|-|u|-|-|-", "vital|-|-|v|-|-"));
 }
 
-constexpr const char* kEvent = "zeb.user.cs.dfs.cleanup.error";
-
-class DataFileCleanupTest : public MaintenanceTest {
- protected:
-  std::string RootPath(const std::string& relative) const { return Path(kDataFileRoot) + "/" + relative; }
-
-  // dirA records a1, a2 and gone (deleted by hand); dirMissing is recorded but not on disk;
-  // dirOrphan is on disk but not recorded; a stray file sits at the root.
-  void Populate() {
-    for (const char* file : {"a1", "a2", "gone"}) AddDataFileRow({"comp", "k", "dirA", file});
-    AddDataFileRow({"comp", "m", "dirMissing", "x"});
-    for (const char* file : {"dirA/a1", "dirA/a2", "dirA/extra", "dirA/subdir/deep", "dirOrphan/x/y", "stray"}) {
-      AddDataFile(file);
-    }
-  }
-};
-
-TEST_F(DataFileCleanupTest, DiskAndRecordsAreReconciledBothWays) {
+TEST_F(MaintenanceTest, DataFileDiskAndRecordsAreReconciledBothWays) {
   Populate();
   CleanupDataFiles();
-  EXPECT_THAT(DataFileRows(), ElementsAre("comp|k|dirA|a1", "comp|k|dirA|a2"));
-  for (const char* file : {"dirA/a1", "dirA/a2", "dirA/extra", "dirA/subdir", "dirOrphan", "stray"}) {
-    EXPECT_EQ(DataFileExists(file), std::string(file).rfind("dirA/a", 0) == 0) << file;
-  }
+  EXPECT_EQ(DataFileRows(), (Strings{"comp|kept|dirA|a1", "comp|old|dirB|b1"}));
+  for (const char* file : {"dirA/a1", "dirB/b1"}) EXPECT_TRUE(DataFileExists(file)) << file;
+  for (const char* file : {"dirA/extra", "dirA/subdir", "dirOrphan", "stray"}) EXPECT_FALSE(DataFileExists(file)) << file;
   EXPECT_TRUE(log_.Contains("CleanupDataFiles completed", CSLogger::PRIO_INFO));
   EXPECT_FALSE(log_.Contains("", CSLogger::PRIO_ERROR));
 
   // A regular file in place of the root is no directory: the table is emptied, nothing touched.
-  AddDataFileRow({"comp", "k", "dirB", "b1"});
   Remove(kDataFileRoot);
   WriteFile(kDataFileRoot, "not a directory");
   CleanupDataFiles();
@@ -150,19 +154,18 @@ TEST_F(DataFileCleanupTest, DiskAndRecordsAreReconciledBothWays) {
 
 // Links are removed as links, never followed; a data-file root that is itself a link out of the
 // host root has nothing that is the host's to remove.
-TEST_F(DataFileCleanupTest, LinksAreRemovedAsLinksNeverFollowed) {
+TEST_F(MaintenanceTest, DataFileLinksAreRemovedAsLinksNeverFollowed) {
+  const std::string root = Path(kDataFileRoot) + "/";
   WriteFile("/outside/victim", "keep me");
   AddDataFileRow({"comp", "k", "linked", "victim"});
   AddDataFileRow({"comp", "k", "dirA", "inner"});
   AddDataFile("dirA/inner");
-  fs::create_directory_symlink(Path("/outside"), RootPath("linked"));
-  fs::create_symlink(Path("/outside/victim"), RootPath("dirA/link"));
-
+  fs::create_directory_symlink(Path("/outside"), root + "linked");
+  fs::create_symlink(Path("/outside/victim"), root + "dirA/link");
   CleanupDataFiles();
-
   EXPECT_EQ(ReadFile("/outside/victim"), "keep me");
-  EXPECT_FALSE(fs::is_symlink(RootPath("linked")));
-  EXPECT_FALSE(fs::is_symlink(RootPath("dirA/link")));
+  EXPECT_FALSE(fs::is_symlink(root + "linked"));
+  EXPECT_FALSE(fs::is_symlink(root + "dirA/link"));
   EXPECT_THAT(DataFileRows(), ElementsAre("comp|k|dirA|inner"));
 
   const fs::path outside = root_ + "-outside";
@@ -175,67 +178,7 @@ TEST_F(DataFileCleanupTest, LinksAreRemovedAsLinksNeverFollowed) {
   fs::remove_all(outside);
 }
 
-// The files on disk only a completed read may touch.
-TEST_F(DataFileCleanupTest, StoreFailuresAreLoggedAndRaised) {
-  struct Case {
-    bool removeRoot, removeStore;
-    Kind kind;
-    int nth;  // 0: nothing armed
-    const char* errorLine;
-    bool diskCleaned;
-  } cases[] = {
-      {false, true, Kind::Prepare, 0, "Datafile store cleanup failed: could not connect", false},
-      {false, false, Kind::Prepare, 1, "CleanupDataFiles read sql command failed", false},
-      {false, false, Kind::Step, 2, "CleanupDataFiles read sql command failed", false},
-      {true, false, Kind::Prepare, 2, "CleanupDataFiles clear sql command failed", false},
-      {false, false, Kind::Prepare, 2, "CleanupDataFiles failed to clearup metadata", true},  // disk already put right
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.errorLine);
-    Remove("/etc");
-    Remove("/var");
-    ASSERT_EQ(DBStore::CreateDatabases(), 0);
-    Populate();
-    if (c.removeRoot) Remove(kDataFileRoot);
-    if (c.removeStore) Remove("/etc/talvex/configstore/datafile-store");
-    log_.Clear();
-    if (c.nth > 0) DBStore::faults::Arm(c.kind, c.nth, false);
-    EXPECT_NO_THROW(CleanupDataFiles());
-    DBStore::faults::Disarm();
-
-    EXPECT_TRUE(log_.Contains(c.errorLine, CSLogger::PRIO_ERROR));
-    EXPECT_FALSE(log_.Contains("CleanupDataFiles completed"));
-    EXPECT_EQ(EventIds(), Strings{kEvent});
-    EXPECT_EQ(DataFileExists("stray"), !c.diskCleaned && !c.removeRoot);
-  }
-}
-
-class StoreCleanupTest : public MaintenanceTest {
- protected:
-  // Schemas for comp/net/{nics,routes} and the data-file key comp/kept; rows that match them and
-  // rows that miss them by one column each; orphaned data-file rows in dirB (twice) and dirC.
-  void Populate() {
-    AddSchema({"comp", "net", "nics"});
-    AddSchema({"comp", "net", "routes"});
-    AddSchema({"comp", "kept"});
-    // The last three miss a schema by key, group and component.
-    for (const auto& [component, group, key, id] : {std::tuple{"comp", "net", "nics", "eth0"}, {"comp", "net", "nics", "eth1"},
-                                                    {"comp", "net", "routes", ""}, {"comp", "net", "gone", ""},
-                                                    {"comp", "other", "nics", ""}, {"other", "net", "nics", ""}}) {
-      AddConfigRow({component, group, key, id}, {std::nullopt, "u"});
-    }
-    for (const auto& [component, key, dir, file] : {std::tuple{"comp", "kept", "dirA", "a1"}, {"comp", "old", "dirB", "b1"},
-                                                    {"comp", "old", "dirB", "b2"}, {"other", "kept", "dirC", "c1"}}) {
-      AddDataFileRow({component, key, dir, file});
-    }
-    for (const char* file : {"dirA/a1", "dirB/b1", "dirB/sub/b2"}) AddDataFile(file);  // dirC is already gone
-  }
-
-  const std::vector<std::string> kKeptConfigRows = {"comp|net|nics|eth0", "comp|net|nics|eth1", "comp|net|routes|"};
-  const std::vector<std::string> kKeptDataFileRows = {"comp|kept|dirA|a1"};
-};
-
-TEST_F(StoreCleanupTest, RowsWithoutSchemaGoAndOutsideBootTheirDirectoriesOncePerName) {
+TEST_F(MaintenanceTest, StoreRowsWithoutSchemaGoAndOutsideBootTheirDirectories) {
   for (bool atBoot : {true, false}) {
     SCOPED_TRACE(atBoot ? "at boot" : "live");
     Remove("/etc");
@@ -243,14 +186,12 @@ TEST_F(StoreCleanupTest, RowsWithoutSchemaGoAndOutsideBootTheirDirectoriesOncePe
     ASSERT_EQ(DBStore::CreateDatabases(), 0);
     Populate();
     log_.Clear();
-
     CleanupStore(atBoot);
-
-    EXPECT_EQ(Rows(DBStore::CONFIG_STORE, "SELECT Component, ConfigGroup, Name, Identifier FROM Config"), kKeptConfigRows);
-    EXPECT_EQ(DataFileRows(), kKeptDataFileRows);
+    EXPECT_EQ(Rows(DBStore::CONFIG_STORE, "SELECT Component, ConfigGroup, Name, Identifier FROM Config"),
+              (Strings{"comp|net|nics|eth0", "comp|net|nics|eth1", "comp|net|routes|"}));
+    EXPECT_EQ(DataFileRows(), (Strings{"comp|kept|dirA|a1", "comp|kept|dirA|gone"}));
     EXPECT_TRUE(DataFileExists("dirA/a1"));
     EXPECT_EQ(DataFileExists("dirB"), atBoot);
-    EXPECT_EQ(log_.Count("Cleanup datafile directory: dirB"), atBoot ? 0u : 1u);
     EXPECT_EQ(log_.Contains("Cleanup datafile directory: dirC"), !atBoot) << "a directory already gone is no failure";
     EXPECT_TRUE(log_.Contains("Cleanup data file store completed", CSLogger::PRIO_INFO));
     EXPECT_FALSE(log_.Contains("failed"));
@@ -259,29 +200,37 @@ TEST_F(StoreCleanupTest, RowsWithoutSchemaGoAndOutsideBootTheirDirectoriesOncePe
   WriteFile("/var/cache/sibling/keep", "x");
   for (const char* dir : {"", ".", "..", "../sibling", "dirA/.."}) AddDataFileRow({"comp", "old", dir, "f"});
   CleanupStore(false);
-  EXPECT_EQ(DataFileRows(), kKeptDataFileRows);
   EXPECT_TRUE(DataFileExists("dirA/a1"));
   EXPECT_TRUE(Exists("/var/cache/sibling/keep"));
   EXPECT_EQ(log_.Count("not a plain name"), 5u);
 }
 
-TEST_F(StoreCleanupTest, EachFailureIsNamedAndEndsOnlyItsOwnHalf) {
+// Each failure is named; a CleanupStore half ends at its own failure only (the other half's work,
+// dirB, is done), and only a completed read of CleanupDataFiles may touch the disk (the stray file).
+TEST_F(MaintenanceTest, EachFailureIsNamedAndEndsOnlyItsOwnPart) {
+  const auto store = [] { CleanupStore(false); };
   struct Case {
+    std::function<void()> op;
     std::string removeStore;  // a store file taken away first
     Kind kind;
     int nth;  // 0: nothing armed
-    bool atBoot;
     std::string errorLine;
-    bool configHalfFails;  // else the data-file half fails
+    bool dirBLeft, strayLeft;
   } cases[] = {
-      {"current-store-1", Kind::Attach, 0, false, "ConfigStore cleanup failed: could not connect", true},
-      {"", Kind::Attach, 1, false, "ConfigStore cleanup failed: could not attach to SchemaStore", true},
-      {"", Kind::Prepare, 1, false, "ConfigStore cleanup failed: SQL command unsuccessful", true},
-      {"datafile-store", Kind::Attach, 0, false, "Datafile store cleanup failed: could not connect", false},
-      {"", Kind::Attach, 2, false, "Datafile store cleanup failed: could not attach to data file schemas", false},
-      {"", Kind::Prepare, 2, false, "Datafile live cleanup failed: read dir SQL command unsuccessful", false},
-      {"", Kind::Prepare, 3, false, "Datafile cleanup failed: SQL command unsuccessful", false},
-      {"", Kind::Prepare, 2, true, "Datafile cleanup failed: SQL command unsuccessful", false},
+      {store, "current-store-1", Kind::Attach, 0, "ConfigStore cleanup failed: could not connect", false, true},
+      {store, "", Kind::Attach, 1, "ConfigStore cleanup failed: could not attach to SchemaStore", false, true},
+      {store, "", Kind::Prepare, 1, "ConfigStore cleanup failed: SQL command unsuccessful", false, true},
+      {store, "datafile-store", Kind::Attach, 0, "Datafile store cleanup failed: could not connect", true, true},
+      {store, "", Kind::Attach, 2, "Datafile store cleanup failed: could not attach to data file schemas", true, true},
+      {store, "", Kind::Prepare, 2, "Datafile live cleanup failed: read dir SQL command unsuccessful", true, true},
+      {store, "", Kind::Prepare, 3, "Datafile cleanup failed: SQL command unsuccessful", true, true},
+      {[] { CleanupStore(true); }, "", Kind::Prepare, 2, "Datafile cleanup failed: SQL command unsuccessful", true,
+       true},
+      {CleanupDataFiles, "datafile-store", Kind::Prepare, 0, "Datafile store cleanup failed: could not connect", true,
+       true},
+      {CleanupDataFiles, "", Kind::Prepare, 1, "CleanupDataFiles read sql command failed", true, true},
+      {CleanupDataFiles, "", Kind::Step, 2, "CleanupDataFiles read sql command failed", true, true},
+      {CleanupDataFiles, "", Kind::Prepare, 2, "CleanupDataFiles failed to clearup metadata", true, false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.errorLine);
@@ -292,14 +241,11 @@ TEST_F(StoreCleanupTest, EachFailureIsNamedAndEndsOnlyItsOwnHalf) {
     if (!c.removeStore.empty()) Remove("/etc/talvex/configstore/" + c.removeStore);
     log_.Clear();
     if (c.nth > 0) DBStore::faults::Arm(c.kind, c.nth, false);
-
-    CleanupStore(c.atBoot);
+    EXPECT_NO_THROW(c.op());
     DBStore::faults::Disarm();
-
     EXPECT_TRUE(log_.Contains(c.errorLine, CSLogger::PRIO_ERROR));
-    // The orphaned directory goes with a data-file half that ran through.
-    EXPECT_EQ(DataFileExists("dirB"), !c.configHalfFails);
-    EXPECT_EQ(log_.Contains("Cleanup data file store completed"), c.configHalfFails);
+    EXPECT_EQ(DataFileExists("dirB"), c.dirBLeft);
+    EXPECT_EQ(DataFileExists("stray"), c.strayLeft);
   }
 }
 

@@ -1,8 +1,5 @@
-// The cleanups over real stores and a real data-file root: CleanupAutoConfig (automatic values
-// cleared, rows left without any value dropped), CleanupDataFiles (the root and DataFileMetadata
-// reconciled both ways) and CleanupStore (rows without a schema, and outside boot their orphaned
-// directories; each half stops at its own failure only). What each failing statement leaves in
-// the stores is swept (tests/reliability/sweeps); here, the results and how failures are reported.
+// The cleanups over real stores and a real data-file root: their results and how failures are
+// reported (what a failing statement leaves in the stores is swept in tests/reliability/sweeps).
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -87,10 +84,8 @@ class MaintenanceTest : public cstest::SandboxTest {
     return ids;
   }
 
-  // Schemas for comp/net/{nics,routes} and the data-file key comp/kept; configuration rows that
-  // match them and rows that miss them by one column each. Data-file records: dirA/gone deleted by
-  // hand, dirB's key without a schema, dirC missing from disk; on disk besides: files and a
-  // directory nobody recorded, a stray file at the root.
+  // Configuration rows with a schema and rows that miss one by one column each; data-file records
+  // (dirA/gone deleted by hand, dirB's key without a schema, dirC not on disk) and unrecorded files.
   void Populate() {
     AddSchema({"comp", "net", "nics"});
     AddSchema({"comp", "net", "routes"});
@@ -116,12 +111,12 @@ TEST_F(MaintenanceTest, AutomaticValuesGoAndRowsWithoutValuesWithThem) {
   EXPECT_TRUE(log_.Contains("Cleanup failed: could not connect to ConfigStore", CSLogger::PRIO_ERROR));
   ASSERT_EQ(DBStore::CreateDatabases(), 0);
 
-  AddConfigRow({"c", "g", "autoOnly", ""}, {"a"});
-  AddConfigRow({"c", "g", "empty", ""});
-  AddConfigRow({"c", "g", "user", ""}, {"a", "u"});
-  AddConfigRow({"c", "g", "vital", ""}, {"a", std::nullopt, "v"});
-  AddConfigRow({"c", "g", "cached", ""}, {"a", std::nullopt, std::nullopt, "c"});
-  AddConfigRow({"c", "g", "desired", ""}, {"a", std::nullopt, std::nullopt, std::nullopt, "d"});
+  const std::optional<std::string> no;
+  for (const auto& [key, values] : std::vector<std::pair<std::string, std::vector<std::optional<std::string>>>>{
+           {"autoOnly", {"a"}}, {"empty", {}}, {"user", {"a", "u"}}, {"vital", {"a", no, "v"}},
+           {"cached", {"a", no, no, "c"}}, {"desired", {"a", no, no, no, "d"}}}) {
+    AddConfigRow({"c", "g", key, ""}, values);
+  }
   // The update of the automatic values, then the delete of the rows left empty.
   for (const auto& [nth, message] : {std::pair{1, "2000 Error removing auto configuration value."},
                                      std::pair{2, "2000 Error cleaning up config."}}) {
@@ -152,8 +147,7 @@ TEST_F(MaintenanceTest, DataFileDiskAndRecordsAreReconciledBothWays) {
   EXPECT_THAT(EventIds(), IsEmpty());
 }
 
-// Links are removed as links, never followed; a data-file root that is itself a link out of the
-// host root has nothing that is the host's to remove.
+// Links are removed as links, never followed, and a root linked out of the host root is left alone.
 TEST_F(MaintenanceTest, DataFileLinksAreRemovedAsLinksNeverFollowed) {
   const std::string root = Path(kDataFileRoot) + "/";
   WriteFile("/outside/victim", "keep me");
@@ -205,8 +199,8 @@ TEST_F(MaintenanceTest, StoreRowsWithoutSchemaGoAndOutsideBootTheirDirectories) 
   EXPECT_EQ(log_.Count("not a plain name"), 5u);
 }
 
-// Each failure is named; a CleanupStore half ends at its own failure only (the other half's work,
-// dirB, is done), and only a completed read of CleanupDataFiles may touch the disk (the stray file).
+// Each failure is named; a CleanupStore half ends at its own failure only (dirB goes with the other),
+// and only a completed read of CleanupDataFiles may touch the disk (the stray file).
 TEST_F(MaintenanceTest, EachFailureIsNamedAndEndsOnlyItsOwnPart) {
   const auto store = [] { CleanupStore(false); };
   struct Case {
@@ -223,7 +217,6 @@ TEST_F(MaintenanceTest, EachFailureIsNamedAndEndsOnlyItsOwnPart) {
       {store, "datafile-store", Kind::Attach, 0, "Datafile store cleanup failed: could not connect", true, true},
       {store, "", Kind::Attach, 2, "Datafile store cleanup failed: could not attach to data file schemas", true, true},
       {store, "", Kind::Prepare, 2, "Datafile live cleanup failed: read dir SQL command unsuccessful", true, true},
-      {store, "", Kind::Prepare, 3, "Datafile cleanup failed: SQL command unsuccessful", true, true},
       {[] { CleanupStore(true); }, "", Kind::Prepare, 2, "Datafile cleanup failed: SQL command unsuccessful", true,
        true},
       {CleanupDataFiles, "datafile-store", Kind::Prepare, 0, "Datafile store cleanup failed: could not connect", true,

@@ -1,6 +1,4 @@
-// A sandbox host with the sample image database, fresh stores and empty schema and
-// default-configuration directories, with words to write package files and read back what the
-// schema store, DefaultConfig, the event log and the log capture hold.
+// The sample image database, fresh stores, empty schema and default-configuration directories.
 #pragma once
 
 #include <string>
@@ -62,8 +60,7 @@ class SchemaHostTest : public SandboxTest {
   static Strings Registered();
   // "component/group/key|identifier|user|vital|cached|version", ordered by key then identifier.
   static Strings DefaultRows();
-  // Rows of any query on the configuration store (schema store attached as "ss"), columns "|"-joined,
-  // NULL as "NULL".
+  // Rows of `sql` on the configuration store with the schema store as "ss", "|"-joined, NULL as "NULL".
   static Strings Query(const std::string& sql);
 
   // "id:arg1,arg2" of each recorded event, oldest first.

@@ -1,6 +1,4 @@
-// Schema files and their registration, on real schema files, a real image database and a real
-// schema store: identifiers and versions, the newest-first selection, the DPU filter, bad files,
-// and the update cycle as one transaction.
+// Schema files and their registration on real files, image database and schema store.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -60,9 +58,8 @@ TEST_F(SchemaFilesTest, IdentifiersFromMetadataWithNamesAndVersions) {
   EXPECT_THROW(ExtractVersionFromSchemaId("kit-2147483648.0.0_0.0"), std::out_of_range);
 }
 
-// With versioning, files sort newest first (1.10 after 1.9, ties in listing order, no version
-// last, no metadata left out) and only the newest of each schema is taken; without, files are not
-// even parsed and each is taken in listing order.
+// With versioning only the newest file of each schema is taken (1.10 after 1.9, ties in listing
+// order); without, files are not even parsed and each is taken in listing order.
 TEST_F(SchemaFilesTest, NewestVersionOfEachSchemaIsTaken) {
   Kit("old.json", "net-core", "1.9.0_0.0");
   Kit("new.json", "net-core", "1.10.0_0.1");
@@ -142,8 +139,7 @@ TEST_F(SchemaRegistrationTest, BadFilesFailAloneAndTheOthersRegister) {
   EXPECT_TRUE(Logged("[SchemaProcessor] Schema processing completed: failure", 2));
 }
 
-// A pass that cannot finish is cancelled as a whole: every store reads as before it. (Store faults
-// on the way end in the same cancel and are swept in tests/reliability/sweeps.)
+// A pass that cannot finish is cancelled as a whole: every store reads as before it.
 TEST_F(SchemaRegistrationTest, AFailedPassKeepsTheEarlierRegistration) {
   WriteInstalledKits();
   ASSERT_TRUE(ProcessSchemaFiles({}, false));

@@ -16,6 +16,14 @@ using namespace QorConfigStore;
 using cstest::Thrown;
 using DBStore::faults::Kind;
 
+struct BootFacts {
+  bool pxe = false, installer = false, ddImage = false, firstBoot = false, ferrin = false;
+  const char* liveMarker = "false";
+  const char* recordedUuid = "uuid-a";
+  const char* currentUuid = "uuid-a";
+  bool store = true;
+};
+
 // A fresh configuration store and the node tree of an ordinary disk boot.
 class BootStateTest : public cstest::SandboxTest {
  protected:
@@ -34,7 +42,6 @@ class BootStateTest : public cstest::SandboxTest {
     SandboxTest::TearDown();
   }
 
-  // Key-value entries, read and written straight through DBStore.
   std::string Stored(const std::string& key) const {
     std::string value = "<unreadable>";
     EXPECT_EQ(DBStore::ReadKeyValue(key, &value, DBStore::GetConnection(DBStore::CONFIG_STORE, false)), 0) << key;
@@ -45,7 +52,6 @@ class BootStateTest : public cstest::SandboxTest {
   }
   void RemoveStore() const { Remove("/etc/talvex/configstore/current-store-1"); }
 
-  // Kernel facts of this boot.
   void SetNode(const std::string& nodePath, const std::string& content) const {
     ASSERT_TRUE(PLON_WriteNodeFile(nodePath, content)) << nodePath;
   }
@@ -56,17 +62,36 @@ class BootStateTest : public cstest::SandboxTest {
   void SetInstallerBoot(bool installer) const {
     SetNode("/system/bootOption", std::string("\0\0\0", 3) + (installer ? '\x01' : '\0'));
   }
-  void SetFirstBoot(bool first) const {
-    first ? WriteFile(FIRSTBOOT_FILE, "") : Remove(FIRSTBOOT_FILE);
-  }
-  void BreakSignature() const { Remove("/sys/plon/.signature"); }
 
-  // True when some line of that priority holds exactly `text`.
   bool Logged(const std::string& text, int priority) const {
     for (const auto& line : log_.Lines()) {
       if (line.priority == priority && line.text == text) return true;
     }
     return false;
+  }
+
+  void Boot(const BootFacts& f) {
+    SetPxeBoot(f.pxe);
+    SetInstallerBoot(f.installer);
+    SetCmdLine(std::string("ro") + (f.ddImage ? " qorDDImage" : "") + (f.ferrin ? " ferrinInstalled" : ""));
+    f.firstBoot ? WriteFile(FIRSTBOOT_FILE, "") : Remove(FIRSTBOOT_FILE);
+    Store(POST_LIVE_INSTALL_BOOT, f.liveMarker);
+    Store(BOOT_FS_UUID, f.recordedUuid);
+    SetBootUuid(f.currentUuid);
+    if (!f.store) RemoveStore();
+    log_.Clear();
+  }
+
+  // The lines that announce an upgrade decision; a decided boot logs exactly one of them.
+  std::vector<std::string> DecisionsLogged() const {
+    std::vector<std::string> found;
+    for (const char* line : {"PXE boot, not considered upgrade.", "Installer boot, not considered upgrade.",
+                             "QOR DD image boot, not considered upgrade.", "First boot, not considerd upgrade.",
+                             "Ferrin installer upgrade: Config upgrade boot.", "Live install boot. No upgrade.",
+                             "Config upgrade boot"}) {
+      if (Logged(line, CSLogger::PRIO_INFO)) found.push_back(line);
+    }
+    return found;
   }
 };
 
@@ -133,42 +158,7 @@ TEST_F(BootStateTest, CleanupBootStateRecordsTheBootedUuidAndResetsTheMarker) {
   EXPECT_EQ(Stored(BOOT_FS_UUID), "uuid-new");
 }
 
-struct BootFacts {
-  bool pxe = false, installer = false, ddImage = false, firstBoot = false, ferrin = false;
-  const char* liveMarker = "false";
-  const char* recordedUuid = "uuid-a";
-  const char* currentUuid = "uuid-a";
-  bool store = true;
-};
-
-class UpgradeDetectionTest : public BootStateTest {
- protected:
-  void Boot(const BootFacts& f) {
-    SetPxeBoot(f.pxe);
-    SetInstallerBoot(f.installer);
-    SetCmdLine(std::string("ro") + (f.ddImage ? " qorDDImage" : "") + (f.ferrin ? " ferrinInstalled" : ""));
-    SetFirstBoot(f.firstBoot);
-    Store(POST_LIVE_INSTALL_BOOT, f.liveMarker);
-    Store(BOOT_FS_UUID, f.recordedUuid);
-    SetBootUuid(f.currentUuid);
-    if (!f.store) RemoveStore();
-    log_.Clear();
-  }
-
-  // The lines that announce an upgrade decision; a decided boot logs exactly one of them.
-  std::vector<std::string> DecisionsLogged() const {
-    std::vector<std::string> found;
-    for (const char* line : {"PXE boot, not considered upgrade.", "Installer boot, not considered upgrade.",
-                             "QOR DD image boot, not considered upgrade.", "First boot, not considerd upgrade.",
-                             "Ferrin installer upgrade: Config upgrade boot.", "Live install boot. No upgrade.",
-                             "Config upgrade boot"}) {
-      if (Logged(line, CSLogger::PRIO_INFO)) found.push_back(line);
-    }
-    return found;
-  }
-};
-
-TEST_F(UpgradeDetectionTest, FirstMatchingRuleDecides) {
+TEST_F(BootStateTest, FirstMatchingRuleDecides) {
   const std::tuple<BootFacts, bool, std::vector<std::string>> rows[] = {
       {{.pxe = true, .installer = true, .ddImage = true, .firstBoot = true, .ferrin = true, .currentUuid = "uuid-b"},
        false, {"PXE boot, not considered upgrade."}},
@@ -201,12 +191,11 @@ TEST_F(UpgradeDetectionTest, FirstMatchingRuleDecides) {
   }
 }
 
-TEST_F(UpgradeDetectionTest, UpgradeCheckFailureAnswersFalseWithEventWhileOthersThrow) {
+TEST_F(BootStateTest, UpgradeCheckFailureAnswersFalseWithEventWhileOthersThrow) {
   const std::tuple<std::function<void()>, std::string, bool> rows[] = {
       // what breaks, the error, whether HasBootbankChanged needs the same fact
       {[this] { RemoveNode("/system/bootFsUUID"); }, "Failed to get boot fs uuid.", true},
-      {[this] { BreakSignature(); }, "Failed to invoke PLON_CheckSig", true},
-      {[this] { RemoveNode("/system/bootMAC"); }, "Failed to get boot nic mac address.", false},
+      {[this] { Remove("/sys/plon/.signature"); }, "Failed to invoke PLON_CheckSig", true},
       {[this] { RemoveStore(); },
        "Failed to connect to database. " + Path("/etc/talvex/configstore/current-store-1") + " does not exist", true},
       {[] { DBStore::faults::Arm(Kind::KvRead, 1, false); },
@@ -217,7 +206,6 @@ TEST_F(UpgradeDetectionTest, UpgradeCheckFailureAnswersFalseWithEventWhileOthers
     Remove("/var/log/configstore-events.jsonl");
     ASSERT_EQ(DBStore::CreateDatabases(), 0);
     ASSERT_TRUE(PLON_WriteSignature());
-    SetNode("/system/bootMAC", "");
     Boot({.currentUuid = "uuid-b"});
     breakIt();
     EXPECT_FALSE(IsUpgrade());
@@ -231,7 +219,7 @@ TEST_F(UpgradeDetectionTest, UpgradeCheckFailureAnswersFalseWithEventWhileOthers
   }
 }
 
-TEST_F(UpgradeDetectionTest, InstalledAndCommandLineWords) {
+TEST_F(BootStateTest, InstalledAndCommandLineWords) {
   // Only the fourth option byte marks the installer.
   SetNode("/system/bootOption", std::string("\x01\x01\x01\x00", 4));
   EXPECT_TRUE(IsInstalled());

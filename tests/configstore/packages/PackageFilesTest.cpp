@@ -41,8 +41,7 @@ TEST_F(PackageFilesTest, DeclaredFilesAndArchivesDecide) {
                             R"("path":"/etc/net/net.conf"},{"category":"config","path":"/opt/x/vital/y"}]})",
                             store, false);
   store->CommitUpdate();
-  auto files = GetKitFiles();
-  EXPECT_THAT(files["config"], ElementsAre("/etc/net/net.conf", "/opt/x/vital/y"));
+  EXPECT_THAT(GetKitFiles()["config"], ElementsAre("/etc/net/net.conf", "/opt/x/vital/y"));
 
   const std::string skipList = "/var/run/talvex/files/skip-backup-list";
 

@@ -11,7 +11,6 @@ namespace cstest {
 
 using Strings = std::vector<std::string>;
 
-// Schema ids the sample image database expects.
 inline constexpr const char* kBaseKit = "qor-base";
 inline constexpr const char* kBaseVersion = "8.0.2_1.0";
 inline constexpr const char* kNetKit = "net-core";

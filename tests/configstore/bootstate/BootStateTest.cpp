@@ -1,173 +1,156 @@
-// Boot-state entries: what each operation stores, how stored text is read back, and what happens
-// when the store or a read fails.
+// Boot state and the kind of boot, on a real store and a real signed node tree.
 #include <functional>
-#include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "configstore/bootstate/BootState.h"
 #include "configstore/bootstate/UpgradeDetection.h"
-#include "configstore/frame/ConfigStoreException.h"
+#include "platform/dbstore/DBStore.h"
 #include "platform/plon/Plon.h"
-#include "tests/configstore/bootstate/BootStateFixture.h"
+#include "tests/support/Sandbox.h"
 
 namespace {
 
 using namespace QorConfigStore;
-using cstest::BootStateTest;
 using cstest::Thrown;
 using DBStore::faults::Kind;
 
-TEST_F(BootStateTest, BootModeIsStoredAsPlainDecimalAndReadBack) {
-  EXPECT_EQ(GetBootMode(), BOOT_MODE_DEFAULT) << "a store that never had a mode";
-  for (BOOTMODE mode : {BOOT_MODE_HOSTAPI_CONFIG, BOOT_MODE_NEW_STORE, BOOT_MODE_SMARTNIC_CONFIG,
-                        BOOT_MODE_DESIRED_USER_CONFIG, BOOT_MODE_DEFAULT}) {
-    SCOPED_TRACE(mode);
-    SetBootMode(mode);
-    EXPECT_EQ(Stored("BOOT_MODE"), std::to_string(mode));
-    EXPECT_EQ(GetBootMode(), mode);
-    EXPECT_TRUE(Logged("Next boot mode set to " + std::to_string(mode), 2));
-  }
-}
+struct BootFacts {
+  bool pxe = false, installer = false, ddImage = false, firstBoot = false, ferrin = false;
+  const char* liveMarker = "false";
+  const char* recordedUuid = "uuid-a";
+  const char* currentUuid = "uuid-a";
+  bool store = true;
+};
 
-TEST_F(BootStateTest, GetBootModeConvertsStoredTextLikeStoi) {
-  enum Outcome { kNumber, kInvalid, kOutOfRange };
-  struct Row {
-    const char* stored;
-    Outcome outcome;
-    int mode;
-  } rows[] = {
-      {"", kNumber, 0},        {"3abc", kNumber, 3},          {"4", kNumber, 4},
-      {" 2", kNumber, 2},      {"-1", kNumber, -1},           {"2147483647", kNumber, 2147483647},
-      {"abc", kInvalid, 0},    {"x3", kInvalid, 0},           {"99999999999", kOutOfRange, 0},
-      {"-2147483649", kOutOfRange, 0},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(std::string("stored \"") + row.stored + "\"");
-    Store("BOOT_MODE", row.stored);
-    switch (row.outcome) {
-      case kNumber: EXPECT_EQ(static_cast<int>(GetBootMode()), row.mode); break;
-      case kInvalid: EXPECT_THROW(GetBootMode(), std::invalid_argument); break;
-      case kOutOfRange: EXPECT_THROW(GetBootMode(), std::out_of_range); break;
+// A fresh configuration store and the node tree of an ordinary disk boot.
+class BootStateTest : public cstest::SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+    ASSERT_TRUE(PLON_WriteSignature());
+    SetCmdLine("BOOT_IMAGE=/b.b00 ro quiet");
+    SetInstallerBoot(false);
+    SetPxeBoot(false);
+    SetBootUuid("5f1e2d3c-aaaa-bbbb-cccc-000000000001");
+    log_.Clear();
+  }
+  void TearDown() override {
+    DBStore::faults::Disarm();
+    SandboxTest::TearDown();
+  }
+
+  std::string Stored(const std::string& key) const {
+    std::string value = "<unreadable>";
+    EXPECT_EQ(DBStore::ReadKeyValue(key, &value, DBStore::GetConnection(DBStore::CONFIG_STORE, false)), 0) << key;
+    return value;
+  }
+  void Store(const std::string& key, const std::string& value) const {
+    ASSERT_EQ(DBStore::WriteKeyValue(key, value, DBStore::GetConnection(DBStore::CONFIG_STORE, true)), 0) << key;
+  }
+  void RemoveStore() const { Remove("/etc/talvex/configstore/current-store-1"); }
+
+  void SetNode(const std::string& nodePath, const std::string& content) const {
+    ASSERT_TRUE(PLON_WriteNodeFile(nodePath, content)) << nodePath;
+  }
+  void RemoveNode(const std::string& nodePath) const { Remove("/sys/plon" + nodePath); }
+  void SetCmdLine(const std::string& line) const { SetNode("/system/bootCmdLine", line); }
+  void SetBootUuid(const std::string& uuid) const { SetNode("/system/bootFsUUID", uuid); }
+  void SetPxeBoot(bool pxe) const { SetNode("/system/bootMAC", pxe ? "00:50:56:aa:bb:cc" : ""); }
+  void SetInstallerBoot(bool installer) const {
+    SetNode("/system/bootOption", std::string("\0\0\0", 3) + (installer ? '\x01' : '\0'));
+  }
+
+  bool Logged(const std::string& text, int priority) const {
+    for (const auto& line : log_.Lines()) {
+      if (line.priority == priority && line.text == text) return true;
     }
+    return false;
   }
-}
 
-TEST_F(BootStateTest, FlagWritersStoreTheirExactTexts) {
-  struct Row {
-    const char* name;
-    std::function<void()> op;
-    const char* key;
-    const char* stored;  // the end of autoconf stores empty text, not "false"
-    const char* logged;
-    bool autoConf;
-  } rows[] = {
-      {"autoconf start", StartAutoConf, "IS_BOOT", "true", "ConfigStore autoconf start", true},
-      {"autoconf end", EndAutoConf, "IS_BOOT", "", "ConfigStore endconf end", false},
-      {"nexd on", [] { EnableNexdNotification(true); }, "NOTIFY_NEXD", "true",
-       "ConfigStore nexd notification enabled = 1", false},
-      {"nexd off", [] { EnableNexdNotification(false); }, "NOTIFY_NEXD", "false",
-       "ConfigStore nexd notification enabled = 0", false},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    row.op();
-    EXPECT_EQ(Stored(row.key), row.stored);
-    EXPECT_TRUE(Logged(row.logged, 2));
-    EXPECT_EQ(IsAutoConf(), row.autoConf);
+  void Boot(const BootFacts& f) {
+    SetPxeBoot(f.pxe);
+    SetInstallerBoot(f.installer);
+    SetCmdLine(std::string("ro") + (f.ddImage ? " qorDDImage" : "") + (f.ferrin ? " ferrinInstalled" : ""));
+    f.firstBoot ? WriteFile(FIRSTBOOT_FILE, "") : Remove(FIRSTBOOT_FILE);
+    Store(POST_LIVE_INSTALL_BOOT, f.liveMarker);
+    Store(BOOT_FS_UUID, f.recordedUuid);
+    SetBootUuid(f.currentUuid);
+    if (!f.store) RemoveStore();
+    log_.Clear();
   }
+
+  // The lines that announce an upgrade decision; a decided boot logs exactly one of them.
+  std::vector<std::string> DecisionsLogged() const {
+    std::vector<std::string> found;
+    for (const char* line : {"PXE boot, not considered upgrade.", "Installer boot, not considered upgrade.",
+                             "QOR DD image boot, not considered upgrade.", "First boot, not considerd upgrade.",
+                             "Ferrin installer upgrade: Config upgrade boot.", "Live install boot. No upgrade.",
+                             "Config upgrade boot"}) {
+      if (Logged(line, CSLogger::PRIO_INFO)) found.push_back(line);
+    }
+    return found;
+  }
+};
+
+TEST_F(BootStateTest, WritersStoreTheirExactTextsAndFailuresNameWhatFailed) {
+  EXPECT_EQ(GetBootMode(), BOOT_MODE_DEFAULT) << "a store that never had a mode";
+  // what runs, the key it writes, the text stored, a line logged
+  const std::tuple<std::function<void()>, const char*, const char*, const char*> rows[] = {
+      {[] { SetBootMode(BOOT_MODE_SMARTNIC_CONFIG); }, "BOOT_MODE", "3", "Next boot mode set to 3"},
+      {StartAutoConf, "IS_BOOT", "true", "ConfigStore autoconf start"},
+      {[] { EnableNexdNotification(false); }, "NOTIFY_NEXD", "false", "ConfigStore nexd notification enabled = 0"},
+      {[] { SetLiveInstallBoot("true"); }, POST_LIVE_INSTALL_BOOT, "true", "POST_LIVE_INSTALL_BOOT=true completed"},
+      {[] { SetLiveInstallBoot("True"); }, POST_LIVE_INSTALL_BOOT, "false", "not valid value True"},
+  };
+  for (const auto& [op, key, stored, logged] : rows) {
+    op();
+    EXPECT_EQ(Stored(key), stored) << logged;
+    EXPECT_TRUE(log_.Contains(logged, CSLogger::PRIO_INFO)) << logged;
+  }
+  EXPECT_EQ(GetBootMode(), BOOT_MODE_SMARTNIC_CONFIG);
   Store("IS_BOOT", "TRUE");
   EXPECT_FALSE(IsAutoConf()) << "only the exact text counts";
-}
 
-TEST_F(BootStateTest, SetLiveInstallBootStoresFalseForAnythingButExactTrue) {
-  struct Row {
-    const char* input;
-    const char* stored;
-    bool invalid;
-  } rows[] = {
-      {"true", "true", false}, {"false", "false", false}, {"True", "false", true},
-      {"", "false", true},     {"true ", "false", true},  {"1", "false", true},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(std::string("input \"") + row.input + "\"");
-    Store(POST_LIVE_INSTALL_BOOT, "unset");
-    log_.Clear();
-    EXPECT_EQ(SetLiveInstallBoot(row.input), 0);
-    EXPECT_EQ(Stored(POST_LIVE_INSTALL_BOOT), row.stored);
-    EXPECT_TRUE(Logged(std::string("POST_LIVE_INSTALL_BOOT=") + row.stored + " completed with rc = 0", 2));
-    EXPECT_EQ(Logged(std::string("Set POST_LIVE_INSTALL_BOOT=false, since the inputvalue is not valid value ") +
-                         row.input,
-                     2),
-              row.invalid);
-  }
-}
-
-TEST_F(BootStateTest, SetLiveInstallBootReportsAFailedWriteAndIgnoresNoStatus) {
-  DBStore::faults::Arm(Kind::KvWrite, 1, false);
-  int rc = SetLiveInstallBoot("true");
-  DBStore::faults::Disarm();
-  EXPECT_NE(rc, 0);
-  EXPECT_TRUE(Logged("POST_LIVE_INSTALL_BOOT=true completed with rc = " + std::to_string(rc), 2));
-
-  Store(POST_LIVE_INSTALL_BOOT, "true");
   EXPECT_EQ(SetLiveInstallBoot(nullptr), 1);
-  EXPECT_EQ(Stored(POST_LIVE_INSTALL_BOOT), "true");
-  EXPECT_TRUE(Logged("Live install marker not set, since input status was not provided.", 0));
+  EXPECT_EQ(Stored(POST_LIVE_INSTALL_BOOT), "false");
+  EXPECT_TRUE(log_.Contains("Live install marker not set, since input status was not provided.", CSLogger::PRIO_ERROR));
+  DBStore::faults::Arm(Kind::KvWrite, 1, false);
+  EXPECT_NE(SetLiveInstallBoot("true"), 0);
+
+  // Failed reads and a missing store name what failed.
+  const std::string missing = Path("/etc/talvex/configstore/current-store-1") + " does not exist";
+  DBStore::faults::Arm(Kind::KvRead, 1, true);
+  EXPECT_EQ(Thrown([] { GetBootMode(); }), "2000 Failed to read value for key BOOT_MODE");
+  EXPECT_EQ(Thrown(CleanupBootState), "2000 Failed to read value for key BOOT_FS_UUID");
+  DBStore::faults::Disarm();
   RemoveStore();
-  EXPECT_EQ(SetLiveInstallBoot(nullptr), 1) << "no connection is even asked for";
+  EXPECT_EQ(Thrown([] { SetLiveInstallBoot("true"); }), "2000 Failed to connect to database: " + missing);
+  EXPECT_EQ(Thrown([] { GetInstallInfo(); }), "2000 Failed to connect to database. " + missing);
+  EXPECT_EQ(Thrown([] { IsAutoConf(); }), "2000 Failed to read value for key IS_BOOT");
+  // The flag writers ignore the missing store and create none.
+  EXPECT_NO_THROW(StartAutoConf());
+  EXPECT_NO_THROW(EnableNexdNotification(true));
+  EXPECT_FALSE(Exists("/etc/talvex/configstore/current-store-1"));
 }
 
 TEST_F(BootStateTest, CleanupBootStateRecordsTheBootedUuidAndResetsTheMarker) {
-  struct Row {
-    const char* name;
-    const char* recorded;
-    const char* current;
-    const char* marker;
-    bool uuidWritten;
-    const char* markerAfter;
-  } rows[] = {
-      {"nothing changed", "uuid-a", "uuid-a", "false", false, "false"},
-      {"first recording", "", "uuid-a", "", true, ""},
-      {"bootbank switched", "uuid-a", "uuid-b", "false", true, "false"},
-      {"uuid one byte longer", "uuid-a", "uuid-aa", "false", true, "false"},
-      {"uuid gone", "uuid-a", "", "false", true, "false"},
-      {"after live install", "uuid-a", "uuid-a", "true", false, "false"},
-      {"marker in other case", "uuid-a", "uuid-a", "TRUE", false, "TRUE"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    Store(BOOT_FS_UUID, row.recorded);
-    Store(POST_LIVE_INSTALL_BOOT, row.marker);
-    SetBootUuid(row.current);
-    const bool markerReset = std::string(row.marker) == "true";
-    log_.Clear();
+  // this boot's UUID (uuid-a recorded), live-install marker, key writes expected, marker afterwards
+  for (const auto& [current, marker, writes, markerAfter] :
+       {std::tuple{"uuid-a", "false", 0, "false"}, {"uuid-aa", "false", 1, "false"}, {"", "false", 1, "false"},
+        {"uuid-a", "true", 1, "false"}, {"uuid-b", "TRUE", 1, "TRUE"}}) {
+    SCOPED_TRACE(std::string(current) + " " + marker);
+    Store(BOOT_FS_UUID, "uuid-a");
+    Store(POST_LIVE_INSTALL_BOOT, marker);
+    SetBootUuid(current);
     DBStore::faults::ResetCounts();
     CleanupBootState();
-    EXPECT_EQ(DBStore::faults::Calls(Kind::KvWrite), int(row.uuidWritten) + int(markerReset));
-    EXPECT_EQ(Stored(BOOT_FS_UUID), row.current);
-    EXPECT_EQ(Logged(std::string("Setting BOOT_FS_UUID to ") + row.current + ".", 2), row.uuidWritten);
-    EXPECT_EQ(Stored(POST_LIVE_INSTALL_BOOT), row.markerAfter);
-    EXPECT_EQ(Logged("Setting POST_LIVE_INSTALL_BOOT back to false.", 2), markerReset);
-    if (!row.uuidWritten && !markerReset) {
-      EXPECT_TRUE(log_.Lines().empty());
-    }
+    EXPECT_EQ(DBStore::faults::Calls(Kind::KvWrite), writes);
+    EXPECT_EQ(Stored(BOOT_FS_UUID), current);
+    EXPECT_EQ(Stored(POST_LIVE_INSTALL_BOOT), markerAfter);
   }
-}
-
-TEST_F(BootStateTest, CleanupBootStateFailures) {
-  // Untrusted nodes fail before anything is written.
-  Store(BOOT_FS_UUID, "uuid-old");
-  Store(POST_LIVE_INSTALL_BOOT, "true");
-  SetBootUuid("uuid-new");
-  BreakSignature();
-  EXPECT_EQ(Thrown(CleanupBootState), "2000 Failed to invoke PLON_CheckSig");
-  ASSERT_TRUE(PLON_WriteSignature());
-  RemoveNode("/system/bootFsUUID");
-  EXPECT_EQ(Thrown(CleanupBootState), "2000 Failed to get boot fs uuid.");
-  EXPECT_EQ(Stored(BOOT_FS_UUID), "uuid-old");
-  EXPECT_EQ(Stored(POST_LIVE_INSTALL_BOOT), "true");
-
   // A failed marker read comes after the UUID is written, which stays.
   SetBootUuid("uuid-new");
   DBStore::faults::Arm(Kind::KvRead, 2, false);
@@ -175,60 +158,80 @@ TEST_F(BootStateTest, CleanupBootStateFailures) {
   EXPECT_EQ(Stored(BOOT_FS_UUID), "uuid-new");
 }
 
-TEST_F(BootStateTest, InstallInfoIsStoredExactlyAsGiven) {
-  EXPECT_EQ(GetInstallInfo(), "");
-  const std::vector<std::string> texts = {
-      R"({"installer": "x", "quote": "'\"", "percent": "%s%n"})",
-      "line1\nline2\ttab \xc3\xa9t\xc3\xa9",
-      std::string(100000, 'i'),
-      "",
+TEST_F(BootStateTest, FirstMatchingRuleDecides) {
+  const std::tuple<BootFacts, bool, std::vector<std::string>> rows[] = {
+      {{.pxe = true, .installer = true, .ddImage = true, .firstBoot = true, .ferrin = true, .currentUuid = "uuid-b"},
+       false, {"PXE boot, not considered upgrade."}},
+      {{.installer = true, .ddImage = true, .firstBoot = true, .ferrin = true, .currentUuid = "uuid-b"}, false,
+       {"Installer boot, not considered upgrade."}},
+      {{.ddImage = true, .firstBoot = true, .ferrin = true, .currentUuid = "uuid-b"}, false,
+       {"QOR DD image boot, not considered upgrade."}},
+      {{.firstBoot = true, .ferrin = true, .liveMarker = "true", .currentUuid = "uuid-b"}, false,
+       {"First boot, not considerd upgrade."}},
+      {{.ferrin = true, .liveMarker = "true", .store = false}, true, {"Ferrin installer upgrade: Config upgrade boot."}},
+      {{.liveMarker = "true", .currentUuid = "uuid-b"}, false, {"Live install boot. No upgrade."}},
+      {{.liveMarker = "TRUE", .currentUuid = "uuid-ab"}, true, {"Config upgrade boot"}},
+      {BootFacts{}, false, {}},
+      {{.recordedUuid = ""}, true, {"Config upgrade boot"}},
+      {BootFacts{.recordedUuid = "", .currentUuid = ""}, false, {}},
   };
-  for (const std::string& text : texts) {
-    SCOPED_TRACE(text.substr(0, 40));
-    SetInstallInfo(text);
-    EXPECT_EQ(Stored(kInstallInfoKey), text);
-    EXPECT_EQ(GetInstallInfo(), text);
+  int row = 0;
+  for (const auto& [facts, upgrade, decision] : rows) {
+    SCOPED_TRACE(row++);
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+    Boot(facts);
+    EXPECT_EQ(IsUpgrade(), upgrade);
+    EXPECT_EQ(DecisionsLogged(), decision);
+    EXPECT_TRUE(RecordedEvents().empty());
+  }
+  // For the bootbank two empty UUIDs are a change.
+  for (const char* uuid : {"uuid-a", ""}) {
+    Boot({.recordedUuid = uuid, .currentUuid = uuid});
+    EXPECT_EQ(HasBootbankChanged(), *uuid == '\0');
   }
 }
 
-TEST_F(BootStateTest, FailedReadsAndAMissingStoreNameWhatFailed) {
-  Store(BOOT_FS_UUID, "5f1e2d3c-aaaa-bbbb-cccc-000000000001");
-  const std::string missing = Path("/etc/talvex/configstore/current-store-1") + " does not exist";
-  struct Row {
-    const char* name;
-    bool noStore;  // else the first key read fails
-    std::function<void()> op;
-    std::string thrown;
-  } rows[] = {
-      {"GetBootMode", false, [] { GetBootMode(); }, "2000 Failed to read value for key BOOT_MODE"},
-      {"IsAutoConf", false, [] { IsAutoConf(); }, "2000 Failed to read value for key IS_BOOT"},
-      {"GetInstallInfo", false, [] { GetInstallInfo(); }, "2000 Failed to read value for key CS_INST_INFO_KEY"},
-      {"CleanupBootState", false, CleanupBootState, "2000 Failed to read value for key BOOT_FS_UUID"},
-      {"HasBootbankChanged", false, [] { HasBootbankChanged(); }, "2000 Failed to read value for key BOOT_FS_UUID"},
-      {"SetBootMode", true, [] { SetBootMode(BOOT_MODE_NEW_STORE); }, "2000 Failed to connect to database: " + missing},
-      {"GetBootMode", true, [] { GetBootMode(); }, "2000 Failed to connect to database: " + missing},
-      {"SetLiveInstallBoot", true, [] { SetLiveInstallBoot("true"); },
-       "2000 Failed to connect to database: " + missing},
-      {"CleanupBootState", true, CleanupBootState, "2000 Failed to connect to database: " + missing},
-      {"SetInstallInfo", true, [] { SetInstallInfo("x"); }, "2000 Failed to connect to database. " + missing},
-      {"GetInstallInfo", true, [] { GetInstallInfo(); }, "2000 Failed to connect to database. " + missing},
-      {"IsAutoConf", true, [] { IsAutoConf(); }, "2000 Failed to read value for key IS_BOOT"},
+TEST_F(BootStateTest, UpgradeCheckFailureAnswersFalseWithEventWhileOthersThrow) {
+  const std::tuple<std::function<void()>, std::string, bool> rows[] = {
+      // what breaks, the error, whether HasBootbankChanged needs the same fact
+      {[this] { RemoveNode("/system/bootFsUUID"); }, "Failed to get boot fs uuid.", true},
+      {[this] { Remove("/sys/plon/.signature"); }, "Failed to invoke PLON_CheckSig", true},
+      {[this] { RemoveStore(); },
+       "Failed to connect to database. " + Path("/etc/talvex/configstore/current-store-1") + " does not exist", true},
+      {[] { DBStore::faults::Arm(Kind::KvRead, 1, false); },
+       "Failed to read value for key POST_LIVE_INSTALL_BOOT", false},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(std::string(row.name) + (row.noStore ? ", no store" : ", failed read"));
-    if (row.noStore) {
-      RemoveStore();
-    } else {
-      DBStore::faults::Arm(Kind::KvRead, 1, false);
-    }
-    EXPECT_EQ(Thrown(row.op), row.thrown);
+  for (const auto& [breakIt, error, bootbankThrows] : rows) {
+    SCOPED_TRACE(error);
+    Remove("/var/log/configstore-events.jsonl");
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+    ASSERT_TRUE(PLON_WriteSignature());
+    Boot({.currentUuid = "uuid-b"});
+    breakIt();
+    EXPECT_FALSE(IsUpgrade());
+    EXPECT_TRUE(Logged("Failed to check if upgrade: " + error, CSLogger::PRIO_ERROR));
+    EXPECT_TRUE(DecisionsLogged().empty());
+    EXPECT_EQ(Thrown([] { EXPECT_TRUE(HasBootbankChanged()); }), bootbankThrows ? "2000 " + error : "no exception");
+    std::vector<Events::Event> events = RecordedEvents();
+    ASSERT_EQ(events.size(), 1u) << "only IsUpgrade raises the event";
+    EXPECT_EQ(events[0].id, "zeb.user.cs.upgrade.config.error");
     DBStore::faults::Disarm();
   }
-  // The flag writers ignore the missing store.
-  EXPECT_NO_THROW(StartAutoConf());
-  EXPECT_NO_THROW(EndAutoConf());
-  EXPECT_NO_THROW(EnableNexdNotification(true));
-  EXPECT_FALSE(Exists("/etc/talvex/configstore/current-store-1")) << "no store is created on the way";
+}
+
+TEST_F(BootStateTest, InstalledAndCommandLineWords) {
+  // Only the fourth option byte marks the installer.
+  SetNode("/system/bootOption", std::string("\x01\x01\x01\x00", 4));
+  EXPECT_TRUE(IsInstalled());
+  RemoveNode("/system/bootOption");
+  EXPECT_EQ(Thrown([] { IsInstalled(); }), "2000 Failed to get PLON /system/bootOption");
+  // Words match anywhere, in their case; a command line filling its 4096-byte record has no NUL.
+  SetCmdLine("ro xferrinInstalledx FerrinInstalled no-configupgrade-ZPAN");
+  EXPECT_TRUE(IsFerrinInstalled());
+  EXPECT_FALSE(IsDebugUpgrade());
+  SetCmdLine(std::string(4096 - 15, 'x') + "ferrinInstalled" + "no-configupgrade-zpan");
+  EXPECT_TRUE(IsFerrinInstalled());
+  EXPECT_FALSE(IsDebugUpgrade()) << "the word past the record is not seen";
 }
 
 }  // namespace

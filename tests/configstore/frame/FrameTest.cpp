@@ -1,96 +1,28 @@
-// The call frame: exceptions, formatting, connections, files, processes and alerts.
+// The call frame, size metrics and documents.
 #include <gmock/gmock.h>
-
-#include <thread>
 
 #include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 #include "configstore/frame/Documents.h"
+#include "configstore/frame/Metrics.h"
 #include "platform/host/HostRoot.h"
-#include "platform/plon/Plon.h"
+#include "platform/validator/ConfigStoreDocument.h"
 #include "tests/support/Sandbox.h"
 
 namespace QorConfigStore {
 namespace {
 
-using cstest::SandboxTest;
-using FrameTest = SandboxTest;
+using FrameTest = cstest::SandboxTest;
 
-TEST(ExceptionTest, MessageSurvivesCopiesAndThreadsAndTheKindIsKept) {
-  std::vector<std::string> seen(4);
-  try {
-    ThrowException<ConfigStoreException, const char*>(CS_ERR_JSON_PARSE_FILE, "/etc/a.json");
-  } catch (const ConfigStoreException& e) {
-    ConfigStoreException copy = e;
-    EXPECT_EQ(copy.what(), e.what()) << "copies share the message storage";
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < seen.size(); ++i) {
-      threads.emplace_back([copy, &seen, i] { seen[i] = ConfigStoreException(copy).what(); });
-    }
-    for (auto& t : threads) t.join();
-    EXPECT_EQ(copy.code(), CS_ERR_JSON_PARSE_FILE);
-  }
-  for (const auto& s : seen) EXPECT_THAT(s, testing::HasSubstr("/etc/a.json"));
-
-  try {
-    ThrowException<InvalidArgumentException>(CS_ERR_JSON_PARSE_STRING);
-    ADD_FAILURE() << "no throw";
-  } catch (const ConfigStoreException& e) {
-    EXPECT_EQ(e.code(), 1080);
-    EXPECT_NE(dynamic_cast<const InvalidArgumentException*>(&e), nullptr);
-    EXPECT_STREQ(e.what(), ErrorMessageForId(1080));
-  }
-}
-
-TEST(FormatTest, FormatsToExactLength) {
-  EXPECT_EQ(Format("%s-%d", "abc", 42), "abc-42");
-  std::string big(10000, 'x');
-  EXPECT_EQ(Format("[%s]", big.c_str()).size(), 10002u);
-  EXPECT_EQ(Format("plain"), "plain");
-}
-
-TEST(JsonPolicyTest, WrongTypeThrows1082InsteadOfAborting) {
-  auto doc = CreateDocumentFromString("[1, 2]");
-  try {
-    (void)(*doc->document)["name"];
-    FAIL() << "no throw";
-  } catch (const ConfigStoreException& e) {
-    EXPECT_EQ(e.code(), CS_ERR_JSON_TYPE);
-    EXPECT_THAT(e.what(), testing::StartsWith("JSON error:\""));
-    EXPECT_THAT(e.what(), testing::HasSubstr("IsObject()"));
-  }
-  auto str = CreateDocumentFromString("{\"a\": 5}");
-  try {
-    (void)(*str->document)["a"].GetString();
-    FAIL() << "no throw";
-  } catch (const ConfigStoreException& e) {
-    EXPECT_THAT(e.what(), testing::EndsWith(": IsString()"));
-  }
-}
-
-TEST_F(FrameTest, ConnectionToMissingStore) {
+TEST_F(FrameTest, ConnectionsAndFileRemoval) {
   EXPECT_FALSE(GetDBConnection(DBStore::CONFIG_STORE, false));
-  try {
-    GetDBConnection(DBStore::CONFIG_STORE, true);
-    FAIL() << "no throw";
-  } catch (const ConfigStoreException& e) {
-    EXPECT_EQ(e.code(), 2000);
-    EXPECT_EQ(e.what(), "Failed to connect to database: " + Path("/etc/talvex/configstore/current-store-1") +
-                            " does not exist");
-  }
-  ASSERT_EQ(DBStore::CreateDatabases(), 0);
-  EXPECT_TRUE(GetDBConnection(DBStore::CONFIG_STORE, true));
-  EXPECT_TRUE(GetDBConnection(DBStore::DATAFILE_STORE, false));
-}
+  EXPECT_EQ(cstest::Thrown([] { GetDBConnection(DBStore::CONFIG_STORE, true); }),
+            "2000 Failed to connect to database: " + Path("/etc/talvex/configstore/current-store-1") +
+                " does not exist");
 
-TEST_F(FrameTest, FileExistsAndRemoveFile) {
   WriteFile("/tmp/f", "x");
-  EXPECT_TRUE(FileExists(Path("/tmp/f").c_str()));
-  EXPECT_TRUE(FileExists(Path("/tmp").c_str())) << "any file type";
   EXPECT_TRUE(RemoveFile(Path("/tmp/f").c_str()));
-  EXPECT_TRUE(log_.Contains("[" + Path("/tmp/f") + "] file removed."));
   EXPECT_FALSE(FileExists(Path("/tmp/f").c_str()));
-
   EXPECT_FALSE(RemoveFile(Path("/tmp/f").c_str()));
   EXPECT_TRUE(log_.Contains("Failed to remove: " + Path("/tmp/f") + ", err: 2", CSLogger::PRIO_ERROR));
 }
@@ -117,36 +49,121 @@ TEST_F(FrameTest, BootLockWaitsForOthersAndNestsInItsOwnProcess) {
   Host::FileLock free(path, Host::FileLock::Mode::Exclusive, 0);  // every hold was given back
 }
 
-TEST_F(FrameTest, ExecCommandReportsHowTheChildEnded) {
-  const char* ok[] = {"/bin/true", nullptr};
-  EXPECT_TRUE(ExecCommand(ok));
-
+TEST_F(FrameTest, ExecCommandReportsHowTheChildEndedAndAlertsAreCut) {
   const char* three[] = {"/bin/sh", "-c", "exit 3", nullptr};
   EXPECT_FALSE(ExecCommand(three));
   EXPECT_TRUE(log_.Contains("[1104] " + Format(ErrorMessageForId(1104), 3), CSLogger::PRIO_ERROR));
-
-  const char* missing[] = {"/nonexistent/program", nullptr};
-  EXPECT_FALSE(ExecCommand(missing));
-  EXPECT_TRUE(log_.Contains("[1102]", CSLogger::PRIO_ERROR));
-
   // The child runs without a shell: the argument is not interpreted.
   WriteFile("/tmp/marker", "");
   std::string arg = "; rm " + Path("/tmp/marker");
   const char* echo[] = {"/bin/echo", arg.c_str(), nullptr};
   EXPECT_TRUE(ExecCommand(echo));
   EXPECT_TRUE(Exists("/tmp/marker"));
+
+  SetLSSysAlert(std::string(2047, 'a') + "Z" + std::string(3000, 'b'));
+  EXPECT_EQ(RecordedAlerts(), std::vector<std::string>{std::string(2047, 'a') + "Z"});
 }
 
-TEST_F(FrameTest, SysAlertIsCutTo2048Bytes) {
-  std::string message(5000, 'a');
-  message[2047] = 'Z';
-  SetLSSysAlert(message);
-  SetLSSysAlert("short \"quoted\" alert");
-  auto alerts = RecordedAlerts();
-  ASSERT_EQ(alerts.size(), 2u);
-  EXPECT_EQ(alerts[0].size(), 2048u);
-  EXPECT_EQ(alerts[0].back(), 'Z');
-  EXPECT_EQ(alerts[1], "short \"quoted\" alert");
+// Size metrics: NULL values sum to zero, a total past int32 throws rather than wrapping.
+TEST_F(FrameTest, MetricsCountNullAsZeroAndThrowPastInt32) {
+  ASSERT_EQ(DBStore::CreateDatabases(), 0);
+  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
+  ASSERT_EQ(DBStore::Exec(conn, "INSERT INTO Config (Identifier, Name, ConfigGroup, Component, UserValue, VitalValue) "
+                                "VALUES ('', 'k1', 'g', 'c', '{}', NULL), ('', 'k2', 'g', 'c', NULL, '[1]')"),
+            0);
+  EXPECT_THAT(GetConfigMetrics(), testing::UnorderedElementsAre("c,g,k1,0,2,0", "c,g,k2,3,0,0"));
+  // 3 GB of real values would take minutes to write: a view with zero-filled blobs has the same lengths.
+  ASSERT_EQ(DBStore::Exec(conn, "DROP TABLE Config"), 0);
+  ASSERT_EQ(DBStore::Exec(conn, "CREATE VIEW Config AS SELECT zeroblob(1000000000) AS UserValue "
+                                "FROM (SELECT 1 UNION ALL SELECT 2 UNION ALL SELECT 3)"),
+            0);
+  EXPECT_THROW(GetUserConfigSize(), std::out_of_range);
+}
+
+using DocumentsTest = cstest::SandboxTest;
+
+std::shared_ptr<JsonDoc> Parse(const std::string& text) { return CreateDocumentFromString(text); }
+
+// A network interface list: "name" identifies, "mac" is vital, "stats" cached, the rest user's.
+const char* kNicSchema = R"({"type": "object", "properties": {
+    "name": {"type": "string", "instanceId": true}, "mtu": {"type": "integer"}, "mac": {"type": "string", "vital": true},
+    "stats": {"type": "object", "cached": true, "properties": {"rx": {"type": "integer"}}},
+    "off": {"type": "boolean", "vital": false}, "tags": {"type": "array", "items": {"type": "string"}},
+    "ports": {"type": "array", "items": {"type": "object", "properties": {
+        "id": {"type": "string", "instanceId": true}, "speed": {"type": "integer"}, "pci": {"type": "string", "vital": true}}}}}})";
+
+TEST_F(DocumentsTest, SplitSeparatesUserVitalAndCachedParts) {
+  // value, then its user, vital and cached parts ("" when a part is reduced to the identifier alone)
+  const std::vector<std::vector<std::string>> cases = {
+      {R"({"name":"nic0","mac":"00:11","mtu":1500})", R"({"name":"nic0","mtu":1500})", R"({"name":"nic0","mac":"00:11"})",
+       ""},
+      {R"({"name":"nic0","off":true,"stats":{"rx":5}})", R"({"name":"nic0"})", R"({"name":"nic0","off":true})",
+       R"({"name":"nic0","stats":{"rx":5}})"},
+      {R"({"name":"n","tags":["a"],"ports":[{"id":"p1","speed":10,"pci":"0:1"},{"id":"p2","speed":20}]})",
+       R"({"name":"n","tags":["a"],"ports":[{"id":"p1","speed":10},{"id":"p2","speed":20}]})",
+       R"({"name":"n","ports":[{"id":"p1","pci":"0:1"}]})", ""},
+      {"[]", "[]", "", ""},
+  };
+  auto schema = Parse(kNicSchema);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c[0]);
+    auto value = Parse(c[0]);
+    auto parts = SplitConfig(*value->document, *schema->document);
+    EXPECT_EQ(parts, (std::unordered_map<std::string, std::string>{{"user", c[1]}, {"vital", c[2]}, {"cached", c[3]}}));
+    EXPECT_TRUE(*value->document == *Parse(c[0])->document) << "the input is left alone";
+    // Pruning a copy in place gives the same parts.
+    for (const char* part : {"user", "vital", "cached"}) {
+      auto copy = Parse(c[0]);
+      std::string text;
+      if (ProcessConfig(*copy->document, *schema->document, part)) ConfigStoreDocument::SerializeValue(*copy->document, text);
+      EXPECT_EQ(text, parts[part]) << part;
+    }
+  }
+  EXPECT_EQ(cstest::Thrown([&] { SplitConfig(*Parse(R"({"name":"nic0","unknown":1})")->document, *schema->document); })
+                .substr(0, 4),
+            "1082");
+}
+
+TEST_F(DocumentsTest, ParsingRefusesBadAndHostileText) {
+  const std::string depth(kMaxJsonDepth, '[');
+  const std::pair<std::string, bool> cases[] = {
+      {std::string("{\"a\":1}\0", 8), false},
+      {std::string(100000, '[') + std::string(100000, ']'), false},  // refused, not a stack overflow
+      {depth + std::string(kMaxJsonDepth, ']'), true},
+      {"[\"" + std::string(5000, '[') + "\"]", true},  // brackets inside strings do not count
+      {"[{\"mtu\":21e308}]", false},                    // past the double range: would be read as infinity
+  };
+  for (const auto& [text, ok] : cases) {
+    EXPECT_EQ(cstest::Thrown([&] { CreateDocumentFromString(text); }).substr(0, 4), ok ? "no e" : "1080")
+        << text.substr(0, 40);
+  }
+  EXPECT_THAT(cstest::Thrown([&] { CreateDocumentFromFile(Path("/etc/none.json")); }),
+              testing::AllOf(testing::StartsWith("1081 "), testing::HasSubstr(Path("/etc/none.json"))));
+  WriteFile("/etc/trailing.json", "{} x");
+  EXPECT_THROW(CreateDocumentFromFile(Path("/etc/trailing.json")), InvalidArgumentException);
+}
+
+TEST_F(DocumentsTest, NavigationFollowsMembersAndInstances) {
+  auto doc = Parse(R"({"qor":{"network":{"nics":[{"name":"a","mtu":1},{"name":"b","mtu":2}]}}})");
+  doc->path = {{"qor", "", ""}, {"network", "", ""}, {"nics", "name", "b"}};
+  EXPECT_EQ((*doc->GetJsonValuePtr())["mtu"].GetInt(), 2);
+  doc->path.back().value = "z";
+  EXPECT_EQ(cstest::Thrown([&] { doc->GetJsonValuePtr(); }), "2000 Subobject instance does not exists.");
+  doc->path = {{"qor", "", ""}, {"storage", "", ""}};
+  EXPECT_EQ(cstest::Thrown([&] { doc->GetJsonValuePtr(); }), "2000 Subobject does not exists.");
+}
+
+TEST_F(DocumentsTest, ValidationLogsEveryErrorAndPassesOnlyTheDeleteMarker) {
+  auto schema = Parse(R"({"type":"object","properties":{"mtu":{"type":"integer","maximum":9000},
+      "mode":{"type":"string","enum":["a","b"]}}})");
+  EXPECT_TRUE(ValidateUserObject(*schema->document, *Parse(R"({"mtu":1500})")->document, "k", false));
+  EXPECT_FALSE(ValidateUserObject(*schema->document, *Parse(R"({"mtu":12000,"mode":"c"})")->document, "k", false));
+  EXPECT_EQ(log_.Count("[1083]"), 2u) << "both errors are logged, not only the first";
+  auto marker = Parse(R"("DELETE_DEFAULT")");
+  EXPECT_TRUE(ValidateUserObject(*schema->document, *marker->document, "k", true));
+  EXPECT_FALSE(ValidateUserObject(*schema->document, *Parse(R"("DELETE")")->document, "k", true));
+  EXPECT_FALSE(ValidateUserObject(*schema->document, *marker->document, "k", false))
+      << "without the flag a string is validated like any value";
 }
 
 }  // namespace

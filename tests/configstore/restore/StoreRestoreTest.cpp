@@ -1,25 +1,44 @@
-// The boot's restore step: which backup is used, what is created, and what each failure leaves.
+// The boot's store ramdisks and restore step, and the live-install refresh.
 #include <gmock/gmock.h>
 
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
 
+#include <atomic>
+#include <cstdlib>
 #include <filesystem>
-#include <functional>
+#include <new>
+#include <tuple>
 
+#include "configstore/boot/RamDisk.h"
 #include "configstore/boot/StoreRestore.h"
 #include "configstore/bootstate/BootState.h"
 #include "configstore/frame/CallFrame.h"
+#include "platform/host/Mounts.h"
+#include "platform/plon/Plon.h"
 #include "tests/support/Sandbox.h"
+#include "tests/support/StoreRows.h"
 
 namespace fs = std::filesystem;
+
+// The allocation that fails when told to, as on an exhausted host (the library's delete frees it).
+namespace {
+std::atomic<int> gAllocationsUntilFailure{0};  // 0: none fails
+}  // namespace
+
+void* operator new(std::size_t size) {
+  if (gAllocationsUntilFailure.load() > 0 && gAllocationsUntilFailure.fetch_sub(1) == 1) throw std::bad_alloc();
+  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
+  throw std::bad_alloc();
+}
 
 namespace QorConfigStore {
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using Strings = std::vector<std::string>;
 
 constexpr const char* kStore = "/etc/talvex/configstore/current-store-1";
 constexpr const char* kDataFileStore = "/etc/talvex/configstore/datafile-store";
@@ -33,278 +52,223 @@ constexpr const char* kDbEvent = "zeb.user.cs.db.operation.error";
 class StoreRestoreTest : public cstest::SandboxTest {
  protected:
   // A sound store of `type` at `hostPath` whose only row carries `marker` (and, for a configuration
-  // store, whose boot mode is 1, as staged before a reboot). The working stores it was built in are
-  // removed again.
+  // store, whose boot mode is 1, as staged before a reboot). The working stores it was built in go.
   void WriteBackup(DBStore::Type type, const std::string& hostPath, const std::string& marker) {
+    const bool config = type == DBStore::CONFIG_STORE;
     ASSERT_EQ(DBStore::CreateDatabases(), 0);
-    {
-      DBStore::Connection conn = GetDBConnection(type, true);
-      if (type == DBStore::CONFIG_STORE) {
-        ASSERT_EQ(DBStore::Exec(conn, "INSERT INTO Config (Identifier, Name, ConfigGroup, Component, UserValue) "
-                                   "VALUES ('', 'key', 'group', 'comp', ?)", marker),
-                  0);
-        ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", conn), 0);
-      } else {
-        ASSERT_EQ(DBStore::Exec(conn, "INSERT INTO DataFileMetadata (Component, KEY, DirName, FileName) "
-                                   "VALUES ('comp', 'key', 'dir', ?)", marker),
-                  0);
-      }
+    ASSERT_EQ(DBStore::Exec(GetDBConnection(type, true),
+                            config ? "INSERT INTO Config (Identifier, Name, ConfigGroup, Component, UserValue) VALUES "
+                                     "('', 'k', 'g', 'c', ?1)"
+                                   : "INSERT INTO DataFileMetadata (Component, KEY, DirName, FileName) "
+                                     "VALUES ('c', 'k', 'dir', ?1)",
+                            marker),
+              0);
+    if (config) {
+      ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", GetDBConnection(type, true)), 0);
     }
-    const std::string built = DBStore::StorePath(type);
-    if (built != Path(hostPath)) {
+    if (DBStore::StorePath(type) != Path(hostPath)) {
       fs::create_directories(fs::path(Path(hostPath)).parent_path());
-      fs::copy_file(built, Path(hostPath), fs::copy_options::overwrite_existing);
+      fs::copy_file(DBStore::StorePath(type), Path(hostPath), fs::copy_options::overwrite_existing);
     }
     for (const char* working : {kStore, kDataFileStore}) {
       if (Path(working) != Path(hostPath)) Remove(working);
     }
   }
 
-  // What the working store of `type` holds: the user values of Config, or the file names of
-  // DataFileMetadata.
-  std::vector<std::string> Rows(DBStore::Type type) {
-    DBStore::Connection conn = GetDBConnection(type, true);
-    const char* sql = type == DBStore::CONFIG_STORE ? "SELECT UserValue FROM Config" : "SELECT FileName FROM DataFileMetadata";
-    std::vector<std::string> rows;
-    auto keep = [&rows](const DBStore::Row& row) { rows.push_back(row.IsNull(0) ? "NULL" : row.String(0)); };
-    EXPECT_EQ(DBStore::QueryEach(conn, sql, keep), 0);
-    return rows;
+  // The user values of Config, or the file names of DataFileMetadata, of the working store.
+  Strings Rows(DBStore::Type type) {
+    return cstest::JoinedRows(GetDBConnection(type, true),
+                              type == DBStore::CONFIG_STORE ? "SELECT UserValue FROM Config"
+                                                            : "SELECT FileName FROM DataFileMetadata",
+                              "NULL");
   }
 
-  std::vector<std::string> EventIds() const {
-    std::vector<std::string> ids;
+  Strings EventIds() const {
+    Strings ids;
     for (const auto& e : RecordedEvents()) ids.push_back(e.id);
     return ids;
   }
-
-  void ExpectSoundStores() const {
-    EXPECT_EQ(DBStore::Check(Path(kStore)), 0);
-    EXPECT_EQ(DBStore::Check(Path(kDataFileStore)), 0);
-  }
 };
 
-TEST_F(StoreRestoreTest, NoBackupCreatesNewStoreAndAsksForTheBootDocument) {
-  // A store left on the ramdisk by an earlier start of the boot scripts must not survive.
-  WriteBackup(DBStore::CONFIG_STORE, kStore, "stale");
-
-  EXPECT_TRUE(RestoreOrCreateStore(true));
-
-  ExpectSoundStores();
-  EXPECT_THAT(Rows(DBStore::CONFIG_STORE), IsEmpty());
-  EXPECT_THAT(Rows(DBStore::DATAFILE_STORE), IsEmpty());
-  EXPECT_EQ(GetBootMode(), BOOT_MODE_NEW_STORE);
-  EXPECT_TRUE(log_.Contains("ConfigStore backup not found ", CSLogger::PRIO_INFO));
-  EXPECT_TRUE(log_.Contains("DataFileStore backup not found " + Path(kDataFileBackup), CSLogger::PRIO_INFO));
-  EXPECT_FALSE(log_.Contains("Restore ConfigStore from"));
-  EXPECT_FALSE(log_.Contains("Error removing sticky ConfigStore file"));
-  EXPECT_THAT(EventIds(), IsEmpty());
-}
-
-TEST_F(StoreRestoreTest, SoundBackupIsRestoredWithItsRowsAndBootMode) {
+// Which backup is used, what a missing or inconsistent one leads to, and the data-file outcome.
+TEST_F(StoreRestoreTest, ABackupIsRestoredWithItsBootModeElseANewStoreIsMade) {
+  const std::string dfBackup = Path(kDataFileBackup);
   struct Case {
-    const char* name;
-    bool regular;
-    bool firstBoot;
-    const char* expectedSource;
-    const char* expectedRow;
-  };
-  const Case cases[] = {
-      {"regular only", true, false, kBackup, "regular"},
-      {"first-boot only", false, true, kFirstBootBackup, "first-boot"},
-      {"both: the regular one wins", true, true, kBackup, "regular"},
+    const char* regular;  // nullptr: none; "": a sound one whose row is "regular"; else the file's content
+    bool firstBoot;       // a sound first-boot backup whose row is "first-boot"
+    const char* dataFile;  // as `regular`, row "data.bin"
+    Strings configRows, dataFileRows, events;
+    std::string line;
+  } cases[] = {
+      {nullptr, false, nullptr, {}, {}, {}, "DataFileStore backup not found " + dfBackup},
+      {"", true, nullptr, {"regular"}, {}, {}, "Restore ConfigStore from " + Path(kBackup)},
+      {nullptr, true, nullptr, {"first-boot"}, {}, {}, "Restore ConfigStore from " + Path(kFirstBootBackup)},
+      {"not a database", true, nullptr, {}, {}, {kCopyEvent},
+       "ConfigStore backup [" + Path(kBackup) + "] is inconsistent, creating new ConfigStore."},
+      {"", false, "garbage", {"regular"}, {}, {kDataFileEvent},
+       "DataFileStore backup [" + dfBackup + "] is inconsistent, will create new DataFileStore."},
+      {"", false, "", {"regular"}, {"data.bin"}, {}, "DataFileStore restored successfully from backup"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.line);
     Remove("/etc");
     Remove("/var");
-    log_.Clear();
-    if (c.regular) WriteBackup(DBStore::CONFIG_STORE, kBackup, "regular");
-    if (c.firstBoot) WriteBackup(DBStore::CONFIG_STORE, kFirstBootBackup, "first-boot");
+    for (const auto& [content, path, row] : {std::tuple{c.regular, kBackup, "regular"},
+                                             std::tuple{c.firstBoot ? "" : nullptr, kFirstBootBackup, "first-boot"},
+                                             std::tuple{c.dataFile, kDataFileBackup, "data.bin"}}) {
+      if (content != nullptr && *content != '\0') WriteFile(path, content);
+      if (content != nullptr && *content == '\0') {
+        WriteBackup(path == kDataFileBackup ? DBStore::DATAFILE_STORE : DBStore::CONFIG_STORE, path, row);
+      }
+    }
+    // A store left on the ramdisk by an earlier start of the boot scripts must not survive.
     WriteBackup(DBStore::CONFIG_STORE, kStore, "stale");
+    log_.Clear();
 
-    EXPECT_FALSE(RestoreOrCreateStore(true));
+    EXPECT_EQ(RestoreOrCreateStore(true), c.configRows.empty());
+    EXPECT_EQ(DBStore::Check(Path(kStore)), 0);
+    EXPECT_EQ(DBStore::Check(Path(kDataFileStore)), 0);
 
-    ExpectSoundStores();
-    EXPECT_THAT(Rows(DBStore::CONFIG_STORE), ElementsAre(c.expectedRow));
+    EXPECT_EQ(Rows(DBStore::CONFIG_STORE), c.configRows);
+    EXPECT_EQ(Rows(DBStore::DATAFILE_STORE), c.dataFileRows);
     // Not a new store: the mode staged before the reboot is left for this boot to act on.
-    EXPECT_EQ(GetBootMode(), BOOT_MODE_DESIRED_USER_CONFIG);
-    EXPECT_TRUE(log_.Contains("Restore ConfigStore from " + Path(c.expectedSource), CSLogger::PRIO_INFO));
-    EXPECT_TRUE(log_.Contains("ConfigStore restored successfully from backup", CSLogger::PRIO_INFO));
-    EXPECT_THAT(EventIds(), IsEmpty());
+    EXPECT_EQ(GetBootMode(), c.configRows.empty() ? BOOT_MODE_NEW_STORE : BOOT_MODE_DESIRED_USER_CONFIG);
+    EXPECT_TRUE(log_.Contains(c.line));
+    EXPECT_EQ(EventIds(), c.events);
   }
-}
 
-TEST_F(StoreRestoreTest, InconsistentRegularBackupIsNotReplacedByTheFirstBootOne) {
-  WriteFile(kBackup, "not a database");
-  WriteBackup(DBStore::CONFIG_STORE, kFirstBootBackup, "first-boot");
-
-  EXPECT_TRUE(RestoreOrCreateStore(true));
-
-  ExpectSoundStores();
-  EXPECT_THAT(Rows(DBStore::CONFIG_STORE), IsEmpty());
-  EXPECT_EQ(GetBootMode(), BOOT_MODE_NEW_STORE);
-  EXPECT_TRUE(log_.Contains("ConfigStore backup [" + Path(kBackup) + "] is inconsistent, creating new ConfigStore.",
-                            CSLogger::PRIO_ERROR));
-  auto events = RecordedEvents();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].id, kCopyEvent);
-  EXPECT_THAT(events[0].args, ElementsAre(Path(kBackup)));
-  EXPECT_EQ(events[0].message, "Error copying ConfigStore from backup " + Path(kBackup) + ".");
-}
-
-TEST_F(StoreRestoreTest, WithoutRestoreNothingIsRemovedRestoredOrCreated) {
-  WriteBackup(DBStore::CONFIG_STORE, kBackup, "backup");
+  // Without a restore nothing is removed, restored or created.
+  Remove("/etc");
   WriteBackup(DBStore::CONFIG_STORE, kStore, "working");
-  log_.Clear();
-
   EXPECT_FALSE(RestoreOrCreateStore(false));
-
-  EXPECT_THAT(log_.Lines(), IsEmpty());
   EXPECT_THAT(Rows(DBStore::CONFIG_STORE), ElementsAre("working"));
   EXPECT_FALSE(Exists(kDataFileStore));
-  EXPECT_EQ(GetBootMode(), BOOT_MODE_DESIRED_USER_CONFIG);
-  EXPECT_THAT(EventIds(), IsEmpty());
-
-  Remove(kStore);
-  EXPECT_FALSE(RestoreOrCreateStore(false));
-  EXPECT_FALSE(Exists(kStore));
-  EXPECT_FALSE(Exists(kDataFileStore));
 }
 
-TEST_F(StoreRestoreTest, DataFileBackupOutcomeNeverTouchesTheConfigStoreRestore) {
-  struct Case {
-    const char* name;
-    const char* backupContent;  // nullptr: no backup; "": a sound one
-    std::vector<std::string> expectedRows;
-    std::vector<std::string> expectedEvents;
-    std::string expectedLine;
-    int linePriority;
-  };
-  const Case cases[] = {
-      {"missing", nullptr, {}, {}, "DataFileStore backup not found " + Path(kDataFileBackup), CSLogger::PRIO_INFO},
-      {"inconsistent",
-       "garbage",
-       {},
-       {kDataFileEvent},
-       "DataFileStore backup [" + Path(kDataFileBackup) + "] is inconsistent, will create new DataFileStore.",
-       CSLogger::PRIO_ERROR},
-      {"sound", "", {"data.bin"}, {}, "DataFileStore restored successfully from backup", CSLogger::PRIO_INFO},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    Remove("/etc");
-    Remove("/var");
-    log_.Clear();
-    WriteBackup(DBStore::CONFIG_STORE, kBackup, "config");
-    if (c.backupContent != nullptr && *c.backupContent == '\0') {
-      WriteBackup(DBStore::DATAFILE_STORE, kDataFileBackup, "data.bin");
-    } else if (c.backupContent != nullptr) {
-      WriteFile(kDataFileBackup, c.backupContent);
-    }
-
-    EXPECT_FALSE(RestoreOrCreateStore(true));
-
-    ExpectSoundStores();
-    EXPECT_THAT(Rows(DBStore::CONFIG_STORE), ElementsAre("config"));
-    EXPECT_EQ(Rows(DBStore::DATAFILE_STORE), c.expectedRows);
-    EXPECT_EQ(EventIds(), c.expectedEvents);
-    EXPECT_TRUE(log_.Contains(c.expectedLine, c.linePriority));
-  }
-  // The event of an inconsistent data-file backup carries no argument.
-  Remove("/var/log");
-  WriteFile(kDataFileBackup, "garbage");
-  RestoreOrCreateStore(true);
-  auto events = RecordedEvents();
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_THAT(events[0].args, IsEmpty());
-  EXPECT_EQ(events[0].message, "DataFile store cannot be restored.");
-}
-
-// Whichever way the copy fails, nothing of it stays: a new store is made in its place.
+// A copy that fails part way (a ramdisk too small) leaves nothing: a new store is made in its place.
 TEST_F(StoreRestoreTest, FailedConfigStoreCopyCreatesNewStore) {
-  struct Case {
-    const char* name;
-    std::function<void()> arrange;
-    rlim_t fileSizeLimit;  // RLIM_INFINITY, or the bytes the copy may write: a ramdisk too small
-  } cases[] = {
-      // Without the working ramdisk's directory the copy has nowhere to go; creation makes it.
-      {"no ramdisk directory", [&] { Remove("/etc/talvex/configstore"); }, RLIM_INFINITY},
-      {"ramdisk too small",
-       [&] {
-         sqlite3* db = nullptr;
-         ASSERT_EQ(sqlite3_open(Path(kBackup).c_str(), &db), SQLITE_OK);
-         EXPECT_EQ(sqlite3_exec(db, "INSERT INTO KeyValue VALUES ('filler', randomblob(400000))", nullptr, nullptr,
-                                nullptr),
-                   SQLITE_OK);
-         sqlite3_close(db);
-       },
-       128 * 1024},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    Remove("/var/log");
-    Remove("/var/lib/talvex/configstore");
-    WriteBackup(DBStore::CONFIG_STORE, kBackup, "backup");
-    c.arrange();
-    log_.Clear();
+  WriteBackup(DBStore::CONFIG_STORE, kBackup, "backup");
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(Path(kBackup).c_str(), &db), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(db, "INSERT INTO KeyValue VALUES ('filler', randomblob(400000))", nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+  rlimit limited{128 * 1024, saved.rlim_max};  // the copy gets EFBIG, as on a full ramdisk
+  auto oldHandler = signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+  const bool created = RestoreOrCreateStore(true);
+  setrlimit(RLIMIT_FSIZE, &saved);
+  signal(SIGXFSZ, oldHandler);
 
-    rlimit saved{};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
-    rlimit limited{c.fileSizeLimit, saved.rlim_max};
-    auto oldHandler = signal(SIGXFSZ, SIG_IGN);  // the copy gets EFBIG, as on a full ramdisk
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
-    const bool created = RestoreOrCreateStore(true);
-    setrlimit(RLIMIT_FSIZE, &saved);
-    signal(SIGXFSZ, oldHandler);
-
-    EXPECT_TRUE(created);
-    ExpectSoundStores();
-    EXPECT_THAT(Rows(DBStore::CONFIG_STORE), IsEmpty());
-    EXPECT_EQ(GetBootMode(), BOOT_MODE_NEW_STORE);
-    EXPECT_TRUE(log_.Contains("Cannot copy ConfigStore from backup [" + Path(kBackup) +
-                                  "], creating new ConfigStore.",
-                              CSLogger::PRIO_ERROR));
-    EXPECT_FALSE(log_.Contains("ConfigStore restored successfully"));
-    auto events = RecordedEvents();
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].id, kCopyEvent);
-    EXPECT_THAT(events[0].args, ElementsAre(Path(kBackup)));
-  }
+  EXPECT_TRUE(created);
+  EXPECT_EQ(DBStore::Check(Path(kStore)), 0);
+  EXPECT_THAT(Rows(DBStore::CONFIG_STORE), IsEmpty());
+  EXPECT_TRUE(log_.Contains("Cannot copy ConfigStore from backup [" + Path(kBackup) + "], creating new ConfigStore.",
+                            CSLogger::PRIO_ERROR));
+  EXPECT_THAT(EventIds(), ElementsAre(kCopyEvent));
 }
 
-TEST_F(StoreRestoreTest, FailedDataFileCopyKeepsTheConfigStoreRestore) {
+TEST_F(StoreRestoreTest, CopiesBlockedByADirectory) {
   WriteBackup(DBStore::CONFIG_STORE, kBackup, "config");
   WriteBackup(DBStore::DATAFILE_STORE, kDataFileBackup, "data.bin");
   // cp refuses to put a file over a directory of the same name inside the target directory.
   fs::create_directories(Path(kDataFileStore) + "/datafile-store");
-  log_.Clear();
 
   EXPECT_FALSE(RestoreOrCreateStore(true));
 
   EXPECT_THAT(Rows(DBStore::CONFIG_STORE), ElementsAre("config"));
-  EXPECT_EQ(GetBootMode(), BOOT_MODE_DESIRED_USER_CONFIG);
-  EXPECT_TRUE(log_.Contains("DataFileStore backup [" + Path(kDataFileBackup) + "] is valid.", CSLogger::PRIO_INFO));
   EXPECT_TRUE(log_.Contains("Cannot copy DataFileStore from backup [" + Path(kDataFileBackup) +
-                                "], will create new DataFileStore.",
-                            CSLogger::PRIO_ERROR));
-  // The data-file store cannot be created over the directory either.
-  EXPECT_THAT(EventIds(), ElementsAre(kDataFileEvent, kDbEvent));
+                            "], will create new DataFileStore."));
+  EXPECT_THAT(EventIds(), ElementsAre(kDataFileEvent, kDbEvent));  // nor created over the directory
+
+  // A working store that cannot be deleted ends in the connection failure.
+  Remove("/etc");
+  Remove("/var/log");
+  Remove(kDataFileBackup);
+  fs::create_directories(Path(kStore) + "/current-store-1");
+  EXPECT_EQ(cstest::Thrown([] { RestoreOrCreateStore(true); }),
+            "2000 Failed to connect to database: " + Path(kStore) + " is a directory");
+  EXPECT_TRUE(log_.Contains("Error removing sticky ConfigStore file", CSLogger::PRIO_ERROR));
+  EXPECT_THAT(EventIds(), ElementsAre(kCopyEvent, kDbEvent));
 }
 
-TEST_F(StoreRestoreTest, UndeletableWorkingStoreEndsInTheConnectionFailure) {
-  WriteBackup(DBStore::CONFIG_STORE, kBackup, "backup");
-  fs::create_directories(Path(kStore) + "/current-store-1");
+// The live-install refresh: schemas first, then the live-install modules, and what stops it.
+TEST_F(StoreRestoreTest, RefreshRunsSchemasThenModules) {
+  CopyExampleHost();
+  EXPECT_FALSE(RefreshConfigStore({}, {})) << "no stores";
+  ASSERT_EQ(DBStore::CreateDatabases(), 0);
+  EXPECT_TRUE(RefreshConfigStore({}, {}));
+  EXPECT_FALSE(RefreshConfigStore({}, {"not-installed"}));
+  EXPECT_FALSE(RefreshConfigStore({}, {"../escape"}));
+  WriteFile("/usr/lib/talvex/configmanager/schemas/net-core-1.2.3_4.5.json", "{ not json");
+  log_.Clear();
+  EXPECT_FALSE(RefreshConfigStore({}, {"not-installed"}));
+  EXPECT_FALSE(log_.Contains("not-installed")) << "failed schema processing runs no module";
+}
 
-  try {
-    RestoreOrCreateStore(true);
-    ADD_FAILURE() << "no throw";
-  } catch (const ConfigStoreException& e) {
-    EXPECT_EQ(e.code(), 2000);
-    EXPECT_EQ(e.what(), "Failed to connect to database: " + Path(kStore) + " is a directory");
+constexpr const char* kStoreMount = "none /etc/talvex/configstore lumafs 0 32,32,0,0,0,00644,configstore";
+constexpr const char* kStoreLimits = "/sys/plon/system/lumafs/ramdisks/configstore/memUsageLimit";
+
+using RamDiskTest = cstest::SandboxTest;
+
+// Both ramdisks are mounted, the working one limited; a failure stops where it happens.
+TEST_F(RamDiskTest, MountsBothRamdisksAndLimitsTheWorkingOne) {
+  ASSERT_TRUE(PLON_WriteSignature());
+  WriteFile("/etc/talvex/features", "62=on\n45=on\n");  // the reduced backup reservation
+  EXPECT_EQ(SetupStoreRamDisk(), 0);
+  EXPECT_THAT(Host::RecordedMounts(),
+              ElementsAre(kStoreMount, "none /var/lib/talvex/configstore/backup lumafs 0 0,32,0,0,0,00644,configstorebkp"));
+  EXPECT_EQ(ReadFile(kStoreLimits), "80 90\n");
+
+  // a file where a directory belongs, "<operation>:<message>" logged (the message thrown), mounts made
+  const std::tuple<const char*, std::string, size_t> cases[] = {
+      {"/sys/plon/.signature", "SetupStoreRamdiskUsageLimits:PLON_CheckSig Failed", 1},
+      {"/var/lib/talvex",
+       "SetupStoreRamDisk:Failed to reserve memory for ConfigStore backup: cannot create " +
+           Path("/var/lib/talvex/configstore/backup") + ": Not a directory",
+       1},
+  };
+  for (const auto& [file, logged, mounts] : cases) {
+    SCOPED_TRACE(file);
+    for (const char* dir : {"/etc", "/var", "/sys/plon/system"}) Remove(dir);
+    ASSERT_TRUE(PLON_WriteSignature());
+    WriteFile(file, "x\n");
+    EXPECT_EQ(cstest::Thrown([] { SetupStoreRamDisk(); }), "2000 " + logged.substr(logged.find(':') + 1));
+    EXPECT_TRUE(log_.Contains("CONFIGSTORE:" + logged, CSLogger::PRIO_ERROR));
+    EXPECT_EQ(Host::RecordedMounts().size(), mounts);
+    EXPECT_EQ(Exists(kStoreLimits), mounts == 1 && file[1] != 's');
   }
-  EXPECT_TRUE(log_.Contains("Error removing sticky ConfigStore file", CSLogger::PRIO_ERROR));
-  EXPECT_TRUE(log_.Contains("Cannot copy ConfigStore from backup [" + Path(kBackup) + "], creating new ConfigStore."));
-  EXPECT_THAT(EventIds(), ElementsAre(kCopyEvent, kDbEvent));
+
+  ASSERT_TRUE(PLON_WriteSignature());
+  SetupStoreRamdiskUsageLimits("configstorebkp");
+  EXPECT_EQ(ReadFile("/sys/plon/system/lumafs/ramdisks/configstorebkp/memUsageLimit"), "80 90\n");
+  // A name the node tree refuses as an instance never leads out of it.
+  for (const char* name : {"../../escape", ""}) {
+    EXPECT_EQ(cstest::Thrown([&] { SetupStoreRamdiskUsageLimits(name); }),
+              "2000 Failed to set warning and error usage limits");
+  }
+  EXPECT_FALSE(Exists("/sys/escape"));
+
+  // Out of memory at each allocation in turn.
+  std::vector<std::string> thrown;
+  for (int nth = 1; thrown.empty() || thrown.back() != "no exception"; ++nth) {
+    try {
+      thrown.push_back(cstest::Thrown([nth] {
+        gAllocationsUntilFailure = nth;
+        SetupStoreRamdiskUsageLimits("configstore");
+        gAllocationsUntilFailure = 0;
+      }));
+    } catch (const std::bad_alloc&) {
+      thrown.push_back("bad_alloc");
+    }
+    gAllocationsUntilFailure = 0;
+  }
+  for (const char* limit : {"warning", "error"}) {
+    EXPECT_THAT(thrown, testing::Contains(std::string("2000 Failed to add ") + limit +
+                                          " limit to ramdisk(configstore): NUK_NO_MEMORY"));
+  }
 }
 
 }  // namespace

@@ -4,13 +4,6 @@
 #include "tests/support/StoreRows.h"
 
 namespace cstest {
-namespace {
-
-std::string PackageFile(const std::string& kit, const std::string& version, const std::string& data) {
-  return R"({"metadata": {"kitname": ")" + kit + R"(", "kitversion": ")" + version + R"("}, "data": [)" + data + "]}";
-}
-
-}  // namespace
 
 void SchemaHostTest::SetUp() {
   SandboxTest::SetUp();
@@ -19,42 +12,6 @@ void SchemaHostTest::SetUp() {
   Remove("/etc/talvex/default-config");
   ASSERT_EQ(DBStore::CreateDatabases(), 0);
   SetSwitches(true, true);
-}
-
-void SchemaHostTest::TearDown() {
-  DBStore::faults::Disarm();
-  SandboxTest::TearDown();
-}
-
-void SchemaHostTest::SetSwitches(bool versioning, bool smartnicFiltering) const {
-  WriteFile("/etc/talvex/features", std::string("62=") + (versioning ? "on" : "off") + "\n70=" +
-                                        (smartnicFiltering ? "on" : "off") + "\n");
-}
-
-void SchemaHostTest::SetQorio(bool qorio) const {
-  if (qorio) {
-    WriteFile("/etc/.qorio", "");
-  } else {
-    Remove("/etc/.qorio");
-  }
-}
-
-void SchemaHostTest::WriteSchemaFile(const std::string& file, const std::string& kit, const std::string& version,
-                                     const std::string& data) const {
-  WriteRawSchemaFile(file, PackageFile(kit, version, data));
-}
-
-void SchemaHostTest::WriteDefaultFile(const std::string& file, const std::string& kit, const std::string& version,
-                                      const std::string& data) const {
-  WriteRawDefaultFile(file, PackageFile(kit, version, data));
-}
-
-void SchemaHostTest::WriteRawSchemaFile(const std::string& file, const std::string& content) const {
-  WriteFile("/usr/lib/talvex/configmanager/schemas/" + file, content);
-}
-
-void SchemaHostTest::WriteRawDefaultFile(const std::string& file, const std::string& content) const {
-  WriteFile("/etc/talvex/default-config/" + file, content);
 }
 
 std::string SchemaHostTest::Element(const std::string& cgk, const std::string& schema, const std::string& extra,
@@ -66,12 +23,9 @@ std::string SchemaHostTest::Element(const std::string& cgk, const std::string& s
 }
 
 Strings SchemaHostTest::Query(const std::string& sql) {
-  Strings rows;
   DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, false);
-  EXPECT_TRUE(conn);
   EXPECT_EQ(DBStore::AttachSchemaStore(conn), 0);
-  rows = cstest::JoinedRows(conn, sql, "NULL");
-  return rows;
+  return cstest::JoinedRows(conn, sql, "NULL");
 }
 
 Strings SchemaHostTest::Registered() {

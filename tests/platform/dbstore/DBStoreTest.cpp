@@ -104,24 +104,6 @@ TEST_F(DBStoreTest, CheckRefusesUnsoundStores) {
   EXPECT_FALSE(Exists("/tmp/missing/current-store-1"));
 }
 
-// INSERT OR REPLACE / OR IGNORE in the library count on these keys.
-TEST_F(DBStoreTest, TableKeys) {
-  auto conn = Open();
-  const std::string upsert =
-      "INSERT OR REPLACE INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) VALUES ('q', 'g', 'n', ?, ?)";
-  ASSERT_EQ(Exec(conn, upsert, "", "a"), 0);
-  ASSERT_EQ(Exec(conn, upsert, "", "b"), 0);
-  EXPECT_EQ(Query(conn, "SELECT Identifier, UserValue FROM Config"), (Rows{{"", "b"}}));
-  EXPECT_EQ(Exec(conn, upsert, std::nullopt, "c"), 1);  // a NULL identifier would escape the key
-  const std::string stage = "INSERT OR REPLACE INTO DesiredUserConfig (Component, ConfigGroup, Name, Identifier, "
-                            "Value, BootAction) VALUES ('q', 'g', 'n', ?, ?, ?)";
-  for (const char* action : {"DELETE", "DELETE", "SET", "SET"}) {
-    ASSERT_EQ(Exec(conn, stage, action[0] == 'S' ? std::optional<std::string>("i") : std::nullopt, action, action), 0);
-  }
-  EXPECT_EQ(Query(conn, "SELECT BootAction, count(*) FROM DesiredUserConfig GROUP BY 1 ORDER BY 1"),
-            (Rows{{"DELETE", "2"}, {"SET", "1"}}));
-}
-
 TEST_F(DBStoreTest, KeyValueEntriesAndTheStoreDump) {
   auto conn = Open();
   EXPECT_EQ(ReadKv(conn, "NEVER_WRITTEN"), "");

@@ -148,6 +148,7 @@ TEST_F(JsonValidatorTest, PatternsAreEnforcedWithEcmaMeanings) {
       {"^[^]$", "\n", true},   // [^] matches anything
       {"^\\s$", "\u00a0", true},  // ECMA white space, wider than RE2's \s
       {"^\\cJ$", "\n", true},
+      {"^\\da$", "1a", true},  // an escape before a letter is no control escape
       {"^\\p{Letter}+$", "\u00e9t\u00e9", true},
       {"b", "abc", true},  // unanchored search
       {"^abc$", "abc\n", false},
@@ -263,18 +264,20 @@ TEST_F(JsonValidatorTest, HugeArraysStayLinearAndErrorsAreCapped) {
   EXPECT_EQ(errors.back(), Error("", "more than 1000 errors; the rest are not listed"));
 }
 
-// A reference is resolved against the schema's id, dot segments removed, before the resolver is asked.
+// A reference is resolved against the schema's id (if any), dot segments removed, before the resolver is asked.
 TEST_F(JsonValidatorTest, RemoteReferencesGoThroughTheResolver) {
   rapidjson::Document remote = Json(R"({"definitions": {"port": {"type": "integer", "maximum": 65535}}})");
   std::vector<std::string> asked;
   JsonValidator::SetRemoteResolver([&](const std::string& uri) -> const rapidjson::Value* {
     asked.push_back(uri);
-    return uri == "http://schemas.local/common.json" ? &remote : nullptr;
+    return uri == "http://schemas.local/common.json" || uri == "common.json" ? &remote : nullptr;
   });
   const char* schema = R"({"id": "http://schemas.local/kit/nic.json",
       "properties": {"port": {"$ref": "../x/./../common.json#/definitions/port"}}})";
   EXPECT_EQ(ErrorsOf(schema, R"({"port": 70000})", {2}), (FieldErrors{{"/port", "must be at most 65535, got 70000"}}));
-  EXPECT_EQ(asked, std::vector<std::string>{"http://schemas.local/common.json"});
+  EXPECT_EQ(ErrorsOf(R"({"properties": {"port": {"$ref": "./common.json#/definitions/port"}}})", R"({"port": 70000})", {2}),
+            (FieldErrors{{"/port", "must be at most 65535, got 70000"}}));
+  EXPECT_EQ(asked, (std::vector<std::string>{"http://schemas.local/common.json", "common.json"}));
   JsonValidator::SetRemoteResolver(nullptr);
   EXPECT_EQ(ErrorsOf(schema, R"({"port": 70000})", {2}).at(0).second.rfind("invalid schema", 0), 0u);
 }

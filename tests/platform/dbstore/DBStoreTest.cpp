@@ -1,346 +1,306 @@
-// Connections, transactions, statements, the key-value table and fault injection.
+// Store files, connections, transactions, statements, the key-value table and fault injection.
+#include <sqlite3.h>
+
 #include <chrono>
 #include <functional>
 #include <thread>
 
-#include <sqlite3.h>
-
-#include "tests/platform/dbstore/DBStoreTestSupport.h"
+#include "platform/dbstore/DBStore.h"
+#include "tests/support/Sandbox.h"
 #include "tests/support/StoreDump.h"
 
 namespace cstest {
 namespace {
 
 using DBStore::Exec;
-using DBStore::kTimeoutMs;
 using DBStore::faults::Kind;
+using Row = DBStore::Values;
+using Rows = std::vector<Row>;
+
+constexpr const char* kConfigStore = "/etc/talvex/configstore/current-store-1";
+constexpr const char* kDataFileStore = "/etc/talvex/configstore/datafile-store";
+constexpr const char* kSchemaStore = "/var/lib/talvex/schemastore/schema-store";
 
 bool InTransaction(const DBStore::Connection& conn) { return sqlite3_get_autocommit(conn->db) == 0; }
 
-TEST_F(DBStoreTest, KeyValueEntries) {
-  CreateStores();
+class DBStoreTest : public SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+  }
+  void TearDown() override {
+    DBStore::faults::Disarm();
+    SandboxTest::TearDown();
+  }
+  static DBStore::Connection Open(DBStore::Type type = DBStore::CONFIG_STORE) {
+    DBStore::Connection conn = DBStore::GetConnection(type, true);
+    EXPECT_TRUE(conn);
+    return conn;
+  }
+  template <typename... Args>
+  static Rows Query(const DBStore::Connection& conn, const std::string& sql, const Args&... args) {
+    std::optional<Rows> rows = DBStore::Query(conn, sql, args...);
+    EXPECT_TRUE(rows) << sql;
+    return rows.value_or(Rows());
+  }
+  static std::string ReadKv(const DBStore::Connection& conn, const std::string& key) {
+    std::string value = "<unset>";
+    EXPECT_EQ(DBStore::ReadKeyValue(key, &value, conn), 0);
+    return value;
+  }
+};
+
+// Opening never creates a store, and creating never overwrites a file that is not a database;
+// creating again keeps the rows and restores a missing table.
+TEST_F(DBStoreTest, StoresAreCreatedOnceAndOpenedOnlyWhenThere) {
+  EXPECT_EQ(Query(Open(), "PRAGMA journal_mode"), Rows{{"delete"}});
+  ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "2", Open()), 0);
+  ASSERT_EQ(Exec(Open(), "DROP TABLE DefaultConfig"), 0);
+  EXPECT_NE(DBStore::Check(Path(kConfigStore)), 0);
+  ASSERT_EQ(DBStore::CreateDatabases(), 0);
+  EXPECT_EQ(DBStore::Check(Path(kConfigStore)), 0);
+  EXPECT_EQ(ReadKv(Open(), "BOOT_MODE"), "2");
+
+  EXPECT_FALSE(DBStore::GetConnection(static_cast<DBStore::Type>(1), true));
+  EXPECT_TRUE(log_.Contains("unknown store database type 1", CSLogger::PRIO_ERROR));
+  Remove(kConfigStore);
+  EXPECT_FALSE(DBStore::GetConnection(DBStore::CONFIG_STORE, false));
+  EXPECT_FALSE(Exists(kConfigStore));
+  WriteFile(kConfigStore, "not sqlite");
+  EXPECT_FALSE(DBStore::GetConnection(DBStore::CONFIG_STORE, true));
+  EXPECT_TRUE(log_.Contains("file is not a database", CSLogger::PRIO_ERROR));
+  EXPECT_NE(DBStore::CreateDatabases(), 0);
+  EXPECT_EQ(ReadFile(kConfigStore), "not sqlite");
+}
+
+TEST_F(DBStoreTest, CheckRefusesUnsoundStores) {
+  auto config = Open();
+  ASSERT_EQ(DBStore::BeginTransaction(config), 0);
+  for (int i = 0; i < 2000; ++i) {  // enough pages that a cut copy loses some
+    ASSERT_EQ(Exec(config, "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) "
+                           "VALUES ('qor', 'network', 'nuknics', ?, ?)", "nic" + std::to_string(i), std::string(200, 'x')), 0);
+  }
+  ASSERT_EQ(DBStore::CommitTransaction(config), 0);
+  std::string store = ReadFile(kConfigStore);
+  WriteFile("/tmp/copy/current-store-1", store);
+  WriteFile("/tmp/truncated/current-store-1", store.substr(0, store.size() / 2));
+  WriteFile("/tmp/text/current-store-1", "SQLite format 3 is what this file is not\n");
+  WriteFile("/tmp/misnamed/datafile-store", store);  // the kind is told by the file name
+  ASSERT_EQ(Exec(config, "DROP TABLE KeyValue"), 0);
+  ASSERT_EQ(Exec(Open(DBStore::DATAFILE_STORE), "DROP TABLE DataFileMetadata"), 0);
+  ASSERT_EQ(DBStore::AttachSchemaStore(config), 0);
+  ASSERT_EQ(Exec(config, "DROP TABLE ss.SchemaFile"), 0);
+
+  EXPECT_EQ(DBStore::Check(Path("/tmp/copy/current-store-1")), 0);
+  for (const char* path : {"/tmp/missing/current-store-1", "/tmp/truncated/current-store-1",
+                           "/tmp/text/current-store-1", "/tmp/misnamed/datafile-store", "/tmp", kConfigStore,
+                           kDataFileStore, kSchemaStore}) {
+    EXPECT_NE(DBStore::Check(Path(path)), 0) << path;
+  }
+  for (const char* why : {"malformed", "not a database", "table KeyValue is missing", "table DataFileMetadata is missing"}) {
+    EXPECT_TRUE(log_.Contains(why, CSLogger::PRIO_ERROR)) << why;
+  }
+  EXPECT_FALSE(Exists("/tmp/missing/current-store-1"));
+}
+
+TEST_F(DBStoreTest, KeyValueEntriesAndTheStoreDump) {
   auto conn = Open();
   EXPECT_EQ(ReadKv(conn, "NEVER_WRITTEN"), "");
   ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", conn), 0);
   ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "3", conn), 0);
-  ASSERT_EQ(DBStore::WriteKeyValue("IS_BOOT", "", conn), 0);
-  conn.reset();
-
-  auto other = Open();
-  EXPECT_EQ(ReadKv(other, "BOOT_MODE"), "3");
-  EXPECT_EQ(ReadKv(other, "IS_BOOT"), "");
-  EXPECT_EQ(Query(other, "SELECT count(*) FROM KeyValue"), std::vector<Row>{{"2"}});
-
+  EXPECT_EQ(ReadKv(Open(), "BOOT_MODE"), "3");
   std::string value = "untouched";
   EXPECT_NE(DBStore::ReadKeyValue("BOOT_MODE", &value, nullptr), 0);
-  EXPECT_EQ(value, "untouched");
   EXPECT_NE(DBStore::WriteKeyValue("BOOT_MODE", "4", nullptr), 0);
-  EXPECT_NE(DBStore::ReadKeyValue("BOOT_MODE", &value, std::make_shared<DBStore::StoreConnection>()), 0);
-
+  EXPECT_EQ(value, "untouched");
   auto readOnly = DBStore::GetConnection(DBStore::CONFIG_STORE, false);
-  ASSERT_TRUE(readOnly);
-  EXPECT_EQ(ReadKv(readOnly, "BOOT_MODE"), "3");
   EXPECT_NE(DBStore::WriteKeyValue("IS_BOOT", "true", readOnly), 0);
   EXPECT_TRUE(log_.Contains("readonly", CSLogger::PRIO_ERROR));
-}
 
-// The store dump is what the "changed nothing" checks of other tests rest on: it must see a
-// changed value, a changed type, a NULL and a new row.
-TEST_F(DBStoreTest, StoreDumpSeesEveryKindOfChange) {
-  CreateStores();
-  auto conn = Open();
-  ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", conn), 0);
+  // The "changed nothing" checks of other tests rest on the dump seeing every kind of change.
   StoreDump before = DumpStores();
   EXPECT_EQ(DiffStores(before, DumpStores()), "");
-  EXPECT_TRUE(before.count("config.KeyValue") && before.count("datafile.DataFileMetadata") &&
-              before.count("schema.ConfigSchema"));
-  for (const char* change : {"UPDATE KeyValue SET Value = '2'", "UPDATE KeyValue SET Value = X'32'",
-                             "UPDATE KeyValue SET Value = NULL",
+  EXPECT_TRUE(before.count("datafile.DataFileMetadata") && before.count("schema.ConfigSchema"));
+  for (const char* change : {"UPDATE KeyValue SET Value = X'33'", "UPDATE KeyValue SET Value = NULL",
                              "INSERT INTO KeyValue (Key, Value) VALUES ('IS_BOOT', '1')"}) {
-    SCOPED_TRACE(change);
     ASSERT_EQ(Exec(conn, change), 0);
     StoreDump after = DumpStores();
-    EXPECT_NE(DiffStores(before, after), "");
+    EXPECT_NE(DiffStores(before, after), "") << change;
     before = std::move(after);
   }
 }
 
-TEST_F(DBStoreTest, BeginWaitsForALockedStoreUpToItsTimeOut) {
-  CreateStores();
-  auto holder = Open();
-  auto waiter = Open();
+TEST_F(DBStoreTest, TransactionsWaitRollBackAndGuard) {
+  auto holder = Open(), waiter = Open();
   ASSERT_EQ(DBStore::BeginTransaction(holder), 0);
-
   EXPECT_NE(DBStore::BeginTransaction(waiter, 200), 0);
   EXPECT_TRUE(log_.Contains("database is locked", CSLogger::PRIO_ERROR));
-  EXPECT_FALSE(InTransaction(waiter));
-  // Opening and reading stay possible while a writer holds its lock.
-  auto late = Open();
-  ASSERT_TRUE(late);
-  EXPECT_EQ(ReadKv(late, "BOOT_MODE"), "");
-
+  EXPECT_EQ(ReadKv(Open(), "BOOT_MODE"), "");  // reading stays possible
   // A lock released while Begin waits is taken: it waited rather than failing at once.
   std::thread release([&holder] {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(DBStore::CommitTransaction(holder), 0);
   });
-  EXPECT_EQ(DBStore::BeginTransaction(waiter, kTimeoutMs), 0);
+  EXPECT_EQ(DBStore::BeginTransaction(waiter, DBStore::kTimeoutMs), 0);
   release.join();
-  EXPECT_EQ(DBStore::CommitTransaction(waiter), 0);
-}
+  ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", waiter), 0);
+  waiter.reset();  // closing rolls back, and the lock goes with it
+  EXPECT_EQ(ReadKv(Open(), "BOOT_MODE"), "");
 
-TEST_F(DBStoreTest, FailedCommitLeavesTheTransactionOpenAndCancelRestoresTheData) {
-  CreateStores();
-  auto writer = Open();
-  auto reader = Open();
-  ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "0", writer), 0);
-  // A read transaction holds its shared lock until it ends, so the writer cannot commit.
+  // A read transaction holds its shared lock, so the writer cannot commit; the guard rolls back.
+  auto writer = Open(), reader = Open();
   ASSERT_EQ(Exec(reader, "BEGIN"), 0);
-  ASSERT_EQ(ReadKv(reader, "BOOT_MODE"), "0");
-
-  {
+  ASSERT_EQ(ReadKv(reader, "BOOT_MODE"), "");
+  for (bool readerDone : {false, true}) {
+    if (readerDone) ASSERT_EQ(Exec(reader, "COMMIT"), 0);
     DBStore::Transaction tx(writer);
     ASSERT_EQ(tx.Begin(200), 0);
-    ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", writer), 0);
-    EXPECT_NE(tx.Commit(200), 0);
-    EXPECT_TRUE(InTransaction(writer));
-  }  // the guard rolls back what it could not commit
+    ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", readerDone ? "2" : "1", writer), 0);
+    EXPECT_EQ(tx.Commit(200) == 0, readerDone);
+    EXPECT_EQ(InTransaction(writer), !readerDone);
+  }
   EXPECT_FALSE(InTransaction(writer));
   EXPECT_EQ(DBStore::CancelTransaction(writer), 0);  // nothing open: no-op
-
-  ASSERT_EQ(Exec(reader, "COMMIT"), 0);
-  EXPECT_EQ(ReadKv(Open(), "BOOT_MODE"), "0");
-  {
-    DBStore::Transaction tx(writer);
-    ASSERT_EQ(tx.Begin(), 0);
-    ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "2", writer), 0);
-    EXPECT_EQ(tx.Commit(), 0);
-  }
   EXPECT_EQ(ReadKv(Open(), "BOOT_MODE"), "2");
-}
 
-TEST_F(DBStoreTest, ClosingAConnectionRollsBackItsOpenTransaction) {
-  CreateStores();
-  auto conn = Open();
-  ASSERT_EQ(DBStore::BeginTransaction(conn), 0);
-  ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", conn), 0);
-  conn.reset();
-
-  auto other = Open();
-  EXPECT_EQ(ReadKv(other, "BOOT_MODE"), "");
-  EXPECT_EQ(DBStore::BeginTransaction(other, 200), 0);  // the lock went with the connection
-  EXPECT_EQ(DBStore::CommitTransaction(other), 0);
-}
-
-TEST_F(DBStoreTest, EmptyHandlesFail) {
   DBStore::Connection none;
   EXPECT_NE(DBStore::BeginTransaction(none), 0);
   EXPECT_NE(DBStore::CommitTransaction(none), 0);
   EXPECT_NE(DBStore::CancelTransaction(none), 0);
-  EXPECT_NE(DBStore::AttachSchemaStore(none), 0);
   EXPECT_NE(Exec(none, "SELECT 1"), 0);
-  EXPECT_NE(DBStore::QueryEach(none, "SELECT 1", [](const DBStore::Row&) {}), 0);
 }
 
-TEST_F(DBStoreTest, SchemaStoreAttachQueryAndDetach) {
-  CreateStores();
+TEST_F(DBStoreTest, SchemaStoreAttachment) {
   auto conn = Open();
   {
     DBStore::SchemaStoreAttachment ss(conn);
     ASSERT_EQ(ss.Attach(), 0);
-    EXPECT_TRUE(conn->schemaStoreAttached);
-    ASSERT_EQ(Exec(conn,
-                   "INSERT INTO ss.ConfigSchema (Component, ConfigGroup, Name, SchemaJson, Singleton) "
-                   "VALUES (?, ?, ?, ?, ?)",
-                   std::vector<std::string>{"qor", "network", "nuknics", "{}"}, 1),
-              0);
+    ASSERT_EQ(Exec(conn, "INSERT INTO ss.ConfigSchema (Component, ConfigGroup, Name, SchemaJson, Singleton) "
+                         "VALUES (?, ?, ?, ?, ?)", std::vector<std::string>{"qor", "network", "nuknics", "{}"}, 1), 0);
   }  // the guard detaches what it attached
   EXPECT_FALSE(conn->schemaStoreAttached);
   EXPECT_NE(Exec(conn, "SELECT Name FROM ss.ConfigSchema"), 0);
   EXPECT_TRUE(log_.Contains("no such table: ss.ConfigSchema", CSLogger::PRIO_ERROR));
-  EXPECT_EQ(DBStore::DetachSchemaStore(conn), 0);
 
-  // Written to the schema store file, seen from another connection; a guard leaves an attachment
-  // it did not make.
+  // A guard leaves an attachment it did not make.
   auto other = Open();
   ASSERT_EQ(DBStore::AttachSchemaStore(other), 0);
-  {
-    DBStore::SchemaStoreAttachment ss(other);
-    ASSERT_EQ(ss.Attach(), 0);
-  }
-  EXPECT_TRUE(other->schemaStoreAttached);
-  EXPECT_EQ(Query(other, "SELECT Name, Singleton, NoRestore FROM ss.ConfigSchema WHERE Component = ?", "qor"),
-            (std::vector<Row>{{"nuknics", "1", "0"}}));
+  { DBStore::SchemaStoreAttachment ss(other); ASSERT_EQ(ss.Attach(), 0); }
+  EXPECT_EQ(Query(other, "SELECT Name, Singleton, NoRestore FROM ss.ConfigSchema"), (Rows{{"nuknics", "1", "0"}}));
 
-  // A missing schema store is not created by attaching.
-  Remove("/var/lib/talvex/schemastore/schema-store");
-  auto late = Open();
-  EXPECT_NE(DBStore::AttachSchemaStore(late), 0);
-  EXPECT_FALSE(late->schemaStoreAttached);
-  EXPECT_FALSE(Exists("/var/lib/talvex/schemastore/schema-store"));
+  Remove(kSchemaStore);  // a missing schema store is not created by attaching
+  EXPECT_NE(DBStore::AttachSchemaStore(conn), 0);
+  EXPECT_FALSE(conn->schemaStoreAttached);
+  EXPECT_FALSE(Exists(kSchemaStore));
 }
 
-TEST_F(DBStoreTest, BindingEveryKindOfValue) {
-  CreateStores();
+TEST_F(DBStoreTest, BindingAndStatementFailures) {
   auto conn = Open();
-  const std::string sql = "SELECT ?1, typeof(?1), ?2, ?3, typeof(?3), ?4, ?5, ?6, ?7, ?8, ?9, ?10, typeof(?10), ?11, ?12";
   std::string temporary = "copied";
-  auto rows = Query(conn, sql, std::string_view(), std::optional<std::string_view>(), INT64_MAX,
-                    std::vector<std::string>{"x", "y"}, std::vector<std::string_view>{"z"},
-                    static_cast<const char*>(nullptr), "literal", temporary, 7,
-                    std::optional<std::string_view>("opt"), DBStore::Values{std::nullopt});
-  EXPECT_EQ(rows, (std::vector<Row>{{"", "text", std::nullopt, "9223372036854775807", "integer", "x", "y", "z",
-                                     std::nullopt, "literal", "copied", "7", "integer", "opt", std::nullopt}}));
-  EXPECT_NE(Exec(conn, "SELECT ?", "one", "too many"), 0);
+  EXPECT_EQ(Query(conn, "SELECT ?1, typeof(?1), ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, typeof(?9), ?10, ?11",
+                  std::string_view(), std::optional<std::string_view>(), INT64_MAX, std::vector<std::string>{"x", "y"},
+                  static_cast<const char*>(nullptr), "literal", temporary, 7, std::optional<std::string_view>("opt"),
+                  DBStore::Values{std::nullopt}),
+            (Rows{{"", "text", std::nullopt, "9223372036854775807", "x", "y", std::nullopt, "literal", "copied", "7",
+                   "integer", "opt", std::nullopt}}));
+  EXPECT_EQ(Query(conn, "SELECT length(?)", std::string(1 << 20, 'v')), Rows{{"1048576"}});
+  const std::pair<const char*, const char*> refused[] = {
+      {"SELEC 1", "syntax error"}, {"", ""}, {"  -- only a comment", ""},
+      // A second statement would silently not run, so the text is refused as a whole.
+      {"INSERT INTO KeyValue VALUES ('a', '1'); INSERT INTO KeyValue VALUES ('b', '2')", ""}};
+  for (const auto& [sql, why] : refused) {
+    EXPECT_NE(Exec(conn, sql), 0) << sql;
+    EXPECT_TRUE(log_.Contains(why, CSLogger::PRIO_ERROR)) << sql;
+  }
+  EXPECT_EQ(Exec(conn, "SELECT 1; -- done"), 0);
+  const std::string insert = "INSERT INTO KeyValue (Key, Value) VALUES (?, ?)";
+  ASSERT_EQ(Exec(conn, insert, "k", "1"), 0);
+  EXPECT_EQ(Exec(conn, insert, "k", "2"), 1);
+  EXPECT_TRUE(log_.Contains("UNIQUE constraint failed: KeyValue.Key", CSLogger::PRIO_ERROR));
+  EXPECT_EQ(Exec(conn, "SELECT ?", "one", "too many"), 1);
   EXPECT_TRUE(log_.Contains("out of range", CSLogger::PRIO_ERROR));
-
-  std::string big(1 << 20, 'v');
-  EXPECT_EQ(Query(conn, "SELECT length(?)", big), std::vector<Row>{{"1048576"}});
+  EXPECT_EQ(Query(conn, "SELECT Key, Value FROM KeyValue"), (Rows{{"k", "1"}}));
 }
 
 // The statement of a text is kept on the connection: however a run ends (done, stopped by its
 // visitor, a visitor that throws), the next run of the same text starts unbound and from the top.
 TEST_F(DBStoreTest, VisitorSeesNamesAndNullsAndTheStatementRunsAgain) {
-  CreateStores();
   auto conn = Open();
   for (const char* key : {"A", "B", "C"}) ASSERT_EQ(DBStore::WriteKeyValue(key, key, conn), 0);
   const std::string sql = "SELECT Key AS k, NULL AS missing FROM KeyValue WHERE Key >= ? ORDER BY Key";
   std::vector<std::string> names;
-  auto keepNames = [&names](const DBStore::Row& row) { names = {row.Name(0), row.Name(1)}; };
-  ASSERT_EQ(DBStore::QueryEach(conn, sql, keepNames, "C"), 0);
+  ASSERT_EQ(DBStore::QueryEach(conn, sql, [&](const DBStore::Row& row) { names = {row.Name(0), row.Name(1)}; }, "C"), 0);
   EXPECT_EQ(names, (std::vector<std::string>{"k", "missing"}));
-  EXPECT_EQ(Query(conn, sql, "A"), (std::vector<Row>{{"A", std::nullopt}, {"B", std::nullopt}, {"C", std::nullopt}}));
+  EXPECT_EQ(Query(conn, sql, "A"), (Rows{{"A", std::nullopt}, {"B", std::nullopt}, {"C", std::nullopt}}));
   EXPECT_TRUE(Query(conn, sql).empty());  // bindings were cleared: Key >= NULL matches nothing
 
   int calls = 0;
   EXPECT_EQ(DBStore::QueryEach(conn, sql, [&calls](const DBStore::Row&) { return ++calls == 0; }, "A"), 1);
   EXPECT_EQ(calls, 1);
-  EXPECT_EQ(Query(conn, sql, "B").size(), 2u);
-
-  auto thrower = [](const DBStore::Row&) { throw std::runtime_error("visitor failed"); };
-  EXPECT_THROW((void)DBStore::QueryEach(conn, sql, thrower, "A"), std::runtime_error);
+  EXPECT_EQ(DBStore::QueryEach(conn, sql, [](const DBStore::Row&) { return 2; }, "A"), 1);
+  EXPECT_THROW((void)DBStore::QueryEach(conn, sql, [](const DBStore::Row&) -> int { throw std::runtime_error("x"); }, "A"),
+               std::runtime_error);
   EXPECT_EQ(Query(conn, sql, "B").size(), 2u);  // reset, rebound, from its first row
-  // No read left open: another connection can write and commit at once.
-  auto other = Open();
+  auto other = Open();  // no read left open: another connection can write at once
   EXPECT_EQ(DBStore::BeginTransaction(other, 0), 0);
-  EXPECT_EQ(DBStore::WriteKeyValue("D", "D", other), 0);
   EXPECT_EQ(DBStore::CommitTransaction(other, 0), 0);
 
   // The same text run from inside its own visitor gets a statement of its own.
   std::vector<size_t> inner;
-  auto nested = [&](const DBStore::Row&) { inner.push_back(Query(conn, sql, "C").size()); };
-  EXPECT_EQ(DBStore::QueryEach(conn, sql, nested, "B"), 0);
-  EXPECT_EQ(inner, (std::vector<size_t>{2, 2, 2}));
+  EXPECT_EQ(DBStore::QueryEach(conn, sql, [&](const DBStore::Row&) { inner.push_back(Query(conn, sql, "C").size()); }, "B"), 0);
+  EXPECT_EQ(inner, (std::vector<size_t>{1, 1}));
 }
 
-TEST_F(DBStoreTest, StatementFailuresAreReportedWithSqliteMessages) {
-  CreateStores();
-  auto conn = Open();
-  EXPECT_NE(Exec(conn, "SELEC 1"), 0);
-  EXPECT_TRUE(log_.Contains("syntax error", CSLogger::PRIO_ERROR));
-  EXPECT_NE(Exec(conn, ""), 0);
-  EXPECT_NE(Exec(conn, "  -- only a comment"), 0);
-  EXPECT_EQ(Exec(conn, "SELECT 1; -- done"), 0);
-
-  // A second statement would silently not run, so the text is refused as a whole.
-  EXPECT_NE(Exec(conn, "INSERT INTO KeyValue VALUES ('a', '1'); INSERT INTO KeyValue VALUES ('b', '2')"), 0);
-  EXPECT_EQ(Query(conn, "SELECT count(*) FROM KeyValue"), std::vector<Row>{{"0"}});
-
-  const std::string insert = "INSERT INTO KeyValue (Key, Value) VALUES (?, ?)";
-  ASSERT_EQ(Exec(conn, insert, "k", "1"), 0);
-  EXPECT_EQ(Exec(conn, insert, "k", "2"), 1);
-  EXPECT_TRUE(log_.Contains("UNIQUE constraint failed: KeyValue.Key", CSLogger::PRIO_ERROR));
-  EXPECT_EQ(Exec(conn, insert, "k", 1, 2), 1);  // more arguments than parameters
-  EXPECT_EQ(ReadKv(conn, "k"), "1");
-}
-
-struct FaultCase {
-  Kind kind;
-  const char* name;
-  std::function<bool(const DBStore::Connection&)> succeeds;  // one call of the kind
-};
-
-const std::vector<FaultCase>& FaultCases() {
-  static const std::vector<FaultCase> cases = {
-      {Kind::Prepare, "Prepare",
-       [](const DBStore::Connection& c) { return Exec(c, "SELECT 1") == 0; }},
-      {Kind::Step, "Step",
-       [](const DBStore::Connection& c) {
-         return Exec(c, "DELETE FROM KeyValue WHERE Key = 'none'") == 0;
-       }},
-      {Kind::Begin, "Begin",
-       [](const DBStore::Connection& c) {
+// Armed once, a fault fails the nth call of its kind only; persistent, every call from the nth on.
+TEST_F(DBStoreTest, InjectedFaultsFailTheNthCallOfTheirKind) {
+  auto c = Open();
+  const std::pair<Kind, std::function<bool()>> cases[] = {
+      {Kind::Prepare, [&] { return Exec(c, "SELECT 1") == 0; }},
+      {Kind::Step, [&] { return Exec(c, "DELETE FROM KeyValue WHERE Key = 'none'") == 0; }},
+      {Kind::Begin, [&] {
          bool ok = DBStore::BeginTransaction(c) == 0;
          EXPECT_EQ(InTransaction(c), ok);
-         EXPECT_EQ(DBStore::CancelTransaction(c), 0);
-         return ok;
+         return DBStore::CancelTransaction(c) == 0 && ok;
        }},
-      {Kind::Commit, "Commit",
-       [](const DBStore::Connection& c) {
+      {Kind::Commit, [&] {
          EXPECT_EQ(DBStore::BeginTransaction(c), 0);
          bool ok = DBStore::CommitTransaction(c) == 0;
          EXPECT_EQ(InTransaction(c), !ok);
-         EXPECT_EQ(DBStore::CancelTransaction(c), 0);
-         return ok;
+         return DBStore::CancelTransaction(c) == 0 && ok;
        }},
-      {Kind::Attach, "Attach",
-       [](const DBStore::Connection& c) {
+      {Kind::Attach, [&] {
          bool ok = DBStore::AttachSchemaStore(c) == 0;
          EXPECT_EQ(c->schemaStoreAttached, ok);
-         EXPECT_EQ(DBStore::DetachSchemaStore(c), 0);
-         return ok;
+         return DBStore::DetachSchemaStore(c) == 0 && ok;
        }},
-      {Kind::KvRead, "KvRead",
-       [](const DBStore::Connection& c) {
-         std::string value;
-         return DBStore::ReadKeyValue("BOOT_MODE", &value, c) == 0;
-       }},
-      {Kind::KvWrite, "KvWrite",
-       [](const DBStore::Connection& c) { return DBStore::WriteKeyValue("BOOT_MODE", "1", c) == 0; }},
+      {Kind::KvRead, [&] { std::string v; return DBStore::ReadKeyValue("BOOT_MODE", &v, c) == 0; }},
+      {Kind::KvWrite, [&] { return DBStore::WriteKeyValue("BOOT_MODE", "1", c) == 0; }},
   };
-  return cases;
-}
-
-std::vector<bool> Outcomes(const FaultCase& fault, const DBStore::Connection& conn, int calls) {
-  std::vector<bool> outcomes;
-  for (int i = 0; i < calls; ++i) outcomes.push_back(fault.succeeds(conn));
-  return outcomes;
-}
-
-// Armed once, a fault fails the nth call of its kind only; persistent, every call from the nth on
-// until disarmed.
-TEST_F(DBStoreTest, InjectedFaultsFailTheNthCallOfTheirKind) {
-  CreateStores();
-  auto conn = Open();
-  for (const FaultCase& fault : FaultCases()) {
-    SCOPED_TRACE(fault.name);
-    log_.Clear();
-    DBStore::faults::Arm(fault.kind, 2, false);
-    EXPECT_EQ(Outcomes(fault, conn, 4), (std::vector<bool>{true, false, true, true}));
-    EXPECT_EQ(DBStore::faults::Calls(fault.kind), 4);
-    EXPECT_EQ(log_.Count("injected fault"), 1u);
-
-    DBStore::faults::Arm(fault.kind, 2, true);
-    EXPECT_EQ(Outcomes(fault, conn, 4), (std::vector<bool>{true, false, false, false}));
-    DBStore::faults::Disarm();
-    EXPECT_EQ(DBStore::faults::Calls(fault.kind), 0);
-    EXPECT_EQ(Outcomes(fault, conn, 2), (std::vector<bool>{true, true}));
-    EXPECT_EQ(DBStore::faults::Calls(fault.kind), 2);
+  for (const auto& [kind, succeeds] : cases) {
+    for (auto [nth, persistent, expected] : {std::tuple{1, false, std::vector<bool>{false, true, true}},
+                                             std::tuple{2, false, std::vector<bool>{true, false, true}},
+                                             std::tuple{2, true, std::vector<bool>{true, false, false}}}) {
+      log_.Clear();
+      DBStore::faults::Arm(kind, nth, persistent);
+      std::vector<bool> outcomes;
+      for (int i = 0; i < 3; ++i) outcomes.push_back(succeeds());
+      EXPECT_EQ(outcomes, expected) << static_cast<int>(kind) << " nth " << nth;
+      EXPECT_EQ(DBStore::faults::Calls(kind), 3);
+      EXPECT_GE(log_.Count("injected fault"), 1u);
+      DBStore::faults::Disarm();
+    }
+    EXPECT_EQ(DBStore::faults::Calls(kind), 0);
+    EXPECT_TRUE(succeeds());
   }
-}
-
-TEST_F(DBStoreTest, StepFaultStopsAStatementMidwayAndItRunsAgainAfterwards) {
-  CreateStores();
-  auto conn = Open();
-  for (const char* key : {"A", "B", "C"}) ASSERT_EQ(DBStore::WriteKeyValue(key, key, conn), 0);
-  const std::string sql = "SELECT Key FROM KeyValue ORDER BY Key";
+  // A step fault stops a statement midway; it runs whole afterwards.
+  for (const char* key : {"A", "B", "C"}) ASSERT_EQ(DBStore::WriteKeyValue(key, key, c), 0);
   std::vector<std::string> partial;
   DBStore::faults::Arm(Kind::Step, 2, false);
-  EXPECT_EQ(DBStore::QueryEach(conn, sql, [&partial](const DBStore::Row& row) { partial.push_back(row.String(0)); }),
-            1);
+  EXPECT_EQ(DBStore::QueryEach(c, "SELECT Key FROM KeyValue ORDER BY Key",
+                               [&partial](const DBStore::Row& row) { partial.push_back(row.String(0)); }), 1);
   EXPECT_EQ(partial, std::vector<std::string>{"A"});
-  EXPECT_EQ(Query(conn, sql).size(), 3u);
-  EXPECT_EQ(DBStore::faults::Calls(Kind::Step), 6);  // 2, then 3 rows and the end
+  EXPECT_EQ(Query(c, "SELECT Key FROM KeyValue WHERE length(Key) = 1").size(), 3u);
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <string>
-#include <vector>
 
 #include "tests/platform/schemastore/SchemaStoreTestSupport.h"
 #include "tests/support/StoreDump.h"
@@ -22,25 +20,12 @@ using Strings = std::vector<std::string>;
 
 class SchemaStoreTest : public sstest::SchemaStoreFixture {
  protected:
-  // Rows of `sql` on a configuration-store connection with the schema store attached as "ss",
-  // the way the library's other parts read it; columns joined with "|".
+  // Rows of `sql` with the schema store attached as "ss", the way the library's other parts read it.
   static Strings QueryAttached(const std::string& sql) {
     DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
-    EXPECT_TRUE(conn);
     EXPECT_EQ(DBStore::AttachSchemaStore(conn), 0);
-    Strings rows;
-    Exec(conn, sql, &rows);
-    return rows;
+    return cstest::JoinedRows(conn, sql, "NULL");
   }
-
-  static void Exec(const DBStore::Connection& conn, const std::string& sql, Strings* rows = nullptr) {
-    if (rows != nullptr) {
-      *rows = cstest::JoinedRows(conn, sql, "NULL");
-    } else {
-      ASSERT_EQ(DBStore::Exec(conn, sql), 0) << sql;
-    }
-  }
-
   static std::string Message(const std::function<void()>& call) {
     try {
       call();
@@ -51,198 +36,120 @@ class SchemaStoreTest : public sstest::SchemaStoreFixture {
     ADD_FAILURE() << "no exception";
     return "";
   }
+  static std::shared_ptr<SchemaObject> Cached(const std::string& group, const std::string& key) {
+    return SchemaStore::GetCache()->GetSchema(SchemaObjectId("qor", group, key));
+  }
 };
 
 const Element kFiles{"qor", "files", "kit-files", R"({"component": "qor", "group": "files", "key": "kit-files",
   "files": [{"category": "config", "path": "/etc/net-core/net.conf"},
-            {"category": "vital", "path": "/etc/net-core/keys/host.key"}]})",
-                     false};
+            {"category": "vital", "path": "/etc/net-core/keys/host.key"}]})", false};
 const Element kDataFile{"qor", "datafiles", "certificates", R"({"component": "qor", "group": "datafiles",
-  "key": "certificates", "datafile": {"dirName": "certs", "category": "vital"}})",
-                        false};
+  "key": "certificates", "datafile": {"dirName": "certs", "category": "vital"}})", false};
 
-TEST_F(SchemaStoreTest, CommittedRegistrationIsSeenByANewStoreAndThroughTheAttachedStore) {
-  Register({sstest::Nuknics(), sstest::Hostname(), sstest::Rules()});
+TEST_F(SchemaStoreTest, CommittedRegistrationIsSeenByNewStoresOnly) {
+  auto writer = SchemaStore::GetStore(true);
+  writer->BeginUpdate();
+  writer->ResetSchemas();
+  for (const Element& e : {sstest::Nuknics(), sstest::Hostname(), sstest::Rules()}) Set(writer, e);
+  EXPECT_TRUE(writer->GetSchema(SchemaObjectId("qor", "network", "nuknics")));  // its own update it sees
+  EXPECT_EQ(GetSchema("qor", "network", "nuknics", SchemaStore::GetStore(false)), nullptr);
+  writer->CommitUpdate();
 
   auto store = SchemaStore::GetStore(false);
   EXPECT_FALSE(store->IsForUpdate());
   std::shared_ptr<SchemaObject> nuknics = GetSchema("qor", "network", "nuknics", store);
   ASSERT_TRUE(nuknics);
-  EXPECT_EQ(nuknics->GetObjectId().toString(), "qor/network/nuknics");
-  EXPECT_EQ(nuknics->GetSchemaId(), kSchemaId);
-  EXPECT_EQ(nuknics->GetVersion(), "1.0");
-  EXPECT_EQ(nuknics->GetInstanceIdName(), "name");
-  EXPECT_FALSE(nuknics->IsSingleton());
-  EXPECT_FALSE(nuknics->IsGeneratedInstanceId());
-  EXPECT_TRUE(nuknics->IsDSPIntegrated());
+  EXPECT_EQ(nuknics->GetSchemaId() + " " + nuknics->GetVersion() + " " + nuknics->GetInstanceIdName(),
+            std::string(kSchemaId) + " 1.0 name");
   EXPECT_EQ(nuknics->GetSmartnicValueType(), std::optional<std::string>("qor-shared"));
   EXPECT_EQ(nuknics->GetSchemaValue()["properties"]["mtu"]["maximum"].GetInt(), 9000);
-
-  std::shared_ptr<SchemaObject> hostname = GetSchema("qor", "system", "hostname", store);
-  ASSERT_TRUE(hostname);
-  EXPECT_TRUE(hostname->IsSingleton());
-  EXPECT_EQ(hostname->GetInstanceIdName(), "");
-  EXPECT_EQ(hostname->GetSmartnicValueType(), std::nullopt);
-  std::shared_ptr<SchemaObject> rules = GetSchema("qor", "firewall", "rules", store);
-  ASSERT_TRUE(rules);
-  EXPECT_EQ(rules->GetInstanceIdName(), QorSchemaStore::kGeneratedIdMember);
-  EXPECT_TRUE(rules->IsGeneratedInstanceId());
-  EXPECT_FALSE(rules->IsSingleton());
-
-  EXPECT_EQ(GetSchema("qor", "network", "switches", store), nullptr);
+  auto rules = GetSchema("qor", "firewall", "rules", store);
+  EXPECT_TRUE(rules->IsGeneratedInstanceId() && !rules->IsSingleton());
   EXPECT_EQ(GetSchema("qor", "system", "nuknics", store), nullptr);
-
   EXPECT_EQ(QueryAttached("SELECT Component, ConfigGroup, Name FROM ss.SmartnicSchema WHERE ValueType = 'qor-shared'"),
             Strings{"qor|network|nuknics"});
   EXPECT_EQ(QueryAttached("SELECT Name, Singleton, DSPIntegrated, InstanceIdName FROM ss.ConfigSchema ORDER BY Name"),
             (Strings{"hostname|1|0|", "nuknics|0|1|name", "rules|0|0|cs_generated_id"}));
 }
 
-TEST_F(SchemaStoreTest, AnOpenUpdateIsInvisibleToOtherStoresUntilCommitted) {
-  auto writer = SchemaStore::GetStore(true);
-  writer->BeginUpdate();
-  writer->ResetSchemas();
-  Set(writer, sstest::Nuknics());
-  EXPECT_TRUE(writer->GetSchema(SchemaObjectId("qor", "network", "nuknics")));  // its own update it sees
-  EXPECT_EQ(GetSchema("qor", "network", "nuknics", SchemaStore::GetStore(false)), nullptr);
-
-  writer->CommitUpdate();
-  EXPECT_TRUE(GetSchema("qor", "network", "nuknics", SchemaStore::GetStore(false)));
-}
-
 TEST_F(SchemaStoreTest, ACancelledOrAbandonedUpdateLeavesTheEarlierSchemasExactlyInPlace) {
   Register({sstest::Nuknics(), kFiles, kDataFile});
   const cstest::StoreDump before = cstest::DumpStores();
-
-  {
+  for (bool cancel : {true, false}) {
     auto store = SchemaStore::GetStore(true);
     store->BeginUpdate();
     store->ResetSchemas();
     Set(store, sstest::Hostname());
-    store->CancelUpdate();
-    store->CancelUpdate();  // nothing left to cancel: no effect
-  }
-  EXPECT_EQ(cstest::DiffStores(before, cstest::DumpStores()), "");
-
-  {
-    auto store = SchemaStore::GetStore(true);
-    store->BeginUpdate();
-    store->ResetSchemas();
-    Set(store, sstest::Hostname());
+    if (cancel) store->CancelUpdate();
+    if (cancel) store->CancelUpdate();  // nothing left to cancel: no effect
   }  // dropped with the update open
   EXPECT_EQ(cstest::DiffStores(before, cstest::DumpStores()), "");
   EXPECT_EQ(log_.Count("Schema store update cancelled"), 1u);
 }
 
+// Registering again replaces every table; a key given twice in one update keeps the later element.
 TEST_F(SchemaStoreTest, ResetAndRegisterAgainReplacesEveryTable) {
   Register({sstest::Nuknics(), sstest::Hostname(), kFiles, kDataFile});
-  Element plainNuknics{"qor", "network", "nuknics", R"({"version": "2.0", "singleton": false,
-    "schema": {"properties": {"name": {"type": "string", "instanceId": true}}}})",
-                       false};
-  Register({plainNuknics}, "net-core-2.0.0_1.0");
-
+  Element later = sstest::Nuknics();
+  later.hasSmartnic = false;
+  later.text = R"({"version": "2.0", "singleton": false, "schema": {"properties": {"name": {"type": "string", "instanceId": true}}}})";
+  Register({sstest::Nuknics(), later}, "net-core-2.0.0_1.0");
   EXPECT_EQ(Registered(), Strings{"qor/network/nuknics"});
   auto nuknics = GetSchema("qor", "network", "nuknics", SchemaStore::GetStore(false));
-  ASSERT_TRUE(nuknics);
-  EXPECT_EQ(nuknics->GetVersion(), "2.0");
-  EXPECT_EQ(nuknics->GetSchemaId(), "net-core-2.0.0_1.0");
+  EXPECT_EQ(nuknics->GetVersion() + " " + nuknics->GetSchemaId(), "2.0 net-core-2.0.0_1.0");
   EXPECT_FALSE(nuknics->IsDSPIntegrated());
-  EXPECT_EQ(nuknics->GetSmartnicValueType(), std::nullopt);
-  EXPECT_TRUE(QueryAttached("SELECT * FROM ss.SmartnicSchema").empty());
-}
-
-TEST_F(SchemaStoreTest, RegisteringAKeyTwiceInOneUpdateKeepsTheLaterElement) {
-  Element withoutSmartnic = sstest::Nuknics();
-  withoutSmartnic.hasSmartnic = false;
-  withoutSmartnic.text.replace(withoutSmartnic.text.find("\"1.0\""), 5, "\"1.5\"");
-  Register({sstest::Nuknics(), withoutSmartnic});
-
-  EXPECT_EQ(QueryAttached("SELECT Version FROM ss.ConfigSchema"), Strings{"1.5"});
   EXPECT_TRUE(QueryAttached("SELECT * FROM ss.SmartnicSchema").empty());
 }
 
 TEST_F(SchemaStoreTest, EachFlagAndListIsStoredInItsOwnColumn) {
   using Getter = bool (SchemaObject::*)() const;
-  const std::vector<std::pair<std::string, Getter>> flags = {
-      {"noRestore", &SchemaObject::IsNoRestore},
-      {"preserveNonUser", &SchemaObject::IsPreserveNonUser},
-      {"dspIntegrated", &SchemaObject::IsDSPIntegrated},
-      {"mutableDefaultConfig", &SchemaObject::HasMutableDefaultConfig},
-  };
-  const std::string base =
-      R"({"version": "1.0", "schema": {"properties": {"name": {"type": "string", "instanceId": true}}})";
+  const std::pair<std::string, Getter> flags[] = {{"noRestore", &SchemaObject::IsNoRestore},
+                                                  {"preserveNonUser", &SchemaObject::IsPreserveNonUser},
+                                                  {"dspIntegrated", &SchemaObject::IsDSPIntegrated},
+                                                  {"mutableDefaultConfig", &SchemaObject::HasMutableDefaultConfig}};
+  const std::string base = R"({"version": "1.0", "schema": {"properties": {"name": {"type": "string", "instanceId": true}}})";
   for (const auto& [member, unused] : flags) {
-    SCOPED_TRACE(member);
     Register({{"qor", "g", "k", base + ", \"" + member + "\": true}", false}});
-    // Read back both ways: one key from the store, and the whole cache.
-    auto fromStore = GetSchema("qor", "g", "k", SchemaStore::GetStore(false));
-    auto fromCache = SchemaStore::GetCache()->GetSchema(SchemaObjectId("qor", "g", "k"));
-    ASSERT_TRUE(fromStore);
-    ASSERT_TRUE(fromCache);
+    auto fromStore = GetSchema("qor", "g", "k", SchemaStore::GetStore(false)), fromCache = Cached("g", "k");
     for (const auto& [other, getter] : flags) {
-      EXPECT_EQ((fromStore.get()->*getter)(), other == member) << other;
-      EXPECT_EQ((fromCache.get()->*getter)(), other == member) << other;
+      EXPECT_EQ((fromStore.get()->*getter)(), other == member) << member << " " << other;
+      EXPECT_EQ((fromCache.get()->*getter)(), other == member) << member << " " << other;
     }
   }
-
   Register({{"qor", "authentication", "user_accounts", base + R"(, "schemaType": 2,
-              "solutionUserInstances": ["svc-backup", "zcmuser"], "preserveInstanceIds": ["root", "nuk0"]})",
-             false}});
-  auto accounts = SchemaStore::GetCache()->GetSchema(SchemaObjectId("qor", "authentication", "user_accounts"));
-  ASSERT_TRUE(accounts);
+              "solutionUserInstances": ["svc-backup", "zcmuser"], "preserveInstanceIds": ["root", "nuk0"]})", false},
+            sstest::Hostname()});
+  auto accounts = Cached("authentication", "user_accounts"), hostname = Cached("system", "hostname");
   EXPECT_EQ(accounts->GetSchemaType(), 2);
   EXPECT_EQ(accounts->GetSolutionUserInstances(), (Strings{"svc-backup", "zcmuser"}));
   EXPECT_EQ(accounts->GetPreservedInstanceIds(), (Strings{"root", "nuk0"}));
-  EXPECT_FALSE(accounts->IsNoRestore());
-
-  Register({sstest::Hostname()});
-  auto hostname = SchemaStore::GetCache()->GetSchema(SchemaObjectId("qor", "system", "hostname"));
-  ASSERT_TRUE(hostname);
   EXPECT_EQ(hostname->GetSchemaType(), 0);
-  EXPECT_TRUE(hostname->GetSolutionUserInstances().empty());
-  EXPECT_TRUE(hostname->GetPreservedInstanceIds().empty());
+  EXPECT_TRUE(hostname->GetSolutionUserInstances().empty() && hostname->GetPreservedInstanceIds().empty());
 }
 
+// Each accessor answers for its own kind of object only.
 TEST_F(SchemaStoreTest, DeclaredFilesAndDataFileKeysAreListedByKind) {
   Register({sstest::Nuknics(), kFiles, kDataFile});
   auto store = SchemaStore::GetStore(false);
-
-  auto files = store->GetSchemaObjects(QorSchemaStore::kKindFiles);
-  ASSERT_EQ(files.size(), 2u);
-  const std::pair<std::string, std::string> expected[] = {{"config", "/etc/net-core/net.conf"},
-                                                          {"vital", "/etc/net-core/keys/host.key"}};
-  for (size_t i = 0; i < files.size(); ++i) {
+  auto describe = [](const std::shared_ptr<SchemaObject>& o) {
     bool isFile = false;
-    std::string category, path;
-    EXPECT_EQ(files[i]->IsFileEntry(&isFile), 0);
-    EXPECT_TRUE(isFile);
-    EXPECT_EQ(files[i]->GetFileCategory(&category), 0);
-    EXPECT_EQ(files[i]->GetFilePath(&path), 0);
-    EXPECT_EQ(std::make_pair(category, path), expected[i]);
-    EXPECT_EQ(files[i]->GetSchemaId(), kSchemaId);
+    std::string category = "-", path = "-", dirName = "-";
+    int rc[] = {o->IsFileEntry(&isFile), o->GetFileCategory(&category), o->GetFilePath(&path),
+                o->GetDataFileDirName(&dirName), o->IsFileEntry(nullptr), o->GetDataFileDirName(nullptr)};
+    std::string text = o->GetObjectId().toString() + " " + std::to_string(isFile) + " " + category + " " + path + " " + dirName;
+    for (int r : rc) text += " " + std::to_string(r);
+    return text;
+  };
+  Strings all;
+  for (const char* kind : {QorSchemaStore::kKindFiles, QorSchemaStore::kKindDataFiles, QorSchemaStore::kKindConfig}) {
+    for (const auto& object : store->GetSchemaObjects(kind)) all.push_back(describe(object));
   }
-
-  auto dataFiles = store->GetSchemaObjects(QorSchemaStore::kKindDataFiles);
-  ASSERT_EQ(dataFiles.size(), 1u);
-  bool isFile = true;
-  std::string dirName, category, path;
-  EXPECT_EQ(dataFiles[0]->IsFileEntry(&isFile), 0);
-  EXPECT_FALSE(isFile);
-  EXPECT_EQ(dataFiles[0]->GetFilePath(&path), 1);
-  EXPECT_EQ(dataFiles[0]->GetDataFileDirName(&dirName), 0);
-  EXPECT_EQ(dataFiles[0]->GetFileCategory(&category), 0);
-  EXPECT_EQ(dirName, "certs");
-  EXPECT_EQ(category, "vital");
-  EXPECT_EQ(dataFiles[0]->GetObjectId(), SchemaObjectId("qor", "", "certificates"));
+  EXPECT_EQ(all, (Strings{"qor/config//etc/net-core/net.conf 1 config /etc/net-core/net.conf - 0 0 0 1 1 1",
+                          "qor/vital//etc/net-core/keys/host.key 1 vital /etc/net-core/keys/host.key - 0 0 0 1 1 1",
+                          "qor//certificates 0 vital - certs 0 0 1 0 1 1",
+                          "qor/network/nuknics 0 - - - 0 1 1 1 1 1"}));
   EXPECT_EQ(QueryAttached("SELECT Component, KEY, DirName FROM ss.DataFileSchema"), Strings{"qor|certificates|certs"});
-
-  auto config = store->GetSchemaObjects(QorSchemaStore::kKindConfig);
-  ASSERT_EQ(config.size(), 1u);
-  EXPECT_EQ(config[0]->IsFileEntry(&isFile), 0);
-  EXPECT_FALSE(isFile);
-  EXPECT_EQ(config[0]->GetFileCategory(&category), 1);
-  EXPECT_EQ(config[0]->IsFileEntry(nullptr), 1);
-
   // Elements of the other kinds are no configuration keys.
   EXPECT_EQ(GetSchema("qor", "files", "kit-files", store), nullptr);
   EXPECT_EQ(GetSchema("qor", "datafiles", "certificates", store), nullptr);
@@ -265,12 +172,6 @@ const std::vector<RefusedCase> kRefused = {
     {"not JSON", "k", R"({"version": )", false, "it is not JSON ("},
     {"not an object", "k", "[1]", false, "the element is not an object"},
     {"no version", "k", R"({"schema": {}})", false, "\"version\" is missing"},
-    {"version a number", "k", R"({"version": 1, "schema": {}})", false, "\"version\" is not a string"},
-    {"version with NUL", "k", R"({"version": "1\u0000", "schema": {}})", false, "\"version\" holds a NUL character"},
-    {"no schema", "k", R"({"version": "1"})", false, "\"schema\" is missing"},
-    {"schema a string", "k", R"({"version": "1", "schema": "x"})", false, "\"schema\" is not an object"},
-    {"properties an array", "k", R"({"version": "1", "schema": {"properties": []}})", false,
-     "\"schema\".\"properties\" is not an object"},
     {"property a number", "k", R"({"version": "1", "schema": {"properties": {"a": 1}}})", false,
      "property \"a\" is not an object"},
     {"singleton a string", "k", R"({"version": "1", "singleton": "yes", "schema": {}})", false,
@@ -285,14 +186,9 @@ const std::vector<RefusedCase> kRefused = {
     {"id an integer", "k",
      R"({"version": "1", "schema": {"properties": {"a": {"type": "integer", "instanceId": true}}}})", false,
      "property \"a\" is the instance id and must be of type \"string\""},
-    {"instanceId a string", "k", R"({"version": "1", "schema": {"properties": {"a": {"instanceId": "yes"}}}})", false,
-     "property \"a\" has an \"instanceId\" that is not a boolean"},
     {"generated id misnamed", "k",
      R"({"version": "1", "schema": {"properties": {"uuid": {"instanceId": true, "generatedId": true}}}})", false,
      "property \"uuid\" is a generated instance id and must be named \"cs_generated_id\""},
-    {"generated but no id", "k",
-     R"({"version": "1", "schema": {"properties": {"cs_generated_id": {"generatedId": true}}}})", false,
-     "property \"cs_generated_id\" is \"generatedId\" but not \"instanceId\""},
     {"reserved name as plain id", "k",
      R"({"version": "1", "schema": {"properties": {"cs_generated_id": {"instanceId": true}}}})", false,
      "property \"cs_generated_id\" is reserved for generated instance ids and needs \"generatedId\": true"},
@@ -302,29 +198,18 @@ const std::vector<RefusedCase> kRefused = {
      false, "\"cs_generated_id\" must not be \"required\""},
     {"schemaType out of range", "k", R"({"version": "1", "schemaType": 7, "schema": {}})", false,
      "\"schemaType\" is not 0, 1 or 2"},
-    {"schemaType fractional", "k", R"({"version": "1", "schemaType": 1.5, "schema": {}})", false,
-     "\"schemaType\" is not 0, 1 or 2"},
     {"solution users not an array", "k", R"({"version": "1", "solutionUserInstances": "svc", "schema": {}})", false,
      "\"solutionUserInstances\" is not an array"},
-    {"solution user a number", "k", R"({"version": "1", "solutionUserInstances": [1], "schema": {}})", false,
-     "\"solutionUserInstances\" holds an item that is not a non-empty string"},
     {"preserved ids on a singleton", "k", R"({"version": "1", "preserveInstanceIds": ["a"], "schema": {}})", false,
      "\"preserveInstanceIds\" needs a schema whose instance id is neither absent nor generated"},
-    {"smartnic a string", "k", R"({"version": "1", "smartnic": "qor-shared", "schema": {}})", true,
-     "\"smartnic\" is not an object"},
-    {"smartnic without schema", "k", R"({"version": "1", "smartnic": {}, "schema": {}})", true,
-     "\"smartnic\": \"schema\" is missing"},
     {"smartnic announced, absent", "k", R"({"version": "1", "schema": {}})", true, "\"smartnic\" is missing"},
     {"data-file dir leads out", "k", R"({"datafile": {"dirName": "../etc", "category": "vital"}})", false,
      "\"datafile\": \"dirName\" \"../etc\" is not a plain directory name"},
     {"data-file category unknown", "k", R"({"datafile": {"dirName": "certs", "category": "temp"}})", false,
      "\"datafile\": \"category\" is \"temp\", not \"vital\", \"cached\" or \"config\""},
-    {"data-file not an object", "k", R"({"datafile": "certs"})", false, "\"datafile\" is not an object"},
     {"files not an array", "k", R"({"files": {}})", false, "\"files\" is not an array"},
     {"file path relative", "k", R"({"files": [{"category": "vital", "path": "etc/x"}]})", false,
      "\"files\"[0]: \"path\" \"etc/x\" is not a clean absolute path"},
-    {"file path climbing", "k", R"({"files": [{"category": "vital", "path": "/etc/../shadow"}]})", false,
-     "\"files\"[0]: \"path\" \"/etc/../shadow\" is not a clean absolute path"},
     {"second file without category", "k", R"({"files": [{"category": "vital", "path": "/etc/a"}, {"path": "/etc/b"}]})",
      false, "\"files\"[1]: \"category\" is missing"},
     {"two kinds at once", "k", R"({"version": "1", "schema": {}, "files": []})", false,

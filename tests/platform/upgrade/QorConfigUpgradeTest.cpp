@@ -48,123 +48,66 @@ class UpgradeModulesTest : public cstest::SandboxTest {
   }
 };
 
-TEST_F(UpgradeModulesTest, BootModulesRunInTheGivenOrderWithTheCommitFlag) {
-  const std::string a = BootModule("record_a");
-  const std::string b = BootModule("record_b");
-  for (bool commit : {true, false}) {
-    SCOPED_TRACE(commit ? "commit" : "debugging run");
-    WriteFile(kRuns, "");
-    log_.Clear();
-
-    EXPECT_EQ(QorConfigUpgrade::ExecuteBootTimeModules({b, a}, commit), 0);
-
-    EXPECT_EQ(Runs(), (Strings{Run("record_b", BOOT, commit), Run("record_a", BOOT, commit)}));
-    for (const auto& path : {a, b}) {
-      EXPECT_TRUE(log_.Contains("Upgrade module [" + path + "] started", CSLogger::PRIO_INFO)) << path;
-      EXPECT_TRUE(log_.Contains("Upgrade module [" + path + "] succeeded in ", CSLogger::PRIO_INFO)) << path;
-    }
-    // What a module logs through its context is tagged with its path.
-    EXPECT_TRUE(log_.Contains("Upgrade module [" + a + "]: record_a " +
-                                  (commit ? "changed the store" : "would change the store"),
-                              CSLogger::PRIO_INFO));
-    EXPECT_FALSE(log_.Contains("", CSLogger::PRIO_ERROR));
-  }
-}
-
-struct BadModule {
-  std::string what;
-  std::string path;
-  std::string reason;  // in the error line after "Upgrade module [<path>] "
-  std::string ranAs;   // tag its entry point records; "" when it must not be called
-};
-
-TEST_F(UpgradeModulesTest, AFailingModuleIsLoggedByPathAndTheOthersStillRun) {
+// Modules run in the order given, each once, with the commit flag; a failing one is logged by its
+// path and counted, and the others still run.
+TEST_F(UpgradeModulesTest, BootModulesRunInOrderAndFailuresAreLoggedByPath) {
+  const std::string a = BootModule("record_a"), b = BootModule("record_b");
   WriteFile(kBootDir + "/text.so", std::string(200, 'x'));
-  const std::vector<BadModule> cases = {
-      {"returns non-zero", BootModule("returns_3"), "returned 3", "returns_3"},
-      {"missing file", Path(kBootDir + "/missing.so"), "cannot be loaded: ", ""},
-      {"not a shared object", Path(kBootDir + "/text.so"), "cannot be loaded: ", ""},
-      {"unresolved symbol", BootModule("unresolved"),
+  const std::tuple<std::string, std::string, std::string> cases[] = {  // path, reason, tag it records
+      {BootModule("returns_3"), "returned 3", "returns_3"},
+      {Path(kBootDir + "/missing.so"), "cannot be loaded: ", ""},
+      {Path(kBootDir + "/text.so"), "cannot be loaded: ", ""},
+      {BootModule("unresolved"),
        "cannot be loaded: " + BootModule("unresolved") + ": undefined symbol: ConfigUpgradeTestMissingFunction", ""},
-      {"no entry point", BootModule("no_entry"), "has no entry point ConfigUpgradeModuleRun: ", ""},
-      {"C++ exception", BootModule("throws"), "threw an exception: module exploded", ""},
-      {"other ABI version", BootModule("wrong_abi"), "has ABI version 999, the host supports 1", ""},
-      {"no ABI version", BootModule("no_abi"), "does not declare its ABI version: ", ""},
-      {"relative path", "record_a.so", "refused: not an absolute path", ""},
-      {"empty path", "", "refused: not an absolute path", ""},
+      {BootModule("no_entry"), "has no entry point ConfigUpgradeModuleRun: ", ""},
+      {BootModule("throws"), "threw an exception: module exploded", ""},
+      {BootModule("wrong_abi"), "has ABI version 999, the host supports 1", ""},
+      {BootModule("no_abi"), "does not declare its ABI version: ", ""},
+      {"record_a.so", "refused: not an absolute path", ""},
   };
-  const std::string a = BootModule("record_a");
-  const std::string b = BootModule("record_b");
-  for (const auto& bad : cases) {
-    SCOPED_TRACE(bad.what);
+  for (const auto& [path, reason, ranAs] : cases) {
     WriteFile(kRuns, "");
     log_.Clear();
-
-    EXPECT_EQ(QorConfigUpgrade::ExecuteBootTimeModules({a, bad.path, b}, true), 1);
-
+    EXPECT_EQ(QorConfigUpgrade::ExecuteBootTimeModules({a, path, b}, true), 1) << path;
     Strings expected{Run("record_a", BOOT, true)};
-    if (!bad.ranAs.empty()) expected.push_back(Run(bad.ranAs, BOOT, true));
+    if (!ranAs.empty()) expected.push_back(Run(ranAs, BOOT, true));
     expected.push_back(Run("record_b", BOOT, true));
     EXPECT_EQ(Runs(), expected);
-    EXPECT_TRUE(log_.Contains("Upgrade module [" + bad.path + "] " + bad.reason, CSLogger::PRIO_ERROR));
-    EXPECT_TRUE(log_.Contains("Upgrade module [" + bad.path + "] failed in ", CSLogger::PRIO_INFO));
+    EXPECT_TRUE(log_.Contains("Upgrade module [" + path + "] " + reason, CSLogger::PRIO_ERROR)) << path;
     EXPECT_EQ(log_.Count("] failed in "), 1u);
   }
-
-  // Every failure counts once.
-  Strings all{a};
-  for (const auto& bad : cases) all.push_back(bad.path);
-  all.push_back(b);
+  EXPECT_TRUE(log_.Contains("Upgrade module [" + a + "] succeeded in ", CSLogger::PRIO_INFO));
+  // What a module logs through its context is tagged with its path.
+  EXPECT_TRUE(log_.Contains("Upgrade module [" + a + "]: record_a changed the store", CSLogger::PRIO_INFO));
   WriteFile(kRuns, "");
-  EXPECT_EQ(QorConfigUpgrade::ExecuteBootTimeModules(all, false), static_cast<int>(cases.size()));
-  EXPECT_EQ(Runs(), (Strings{Run("record_a", BOOT, false), Run("returns_3", BOOT, false), Run("record_b", BOOT, false)}));
-}
-
-TEST_F(UpgradeModulesTest, EmptyListsSucceedWithoutRunningAnything) {
-  BootModule("record_a");
-  Install("record_a", kLiveDir);
+  EXPECT_EQ(QorConfigUpgrade::ExecuteBootTimeModules({b, std::get<0>(cases[0]), a, ""}, false), 2);
+  EXPECT_EQ(Runs(), (Strings{Run("record_b", BOOT, false), Run("returns_3", BOOT, false), Run("record_a", BOOT, false)}));
+  WriteFile(kRuns, "");
   EXPECT_EQ(QorConfigUpgrade::ExecuteBootTimeModules({}, true), 0);
-  EXPECT_EQ(QorConfigUpgrade::ExecuteLiveInstallModules({}), 0);
   EXPECT_TRUE(Runs().empty());
-  EXPECT_FALSE(log_.Contains("started"));
 }
 
-TEST_F(UpgradeModulesTest, LiveInstallRunsNamedModulesOfTheLiveDirectoryAndCountsThem) {
-  Install("record_a", kLiveDir);
+// Live-install modules are named, found in the live directory only, and counted; a name that
+// would leave the directory (each would reach a real module if used as given) is refused.
+TEST_F(UpgradeModulesTest, LiveInstallRunsNamedModulesOfTheLiveDirectoryOnly) {
+  for (const std::string dir : {std::string(""), kLiveDir + "/sub", kLiveDir}) Install("record_a", dir);
   Install("record_b", kLiveDir);
-  BootModule("returns_3");  // a boot-time module of the same name is not the one meant
-
+  Install("returns_3", kLiveDir);
+  BootModule("record_a");
   EXPECT_EQ(QorConfigUpgrade::ExecuteLiveInstallModules({"record_b", "record_a"}), 2);
   EXPECT_EQ(Runs(), (Strings{Run("record_b", LIVE, true), Run("record_a", LIVE, true)}));
-
   WriteFile(kRuns, "");
-  Install("returns_3", kLiveDir);
-  EXPECT_EQ(QorConfigUpgrade::ExecuteLiveInstallModules({"record_a", "returns_3", "absent", "record_b"}), -2);
-  EXPECT_EQ(Runs(), (Strings{Run("record_a", LIVE, true), Run("returns_3", LIVE, true), Run("record_b", LIVE, true)}));
-  EXPECT_TRUE(log_.Contains("Upgrade module [" + Path(kLiveDir + "/absent.so") + "] cannot be loaded: ",
-                            CSLogger::PRIO_ERROR));
-}
-
-TEST_F(UpgradeModulesTest, LiveInstallRefusesNamesThatLeaveTheDirectory) {
-  // Each name would reach a real module if it were used as given.
-  BootModule("record_a");
-  Install("record_a", "");
-  Install("record_a", kLiveDir + "/sub");
-  Install("record_a", kLiveDir);
-  const Strings names = {"../lib/record_a", "../../../../../../record_a", "sub/record_a", "..", "",
-                         std::string("record_a.so\0", 12)};
-  for (const auto& name : names) {
-    SCOPED_TRACE(name);
-    log_.Clear();
-    EXPECT_EQ(QorConfigUpgrade::ExecuteLiveInstallModules({name}), -1);
-    EXPECT_TRUE(log_.Contains("Live-install module name [" + std::string(name.c_str()) + "] refused",
-                              CSLogger::PRIO_ERROR));
-    EXPECT_TRUE(Runs().empty());
+  EXPECT_EQ(QorConfigUpgrade::ExecuteLiveInstallModules({"returns_3", "absent", "record_b"}), -2);
+  EXPECT_EQ(Runs(), (Strings{Run("returns_3", LIVE, true), Run("record_b", LIVE, true)}));
+  EXPECT_TRUE(log_.Contains("Upgrade module [" + Path(kLiveDir + "/absent.so") + "] cannot be loaded: ", CSLogger::PRIO_ERROR));
+  EXPECT_EQ(QorConfigUpgrade::ExecuteLiveInstallModules({}), 0);
+  for (const std::string& name : Strings{"../lib/record_a", "../../../../../../record_a", "sub/record_a", "..", "",
+                                 std::string("record_a.so\0", 12)}) {
+    WriteFile(kRuns, "");
+    EXPECT_EQ(QorConfigUpgrade::ExecuteLiveInstallModules({name, "record_b"}), -1) << name;
+    EXPECT_TRUE(log_.Contains("Live-install module name [" + std::string(name.c_str()) + "] refused", CSLogger::PRIO_ERROR));
+    EXPECT_EQ(Runs(), (Strings{Run("record_b", LIVE, true)}));
   }
-
-  // A refused name does not keep the others from running.
-  EXPECT_EQ(QorConfigUpgrade::ExecuteLiveInstallModules({"../lib/record_a", "record_a"}), -1);
-  EXPECT_EQ(Runs(), (Strings{Run("record_a", LIVE, true)}));
 }
 
 }  // namespace

@@ -64,12 +64,9 @@ TEST_F(BootDocumentTest, EmptyInvalidAndMisshapenValuesWriteNothing) {
   const char* cases[][2] = {
       // Empty values are skipped before any schema is looked up.
       {R"({"profile":{"c":{"g":{"k":{}}}}})", "c/g/k is empty, skipping"},
-      {R"({"c":{"g":{"k":[]}}})", "c/g/k is empty, skipping"},
       {R"({"c":{"g":{"k":null}}})", "c/g/k is empty, skipping"},
       // An invalid value skips its whole key.
       {R"({"qor": {"network": {"nuknics": [{"name": "vmk0"}, {"mtu": 1500}]}}})",
-       "Validation failed for qor/network/nuknics, skipping"},
-      {R"({"qor": {"network": {"nuknics": [{"name": "vmk0"}, "DELETE_DEFAULT"]}}})",
        "Validation failed for qor/network/nuknics, skipping"},
       {R"({"qor": {"system": {"hostname": [{"name": "a"}]}}})", "Validation failed for qor/system/hostname, skipping"},
       // A document that is no object ends the run early.

@@ -62,7 +62,6 @@ TEST_F(DesiredTest, BadDocumentOrUnreadableCurrentObjectIsRefusedWhole) {
     std::string thrown;
   } cases[] = {
       {{}, "[]", failed + R"(Desired configuration has no "profile" object)"},
-      {{}, R"({"profile": {"qor": 5}})", failed + "Desired configuration of component qor is not an object"},
       {{},
        R"({"profile": {"qor": {"network": []}}})",
        failed + "Desired configuration of component qor group network is not an object"},
@@ -166,7 +165,7 @@ TEST_F(DesiredTest, AgentOptionsAndSolutionUserPermissionsAreCarriedOver) {
                   Row("SET", "authorization", "permissions", "p2", "5.0", R"({"id":"p2","principal":"svc-backup"})"),
                   Row("SET", "authorization", "permissions", "p5", "5.0",
                       R"({"id":"p5","principal":"alice","role":"ro"})")}));
-
+  // Without the accounts key no permission is a solution user's.
   std::vector<Element> withoutAccounts;
   for (const Element& e : kSchemas) {
     if (std::string(e.key) != "user_accounts") withoutAccounts.push_back(e);
@@ -251,8 +250,6 @@ TEST_F(DesiredTest, StagingSubcommandsExitAndReport) {
            Path("/tmp/bad.json") + ": 3 validation errors, nothing staged\n",
        "0"},
       {"set-desired " + Path("/tmp/good.json"), 0, "desired configuration staged (1 rows); next boot mode 1\n", "1"},
-      {"--json staged", 0, R"("key": "hostname",)", "1"},
-      {"delete-hostapi qor ntp", 2, "usage", "1"},
       // The failure line names the file and the problem, not the library's function or "logs".
       {"set-smartnic " + Path("/tmp/badnic.json"), 1,
        "error 2000: " + Path("/tmp/badnic.json") +

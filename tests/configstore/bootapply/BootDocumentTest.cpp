@@ -87,9 +87,9 @@ TEST_F(BootDocumentTest, EmptyInvalidAndMisshapenValuesWriteNothing) {
 // takes nothing from the rows of other instances. DELETE_DEFAULT removes every instance of its key.
 TEST_F(BootDocumentTest, RewriteKeepsTheObjectsOwnStoredParts) {
   AddConfig(
-      "('network','nuknics','vmk0','old','v0','c0'), ('network','dns','a','da',NULL,NULL), "
-      "('network','dns','b',NULL,NULL,NULL)");
-  Sql("UPDATE Config SET AutoConfValue = 'auto' WHERE Identifier = 'vmk0'");
+      "('network','nuknics','vmk0','old','v0','c0'), ('network','dns','a','da','dv','dc'), "
+      "('network','dns','b',NULL,'dv','dc')");
+  Sql("UPDATE Config SET AutoConfValue = 'auto' WHERE Identifier = 'vmk0'");  // every other row has parts to leak
   Run(R"({"qor": {"network": {"nuknics": [{"name": "vmk0", "mac": "cc:dd"}, {"name": "vmk5"}],
                                "dns": "DELETE_DEFAULT"}}})");
   EXPECT_THAT(ConfigRows(", Revision, AutoConfValue, CreationTime LIKE '2001-%'"),

@@ -21,9 +21,7 @@ class BootApplyRecordTest : public cstest::SandboxTest {
     DBStore::faults::Disarm();
     SandboxTest::TearDown();
   }
-  void Sql(const std::string& sql, const std::vector<std::string>& args = {}) {
-    ASSERT_EQ(DBStore::Exec(conn_, sql, args), 0) << sql;
-  }
+  void Sql(const std::string& sql) { ASSERT_EQ(DBStore::Exec(conn_, sql), 0) << sql; }
   std::string Stored() {
     std::string v;
     EXPECT_EQ(DBStore::ReadKeyValue("BOOT_APPLY_RESULT", &v, conn_), 0);
@@ -66,27 +64,17 @@ TEST_F(BootApplyRecordTest, UnreadableRecordOrStoreThrowsItsCause) {
   EXPECT_TRUE(GetBootTimeRestoreFailures().empty()) << "the failed call detached the schema store";
 }
 
+// A failure is a row of its key with a user value and Success 0, of a DSP key of schema type 0 or 2.
 TEST_F(BootApplyRecordTest, RestoreFailuresFollowSchemaAndRowFlags) {
   ASSERT_EQ(DBStore::AttachSchemaStore(conn_), 0);
-  // Key, DSPIntegrated, SchemaType.
-  for (const auto& s : {std::vector<std::string>{"dsp0", "1", "0"}, {"dsp2", "1", "2"}, {"type1", "1", "1"},
-                        {"nodsp", "0", "0"}}) {
-    Sql("INSERT INTO ss.ConfigSchema (Component, ConfigGroup, Name, SchemaId, Version, SchemaJson, DSPIntegrated, "
-        "SchemaType) VALUES ('qor', 'net', ?, 'kit-1', '1.0', '{}', ?, ?)",
-        s);
-  }
   // Another group's key of the same name is no failure of this one.
   Sql("INSERT INTO ss.ConfigSchema (Component, ConfigGroup, Name, SchemaId, Version, SchemaJson, DSPIntegrated, "
-      "SchemaType) VALUES ('qor', 'other', 'skip', 'kit-1', '1.0', '{}', 1, 0)");
+      "SchemaType) SELECT 'qor', column1, column2, 'kit-1', '1.0', '{}', column3, column4 FROM (VALUES ('net', "
+      "'dsp0', 1, 0), ('net', 'dsp2', 1, 2), ('net', 'type1', 1, 1), ('net', 'nodsp', 0, 0), ('other', 'skip', 1, 0))");
   ASSERT_EQ(DBStore::DetachSchemaStore(conn_), 0);
-  // Key, identifier, Success; the last row has no user value.
-  for (const auto& r : {std::vector<std::string>{"dsp0", "a", "0"}, {"dsp0", "b", "1"}, {"dsp2", "", "0"},
-                        {"type1", "", "0"}, {"nodsp", "", "0"}, {"skip", "", "0"}}) {
-    Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, Success, UserValue) VALUES "
-        "('qor', 'net', ?, ?, ?, '{}')",
-        r);
-  }
-  Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, Success) VALUES ('qor', 'net', 'dsp0', 'c', 0)");
+  Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, Success, UserValue) SELECT 'qor', 'net', * FROM "
+      "(VALUES ('dsp0', 'a', 0, '{}'), ('dsp0', 'b', 1, '{}'), ('dsp0', 'c', 0, NULL), ('dsp2', '', 0, '{}'), "
+      "('type1', '', 0, '{}'), ('nodsp', '', 0, '{}'), ('skip', '', 0, '{}'))");
   std::vector<std::string> keys;
   for (const auto& f : GetBootTimeRestoreFailures()) keys.push_back(f.Component + "/" + f.ConfigGroup + "/" + f.Name);
   EXPECT_THAT(keys, testing::UnorderedElementsAre("qor/net/dsp0", "qor/net/dsp2"));

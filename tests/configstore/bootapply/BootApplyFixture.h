@@ -1,10 +1,9 @@
 // Fixture of the boot-time apply tests: a sandbox root with fresh stores, registered schemas, rows
-// written with SQL, and the store read back as text. Calls run on one connection with the schema
-// store attached, inside a transaction, as the boot load runs them.
+// written with SQL and read back as text. Calls run on one connection with the schema store attached,
+// inside a transaction, as the boot load runs them.
 #pragma once
 
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,42 +17,29 @@
 
 namespace bootapply {
 
-using Text = std::optional<std::string>;  // nullopt is SQL NULL
-inline const Text kNull = std::nullopt;
-
-// Schema-file elements. Keys of component "qor"; the group names the scenario.
-// nuknics: instanced by "name", shared with the SmartNIC, "vmk0" preserved.
-inline const char* kNuknics = R"({"component": "qor", "group": "network", "key": "nuknics", "version": "1.0",
-  "singleton": false, "dspIntegrated": true, "preserveInstanceIds": ["vmk0", "vmk9"],
-  "smartnic": {"schema": "qor-shared"},
-  "schema": {"type": "object", "required": ["name"],
-             "properties": {"name": {"type": "string", "instanceId": true},
-                            "mtu": {"type": "integer", "minimum": 1280, "maximum": 9000},
-                            "mac": {"type": "string", "vital": true},
-                            "stats": {"type": "string", "cached": true}}}})";
-// hostname: singleton, shared with the SmartNIC.
-inline const char* kHostname = R"({"component": "qor", "group": "system", "key": "hostname", "version": "2.0",
-  "dspIntegrated": true, "smartnic": {"schema": "qor-shared"},
-  "schema": {"type": "object", "required": ["name"], "properties": {"name": {"type": "string"}}}})";
-// dns: instanced, objects without a user value survive a desired configuration; shared, mutable defaults.
-inline const char* kDns = R"({"component": "qor", "group": "network", "key": "dns", "version": "1.1",
-  "singleton": false, "dspIntegrated": true, "preserveNonUser": true, "mutableDefaultConfig": true,
-  "smartnic": {"schema": "qor-shared"},
-  "schema": {"type": "object", "properties": {"server": {"type": "string", "instanceId": true}}}})";
-// user_accounts: instanced; solution-user accounts ("svc-zpl-...") always survive.
-inline const char* kUserAccounts = R"({"component": "qor", "group": "authentication", "key": "user_accounts",
-  "version": "1.0", "singleton": false, "dspIntegrated": true,
-  "schema": {"type": "object", "properties": {"name": {"type": "string", "instanceId": true}}}})";
-// syslog: instanced, outside the desired-state process and not shared.
-inline const char* kSyslog = R"({"component": "qor", "group": "logging", "key": "syslog", "version": "3.0",
-  "singleton": false, "dspIntegrated": false,
-  "schema": {"type": "object", "properties": {"host": {"type": "string", "instanceId": true}}}})";
-// rules: generated instance ids.
-inline const char* kRules = R"({"component": "qor", "group": "firewall", "key": "rules", "version": "1.1",
-  "dspIntegrated": true, "mutableDefaultConfig": true,
-  "schema": {"type": "object", "properties": {
-    "cs_generated_id": {"type": "string", "instanceId": true, "generatedId": true},
-    "port": {"type": "integer", "minimum": 1}}}})";
+// Schema-file elements of component "qor". nuknics: instanced, shared with the SmartNIC, "vmk0" and
+// "vmk9" preserved. hostname: a shared singleton. dns: instanced, shared, objects without a user value
+// survive a desired configuration. user_accounts: instanced. syslog: outside the desired-state process
+// and not shared. rules: generated instance ids.
+inline const std::vector<std::string> kSchemas = {
+    R"({"component": "qor", "group": "network", "key": "nuknics", "version": "1.0", "singleton": false,
+    "dspIntegrated": true, "preserveInstanceIds": ["vmk0", "vmk9"], "smartnic": {"schema": "qor-shared"},
+    "schema": {"type": "object", "required": ["name"], "properties": {"name": {"type": "string", "instanceId": true},
+    "mtu": {"type": "integer", "minimum": 1280, "maximum": 9000}, "mac": {"type": "string", "vital": true},
+    "stats": {"type": "string", "cached": true}}}})",
+    R"({"component": "qor", "group": "system", "key": "hostname", "version": "2.0", "dspIntegrated": true,
+    "smartnic": {"schema": "qor-shared"}, "schema": {"type": "object", "properties": {"name": {"type": "string"}}}})",
+    R"({"component": "qor", "group": "network", "key": "dns", "version": "1.1", "singleton": false,
+    "dspIntegrated": true, "preserveNonUser": true, "mutableDefaultConfig": true, "smartnic": {"schema": "qor-shared"},
+    "schema": {"type": "object", "properties": {"server": {"type": "string", "instanceId": true}}}})",
+    R"({"component": "qor", "group": "authentication", "key": "user_accounts", "version": "1.0", "singleton": false,
+    "dspIntegrated": true, "schema": {"type": "object", "properties": {"name": {"type": "string", "instanceId": true}}}})",
+    R"({"component": "qor", "group": "logging", "key": "syslog", "version": "3.0", "singleton": false,
+    "dspIntegrated": false, "schema": {"type": "object", "properties": {"host": {"type": "string", "instanceId": true}}}})",
+    R"({"component": "qor", "group": "firewall", "key": "rules", "version": "1.1", "dspIntegrated": true,
+    "schema": {"type": "object", "properties": {"cs_generated_id": {"type": "string", "instanceId": true,
+    "generatedId": true}, "port": {"type": "integer", "minimum": 1}}}})",
+};
 
 class BootApplyTest : public cstest::SandboxTest {
  protected:
@@ -69,57 +55,48 @@ class BootApplyTest : public cstest::SandboxTest {
     SandboxTest::TearDown();
   }
 
-  // One registration of the given schema-file elements, replacing earlier ones.
-  static void RegisterSchemas(const std::vector<std::string>& elements) {
+  // One registration of the given schema-file elements (all of kSchemas by default), replacing earlier ones.
+  static void RegisterSchemas(const std::vector<std::string>& elements = kSchemas) {
     auto store = QorSchemaStore::SchemaStore::GetStore(true);
     store->BeginUpdate();
     store->ResetSchemas();
     for (const std::string& text : elements) {
       rapidjson::Document element;
       ASSERT_FALSE(element.Parse(text.c_str()).HasParseError()) << text;
-      QorSchemaStore::SetSchema("test-kit-1.0", element["component"].GetString(), element["group"].GetString(),
-                                element["key"].GetString(), text, store, element.HasMember("smartnic"));
+      QorSchemaStore::SetSchema("test-kit-1.0", "qor", element["group"].GetString(), element["key"].GetString(), text,
+                                store, element.HasMember("smartnic"));
     }
     store->CommitUpdate();
   }
 
-  // One statement with its values bound in order.
-  void Sql(const std::string& sql, const std::vector<Text>& values = {}) {
-    ASSERT_EQ(DBStore::Exec(conn_, sql, values), 0) << sql;
+  void Sql(const std::string& sql) { ASSERT_EQ(DBStore::Exec(conn_, sql), 0) << sql; }
+  // Rows of component "qor" as SQL tuples. Config: (group, key, id, user, vital, cached), version 'old',
+  // revision 7, a desired value. DesiredUserConfig: (group, key, id, value, action, vital, cached),
+  // version 'new'. DefaultConfig: (group, key, id, value), version 'default', vital 'dv', cached 'dc'.
+  void AddConfig(const std::string& tuples) {
+    Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue, VitalValue, CachedValue, Version, "
+        "CreationTime, Revision, DesiredValue) SELECT 'qor', *, 'old', '2001-02-03 04:05:06', 7, 'staged' FROM "
+        "(VALUES " +
+        tuples + ")");
   }
-  void AddConfig(const std::string& group, const std::string& key, const std::string& id, const Text& user,
-                 const Text& vital = kNull, const Text& cached = kNull) {
-    Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, Version, CreationTime, Revision, UserValue, "
-        "VitalValue, CachedValue, DesiredValue) VALUES ('qor', ?, ?, ?, 'old', '2001-02-03 04:05:06', 7, ?, ?, ?, "
-        "'staged')",
-        {group, key, id, user, vital, cached});
+  void AddDesired(const std::string& tuples) {
+    Sql("INSERT INTO DesiredUserConfig (Component, ConfigGroup, Name, Identifier, Value, BootAction, VitalValue, "
+        "CachedValue, Version) SELECT 'qor', *, 'new' FROM (VALUES " +
+        tuples + ")");
   }
-  void AddDesired(const std::string& group, const std::string& key, const Text& id, const Text& value,
-                  const Text& action, const Text& vital = kNull, const Text& cached = kNull) {
-    Sql("INSERT INTO DesiredUserConfig (Component, ConfigGroup, Name, Identifier, Version, Value, VitalValue, "
-        "CachedValue, BootAction) VALUES ('qor', ?, ?, ?, 'new', ?, ?, ?, ?)",
-        {group, key, id, value, vital, cached, action});
-  }
-  void AddDefault(const std::string& group, const std::string& key, const std::string& id, const std::string& value) {
-    Sql("INSERT INTO DefaultConfig (Component, ConfigGroup, Name, Identifier, Version, Value, VitalValue, "
-        "CachedValue) VALUES ('qor', ?, ?, ?, 'default', ?, 'dv', 'dc')",
-        {group, key, id, value});
+  void AddDefault(const std::string& tuples) {
+    Sql("INSERT INTO DefaultConfig (Component, ConfigGroup, Name, Identifier, Value, Version, VitalValue, "
+        "CachedValue) SELECT 'qor', *, 'default', 'dv', 'dc' FROM (VALUES " +
+        tuples + ")");
   }
 
   std::vector<std::string> Query(const std::string& sql) { return cstest::JoinedRows(conn_, sql, "NULL"); }
-  // Config as "group/key/id user|vital|cached" (NULL for SQL NULL), ordered.
-  std::vector<std::string> ConfigRows() {
+  // Config as "group/key/id user|vital|cached", ordered, and `more` columns after them.
+  std::vector<std::string> ConfigRows(const std::string& more = "") {
     return Query(
-        "SELECT ConfigGroup || '/' || Name || '/' || Identifier || ' ' || COALESCE(UserValue, 'NULL'), VitalValue, "
-        "CachedValue FROM Config ORDER BY ConfigGroup, Name, Identifier");
-  }
-  // One column expression of one Config row ("NULL" for SQL NULL, "" when the row is missing).
-  std::string ConfigColumn(const std::string& group, const std::string& key, const std::string& id,
-                           const std::string& column) {
-    std::vector<std::string> rows = cstest::JoinedRows(
-        conn_, "SELECT " + column + " FROM Config WHERE ConfigGroup = ? AND Name = ? AND Identifier = ?", "NULL",
-        group, key, id);
-    return rows.empty() ? "" : rows.front();
+        "SELECT ConfigGroup || '/' || Name || '/' || Identifier || ' ' || COALESCE(UserValue, 'NULL'), "
+        "VitalValue, CachedValue" +
+        more + " FROM Config ORDER BY ConfigGroup, Name, Identifier");
   }
 
   // As the boot load: the routine inside a transaction that is committed.

@@ -1,5 +1,5 @@
 // The boot-mode routines that apply staged configuration: host API (4), SmartNIC (3) and desired
-// user configuration generation (1).
+// user configuration generation (1), each on one store with rows of every key.
 #include <gmock/gmock.h>
 #include <sqlite3.h>
 
@@ -9,140 +9,99 @@
 namespace QorConfigStore {
 namespace {
 
-using bootapply::kNull;
 using testing::ElementsAre;
 using Routine = void (*)(const DBStore::Connection&);
+using Strings = std::vector<std::string>;
 
 class BootTimeApplyTest : public bootapply::BootApplyTest {
  protected:
-  // Every kind of host-API action, on keys of two instances where it matters.
-  void HostApiScenario() {
-    AddConfig("network", "nuknics", "vmk0", "u0", "v0", "c0");
-    AddConfig("network", "nuknics", "vmk1", "u1", "v1", "c1");
-    AddConfig("network", "dns", "a", "da");
-    AddConfig("network", "dns", "b", kNull);
-    AddConfig("system", "hostname", "", "h");
-    AddConfig("logging", "syslog", "s1", "s1");
-    AddConfig("logging", "syslog", "s2", "s2");
-    AddConfig("firewall", "rules", "r1", "r1");
-    AddConfig("firewall", "rules", "r2", "r2");
-    AddDefault("firewall", "rules", "d1", "D1");
-    AddDefault("firewall", "rules", "d2", "D2");
-    AddDefault("network", "dns", "x", "X");  // not asked for: stays a default
-    AddDesired("network", "nuknics", "vmk1", "U1", "SET", kNull, "C1");
-    AddDesired("network", "nuknics", "vmk2", "U2", "SET", "V2");
-    AddDesired("network", "dns", kNull, kNull, "DELETE");
-    AddDesired("logging", "syslog", "s1", kNull, "DELETE_INSTANCE");
-    AddDesired("firewall", "rules", kNull, kNull, "SET_DEFAULT");
+  // Rows of every key, in place of what the store held.
+  void Base() {
+    for (const char* table : {"Config", "DesiredUserConfig", "DefaultConfig"}) Sql(std::string("DELETE FROM ") + table);
+    AddConfig(
+        "('network','nuknics','vmk0','u0','v0','c0'), ('network','nuknics','vmk1','u1','v1','c1'), "
+        "('network','nuknics','vmk2','u2',NULL,NULL), ('network','dns','a','da',NULL,NULL), "
+        "('network','dns','b',NULL,NULL,NULL), ('system','hostname','','h',NULL,NULL), "
+        "('logging','syslog','s1','s1',NULL,NULL), ('logging','syslog','s2','s2',NULL,NULL), "
+        "('firewall','rules','r1','r1',NULL,NULL), ('authentication','user_accounts','svc-zpl-agent','sv',NULL,"
+        "NULL), ('authentication','user_accounts','root','r',NULL,NULL)");
+    AddDefault("('firewall','rules','d1','D1'), ('firewall','rules','d2','D2'), ('network','dns','x','X')");
   }
-
-  // Shared keys: nuknics (instanced), hostname (singleton), dns (instanced, mutable defaults);
-  // syslog and user_accounts are not shared.
-  void SmartnicScenario() {
-    RegisterSchemas({bootapply::kNuknics, bootapply::kHostname, bootapply::kDns, bootapply::kSyslog,
-                     bootapply::kUserAccounts});
-    AddConfig("network", "nuknics", "vmk0", "u0", "v0");
-    AddConfig("network", "nuknics", "vmk1", "u1", "v1");
-    AddConfig("system", "hostname", "", "h");
-    AddConfig("network", "dns", "a", "da");
-    AddConfig("logging", "syslog", "s1", "s1");
-    AddConfig("authentication", "user_accounts", "root", "r");
-    AddDefault("network", "dns", "d1", "D1");
-    AddDesired("network", "nuknics", "vmk1", "U1", "SET", "VX");
-    AddDesired("network", "nuknics", "vmk2", "U2", "SET", "V2");
-    AddDesired("network", "dns", kNull, kNull, "SET_DEFAULT");
-    AddDesired("authentication", "user_accounts", kNull, kNull, "DELETE");
-  }
-
-  // DSP keys nuknics (vmk0 and vmk9 preserved), dns (PreserveNonUser), user_accounts, hostname;
-  // syslog is outside the desired-state process.
-  void GenerationScenario() {
-    RegisterSchemas({bootapply::kNuknics, bootapply::kHostname, bootapply::kDns, bootapply::kSyslog,
-                     bootapply::kUserAccounts});
-    AddConfig("network", "nuknics", "vmk0", "u0", "v0");
-    AddConfig("network", "nuknics", "vmk1", "u1", "v1", "c1");
-    AddConfig("network", "nuknics", "vmk2", "u2");
-    AddConfig("network", "dns", "a", "da");
-    AddConfig("network", "dns", "b", kNull);
-    AddConfig("authentication", "user_accounts", "svc-zpl-agent", "sv");
-    AddConfig("authentication", "user_accounts", "root", "r");
-    AddConfig("logging", "syslog", "s1", "s1");
-    AddConfig("system", "hostname", "", "h");
-    AddDesired("network", "nuknics", "vmk1", "U1", "SET", kNull, "C1");
-    AddDesired("network", "nuknics", "vmk3", "U3", "SET", "V3", "C3");
-    AddDesired("system", "hostname", "", "H", "SET");
+  void SetUp() override {
+    BootApplyTest::SetUp();
+    RegisterSchemas();
+    Base();
   }
 };
 
-TEST_F(BootTimeApplyTest, HostApiAppliesEachActionKind) {
-  HostApiScenario();
-  Apply(ApplyHostApiBootConfiguration);
-
-  EXPECT_THAT(ConfigRows(), ElementsAre("firewall/rules/d1 D1|dv|dc",   // SET_DEFAULT: defaults replace r1, r2
-                                        "firewall/rules/d2 D2|dv|dc",   //
-                                        "logging/syslog/s2 s2|NULL|NULL",  // DELETE_INSTANCE s1 only
-                                        "network/dns/b NULL|NULL|NULL",    // DELETE: no user value, kept
-                                        "network/nuknics/vmk1 U1|v1|C1",   // SET: updated, vital kept
-                                        "network/nuknics/vmk2 U2|V2|NULL",  // SET: new; vmk0 removed
-                                        "system/hostname/ h|NULL|NULL"));
-  // Updated rows keep their creation time and revision; new rows carry the staged version.
-  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk1", "CreationTime || ' ' || Revision || ' ' || Version"),
-            "2001-02-03 04:05:06 7 old");
-  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk2", "Version"), "new");
-  EXPECT_EQ(ConfigColumn("firewall", "rules", "d1", "Version"), "default");
-  // Marked rows lose their desired value; untouched ones keep it.
-  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk1", "DesiredValue"), "NULL");
-  EXPECT_EQ(ConfigColumn("network", "dns", "b", "DesiredValue"), "NULL");
-  EXPECT_EQ(ConfigColumn("system", "hostname", "", "DesiredValue"), "staged");
-  EXPECT_EQ(Query("SELECT COUNT(*) FROM DesiredUserConfig"), std::vector<std::string>{"5"});
-}
-
-TEST_F(BootTimeApplyTest, SmartnicReplacesSharedObjectsOnly) {
-  SmartnicScenario();
-  Apply(ApplySmartnicBootConfiguration);
-
-  EXPECT_THAT(ConfigRows(), ElementsAre("logging/syslog/s1 s1|NULL|NULL",  // not shared: untouched
-                                        "network/dns/d1 D1|dv|dc",          // SET_DEFAULT refilled
-                                        "network/nuknics/vmk1 U1|v1|NULL",  // user value only
-                                        "network/nuknics/vmk2 U2|NULL|NULL",  // new: user value only
-                                        "system/hostname/ h|NULL|NULL"));   // shared singleton kept
-  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk1", "CreationTime || ' ' || Revision"), "2001-02-03 04:05:06 7");
-  EXPECT_EQ(Query("SELECT COUNT(*) FROM DesiredUserConfig"), std::vector<std::string>{"4"});
+// Config rows "group/key/id user|vital|cached|version|revision|desired value" after each routine, and
+// the staged rows it leaves.
+TEST_F(BootTimeApplyTest, EachBootModeAppliesItsStagedRows) {
+  const struct {
+    Routine routine;
+    const char* desired;
+    Strings rows;
+    const char* left;
+  } cases[] = {
+      {ApplyHostApiBootConfiguration,
+       "('network','nuknics','vmk1','U1','SET',NULL,'C1'), ('network','nuknics','vmk3','U3','SET','V3',NULL), "
+       "('network','dns',NULL,NULL,'DELETE',NULL,NULL), ('logging','syslog','s1',NULL,'DELETE_INSTANCE',NULL,NULL), "
+       "('firewall','rules',NULL,NULL,'SET_DEFAULT',NULL,NULL)",
+       {"authentication/user_accounts/root r|NULL|NULL|old|7|staged",
+        "authentication/user_accounts/svc-zpl-agent sv|NULL|NULL|old|7|staged",
+        "firewall/rules/d1 D1|dv|dc|default|NULL|NULL", "firewall/rules/d2 D2|dv|dc|default|NULL|NULL",  // SET_DEFAULT
+        "logging/syslog/s2 s2|NULL|NULL|old|7|staged",    // DELETE_INSTANCE s1 only
+        "network/dns/b NULL|NULL|NULL|old|7|NULL",        // DELETE: no user value, kept
+        "network/nuknics/vmk1 U1|v1|C1|old|7|NULL",       // SET: updated, vital kept
+        "network/nuknics/vmk3 U3|V3|NULL|new|NULL|NULL",  // SET: new; vmk0 and vmk2 go
+        "system/hostname/ h|NULL|NULL|old|7|staged"},
+       "5"},
+      {ApplySmartnicBootConfiguration,
+       "('network','nuknics','vmk1','U1','SET','VX',NULL), ('network','nuknics','vmk3','U3','SET','V3',NULL), "
+       "('network','dns',NULL,NULL,'SET_DEFAULT',NULL,NULL), "
+       "('authentication','user_accounts',NULL,NULL,'DELETE',NULL,NULL)",
+       {"firewall/rules/r1 r1|NULL|NULL|old|7|staged",  // not shared: untouched
+        "logging/syslog/s1 s1|NULL|NULL|old|7|staged", "logging/syslog/s2 s2|NULL|NULL|old|7|staged",
+        "network/dns/x X|dv|dc|default|NULL|NULL",          // SET_DEFAULT refilled
+        "network/nuknics/vmk1 U1|v1|c1|old|7|staged",       // user value only
+        "network/nuknics/vmk3 U3|NULL|NULL|new|NULL|NULL",  // new: user value only; vmk0 and vmk2 go
+        "system/hostname/ h|NULL|NULL|old|7|staged"},
+       "4"},
+      {GenerateDesiredUserConfiguration,
+       "('network','nuknics','vmk1','U1','SET',NULL,'C1'), ('network','nuknics','vmk3','U3','SET','V3','C3'), "
+       "('system','hostname','','H','SET',NULL,NULL)",
+       {"authentication/user_accounts/svc-zpl-agent sv|NULL|NULL|old|7|staged",  // solution user kept
+        "logging/syslog/s1 s1|NULL|NULL|old|7|staged", "logging/syslog/s2 s2|NULL|NULL|old|7|staged",  // not DSP
+        "network/dns/a NULL|NULL|NULL|old|7|NULL", "network/dns/b NULL|NULL|NULL|old|7|NULL",  // PreserveNonUser
+        "network/nuknics/vmk0 u0|v0|c0|old|7|staged",    // preserved instance, untouched
+        "network/nuknics/vmk1 U1|v1|C1|old|7|NULL",      // merged
+        "network/nuknics/vmk3 U3|V3|C3|NULL|NULL|NULL",  // inserted
+        "system/hostname/ H|NULL|NULL|old|7|NULL"},
+       "0"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.desired);
+    Base();
+    AddDesired(c.desired);
+    Apply(c.routine);
+    EXPECT_EQ(ConfigRows(", Version, Revision, DesiredValue"), c.rows);
+    EXPECT_THAT(Query("SELECT COUNT(*) FROM DesiredUserConfig"), ElementsAre(c.left));
+  }
 }
 
 TEST_F(BootTimeApplyTest, SmartnicSetOverAnExistingUnsharedObjectFails) {
-  SmartnicScenario();
-  AddDesired("logging", "syslog", "s1", "S1", "SET");
+  AddDesired("('logging','syslog','s1','S1','SET',NULL,NULL)");
   const cstest::StoreDump before = cstest::DumpStores();
   EXPECT_EQ(ApplyAndCancel(ApplySmartnicBootConfiguration), "Failed to process BootAction=SET for new configs");
   EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
 }
 
-TEST_F(BootTimeApplyTest, GenerationReplacesDesiredStateUserConfiguration) {
-  GenerationScenario();
-  Apply(GenerateDesiredUserConfiguration);
-
-  EXPECT_THAT(ConfigRows(),
-              ElementsAre("authentication/user_accounts/svc-zpl-agent sv|NULL|NULL",  // solution user kept
-                          "logging/syslog/s1 s1|NULL|NULL",                          // not DSP: untouched
-                          "network/dns/a NULL|NULL|NULL",                            // PreserveNonUser
-                          "network/dns/b NULL|NULL|NULL",                            //
-                          "network/nuknics/vmk0 u0|v0|NULL",                         // preserved instance
-                          "network/nuknics/vmk1 U1|v1|C1",                           // merged
-                          "network/nuknics/vmk3 U3|V3|C3",                           // inserted
-                          "system/hostname/ H|NULL|NULL"));
-  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk1",
-                         "CreationTime || ' ' || Revision || ' ' || COALESCE(DesiredValue, 'NULL')"),
-            "2001-02-03 04:05:06 7 NULL");
-  EXPECT_EQ(ConfigColumn("network", "nuknics", "vmk0", "DesiredValue"), "staged") << "preserved rows are not touched";
-  EXPECT_TRUE(Query("SELECT * FROM DesiredUserConfig").empty());
-}
-
 // Four values per preserved object would pass SQLite's limit of bound values past 8,191 objects.
 TEST_F(BootTimeApplyTest, GenerationKeepsTenThousandPreservedInstances) {
   sqlite3_limit(conn_->db, SQLITE_LIMIT_VARIABLE_NUMBER, 32766);  // SQLite's default, as on the host
-  RegisterSchemas({bootapply::kNuknics});
+  RegisterSchemas({bootapply::kSchemas[0]});
   const std::string ids = "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < 9999) ";
+  Sql("DELETE FROM Config");
   Sql("UPDATE ss.ConfigSchema SET PreservedInstanceIds = (" + ids + "SELECT json_group_array('vmk' || i) FROM n)");
   Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) " + ids +
       "SELECT 'qor', 'network', 'nuknics', 'vmk' || i, 'u' FROM n UNION ALL SELECT 'qor', 'network', 'nuknics', "
@@ -152,22 +111,20 @@ TEST_F(BootTimeApplyTest, GenerationKeepsTenThousandPreservedInstances) {
 }
 
 TEST_F(BootTimeApplyTest, PreservedObjectsComeFromInstancedKeysWithOwnIds) {
-  RegisterSchemas({bootapply::kNuknics, bootapply::kRules, bootapply::kHostname});
   // Rows that registration refuses, written directly: a singleton and a generated-id key listing
   // preserved ids are ignored, and only text ids count.
   Sql("UPDATE ss.ConfigSchema SET PreservedInstanceIds = '[\"x\"]' WHERE Name IN ('hostname', 'rules')");
   Sql("INSERT INTO ss.ConfigSchema (Component, ConfigGroup, Name, InstanceIdName, PreservedInstanceIds) VALUES "
       "('qor', 'alpha', 'k', 'id', '[\"b\", 5, \"a\"]')");
-  std::vector<std::string> ids;
+  Strings ids;
   for (const ConfigStoreObjectId& id : ListPreservedUserObjects(conn_)) ids.push_back(id.toString());
   EXPECT_THAT(ids, ElementsAre("comp qor grp alpha key k id b", "comp qor grp alpha key k id a",
                                "comp qor grp network key nuknics id vmk0", "comp qor grp network key nuknics id vmk9"));
-
   Sql("UPDATE ss.ConfigSchema SET PreservedInstanceIds = '[' WHERE Name = 'k'");
   EXPECT_EQ(cstest::Thrown([&] { ListPreservedUserObjects(conn_); }), "2000 Failed to read preserved instance ids");
 }
 
-// A failing statement throws its message; the statements of the preserved-object mark (2 to 4)
+// A failing statement throws its message; the statements of the preserved-object mark (2 to 4, the first and last here)
 // each fail the run. What the rollback leaves at every fault point is swept in tests/reliability/sweeps.
 TEST_F(BootTimeApplyTest, EachFailingStatementThrowsItsMessage) {
   using K = DBStore::faults::Kind;
@@ -183,12 +140,12 @@ TEST_F(BootTimeApplyTest, EachFailingStatementThrowsItsMessage) {
       {nic, K::Prepare, 1, "Failed to process BootAction=DELETE"},
       {gen, K::Prepare, 1, "Failed to read preserved instance ids"},
       {gen, K::Prepare, 2, "Failed to mark user configuration for delete"},
-      {gen, K::Prepare, 3, "Failed to mark user configuration for delete"},
       {gen, K::Prepare, 4, "Failed to mark user configuration for delete"},
       {gen, K::Prepare, 5, "Failed to insert desired configuration to config table"},
   };
-  HostApiScenario();
-  RegisterSchemas({bootapply::kNuknics, bootapply::kHostname, bootapply::kDns, bootapply::kSyslog});
+  AddDesired(
+      "('network','nuknics','vmk1','U1','SET',NULL,NULL), ('logging','syslog','s1',NULL,'DELETE_INSTANCE',"
+      "NULL,NULL)");
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.message) + ", call " + std::to_string(c.nth));
     EXPECT_EQ(ApplyAndCancel([&](const DBStore::Connection& conn) {

@@ -45,22 +45,26 @@ class DefaultConfigTest : public cstest::SchemaHostTest {
   }
 };
 
+// Instances are split into user, vital and cached parts; a DPU takes qorio_config where there is one.
 TEST_F(DefaultConfigTest, ValidInstancesAreSplitAndWritten) {
-  WriteBase(Defaults("nics", R"([{"name": "nuk0", "mtu": 1500, "mac": "aa", "speed": 10}, {"name": "nuk1"}])") + "," +
+  WriteBase(R"({"component": "qor", "group": "network", "key": "nics", "qorio_config": [{"name": "nuk5"}], "config":
+            [{"name": "nuk0", "mtu": 1500, "mac": "aa", "speed": 10}, {"name": "nuk1"}]},)" +
             Defaults("dns", R"({"domain": "lab", "servers": ["a"]})") + "," +
             Defaults("rules", R"([{"port": 22}, {"port": 443, "cs_generated_id": "fixed-id"}])", "firewall"));
   EXPECT_TRUE(ProcessDefaultConfiguration(false));
-  EXPECT_EQ(Query("SELECT Name, json_extract(Value, '$.port'), length(Identifier), Identifier = "
-                  "json_extract(Value, '$.cs_generated_id') FROM DefaultConfig WHERE Name = 'rules' ORDER BY 2"),
-            (Strings{"rules|22|36|1", "rules|443|8|1"}));
-  Strings rows = DefaultRows();
-  rows.erase(rows.begin(), rows.begin() + 2);  // the rules, checked above
-  EXPECT_EQ(rows, (Strings{
-                               R"(qor/network/dns||{"domain":"lab","servers":["a"]}|||1.0)",
-                               R"(qor/network/nics|nuk0|{"name":"nuk0","mtu":1500}|{"name":"nuk0","mac":"aa"}|{"name":"nuk0","speed":10}|2.0)",
-                               R"(qor/network/nics|nuk1|{"name":"nuk1"}|||2.0)",
-                           }));
+  EXPECT_EQ(Query("SELECT json_extract(Value, '$.port'), length(Identifier), Identifier = "
+                  "json_extract(Value, '$.cs_generated_id') FROM DefaultConfig WHERE Name = 'rules' ORDER BY 1"),
+            (Strings{"22|36|1", "443|8|1"}));
+  const Strings rows = DefaultRows();
+  EXPECT_EQ(
+      Strings(rows.begin() + 2, rows.end()),  // after the rules
+      (Strings{
+          R"(qor/network/dns||{"domain":"lab","servers":["a"]}|||1.0)",
+          R"(qor/network/nics|nuk0|{"name":"nuk0","mtu":1500}|{"name":"nuk0","mac":"aa"}|{"name":"nuk0","speed":10}|2.0)",
+          R"(qor/network/nics|nuk1|{"name":"nuk1"}|||2.0)"}));
   EXPECT_FALSE(Exists("/var/run/talvex/files/errors-base.json"));
+  EXPECT_TRUE(ProcessDefaultConfiguration(true));
+  EXPECT_EQ(Query("SELECT Identifier FROM DefaultConfig WHERE Name = 'nics'"), Strings{"nuk5"});
 }
 
 // Invalid instances and unknown keys go to the package's error file and the valid rest is written.
@@ -78,7 +82,10 @@ TEST_F(DefaultConfigTest, EachRunReplacesTheTableAndItsErrorFile) {
        {R"(qor/network/nics|nuk0|{"name":"nuk0"}|||2.0)"},
        R"([{"key":"nics","errors":[{"field":"/mtu","error":"must be at least 1280, got 100"}]},)" + nokey + "]"},
       {Defaults("nokey", "{}"), false, {}, "[" + nokey + "]"},  // truncated, not appended to
-      {Defaults("dns", R"({"domain": "new"})"), true, {R"(qor/network/dns||{"domain":"new"}|||1.0)"}, "[" + nokey + "]"},
+      {Defaults("dns", R"({"domain": "new"})"),
+       true,
+       {R"(qor/network/dns||{"domain":"new"}|||1.0)"},
+       "[" + nokey + "]"},
   };
   for (const auto& run : runs) {
     SCOPED_TRACE(run.data);
@@ -86,17 +93,6 @@ TEST_F(DefaultConfigTest, EachRunReplacesTheTableAndItsErrorFile) {
     EXPECT_EQ(ProcessDefaultConfiguration(false), run.ok);
     EXPECT_EQ(DefaultRows(), run.rows);
     EXPECT_EQ(ReadFile("/var/run/talvex/files/errors-base.json"), run.errors);
-  }
-}
-
-TEST_F(DefaultConfigTest, DpuTakesQorioConfigWhereThereIsOne) {
-  WriteBase(R"({"component": "qor", "group": "network", "key": "nics", "config": [{"name": "nuk0"}],
-                "qorio_config": [{"name": "nuk5"}, {"name": "nuk6"}]},)" +
-            Defaults("dns", R"({"domain": "both"})"));
-  for (bool qorio : {false, true}) {
-    EXPECT_TRUE(ProcessDefaultConfiguration(qorio));
-    EXPECT_EQ(Query("SELECT Identifier FROM DefaultConfig ORDER BY Identifier"),
-              (qorio ? Strings{"", "nuk5", "nuk6"} : Strings{"", "nuk0"}));
   }
 }
 
@@ -124,8 +120,6 @@ TEST_F(DefaultConfigTest, BadDocumentsCancelTheWholeRun) {
   const std::string meta = R"("metadata": {"kitname": "zz-kit", "kitversion": "1.0.0_0.0"})";
   const Case cases[] = {
       {"not JSON", "{\"data\": [", ""},
-      {"config missing", "{" + meta + R"(, "data": [{"component": "qor", "group": "network", "key": "dns"}]})", "JSON error:"},
-      {"element not an object", "{" + meta + R"(, "data": [7]})", "JSON error:"},
       // Valid by the default rules, which accept unknown members, but the split needs every member described.
       {"undescribed member",
        "{" + meta + R"(, "data": [{"component": "qor", "group": "network", "key": "dns", "config": {"extra": 1}}]})",
@@ -155,8 +149,8 @@ TEST_F(DefaultConfigTest, AFailedWriteSkipsOnlyItsInstance) {
   EXPECT_TRUE(ProcessDefaultConfiguration(false));
   DBStore::faults::Disarm();
   EXPECT_TRUE(Logged("Failed to write default config for qor/network/nics/nuk2", 0));
-  EXPECT_EQ(DefaultRows(), (Strings{R"(qor/network/dns||{"domain":"b"}|||1.0)",
-                                    R"(qor/network/nics|nuk3|{"name":"nuk3"}|||2.0)"}));
+  EXPECT_EQ(DefaultRows(),
+            (Strings{R"(qor/network/dns||{"domain":"b"}|||1.0)", R"(qor/network/nics|nuk3|{"name":"nuk3"}|||2.0)"}));
 }
 
 }  // namespace

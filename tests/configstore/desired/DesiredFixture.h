@@ -18,37 +18,34 @@ namespace desiredtest {
 using cstest::Thrown;
 using Rows = std::multiset<std::string>;
 
-// Registered keys of component "qor".
+// Registered keys of component "qor": group, key, version, extra members, the schema object's body.
 struct Element {
-  const char *group, *key, *version, *extra, *schema;  // extra members; the schema object's body
+  const char *group, *key, *version, *extra, *schema;
 };
+inline const char* kNamed = R"("properties": {"name": {"type": "string"}})";
+inline const char* kFlag = R"("properties": {"flag": {"type": "boolean"}})";
 inline const std::vector<Element> kSchemas = {
     {"network", "nuknics", "1.0", R"("smartnic": {"schema": "qor-shared"}, )",
-     R"("required": ["name"], "properties": {"name": {"type": "string", "instanceId": true},
-        "mtu": {"type": "integer", "minimum": 1280, "maximum": 9000}, "mac": {"type": "string", "vital": true},
-        "port_connection_type": {"type": "string"}, "zsw_port": {"type": "object", "properties": {
-        "switch_uuid": {"type": "string"}, "port_key": {"type": "string"}, "connection_cookie": {"type": "integer"}}}})"},
-    {"network_zsw", "switches", "3.2", "",
-     R"("properties": {"uuid": {"type": "string", "instanceId": true}, "name": {"type": "string"}})"},
-    {"system", "hostname", "2.0", R"("singleton": true, "mutableDefaultConfig": true, )",
-     R"("properties": {"name": {"type": "string"}})"},
+     R"("required": ["name"], "properties": {"name": {"type": "string", "instanceId": true}, "mtu": {"type": "integer",
+     "minimum": 1280, "maximum": 9000}, "mac": {"type": "string", "vital": true}, "port_connection_type": {"type":
+     "string"}, "zsw_port": {"type": "object", "properties": {"switch_uuid": {"type": "string"}, "port_key": {"type":
+     "string"}, "connection_cookie": {"type": "integer"}}}})"},
+    {"network_zsw", "switches", "3.2", "", R"("properties": {"uuid": {"type": "string", "instanceId": true}})"},
+    {"system", "hostname", "2.0", R"("singleton": true, "mutableDefaultConfig": true, )", kNamed},
     {"firewall", "rules", "1.1", R"("mutableDefaultConfig": true, )",
-     R"("properties": {"cs_generated_id": {"type": "string", "instanceId": true, "generatedId": true},
-                       "port": {"type": "integer"}})"},
+     R"("properties": {"cs_generated_id": {"type": "string", "instanceId": true, "generatedId": true}})"},
     {"ntp", "servers", "1.4", R"("mutableDefaultConfig": true, )",
-     R"("properties": {"server": {"type": "string", "instanceId": true}, "prefer": {"type": "boolean"}})"},
+     R"("properties": {"server": {"type": "string", "instanceId": true}})"},
     {"authentication", "user_accounts", "2.1", R"("solutionUserInstances": ["svc-backup", "zcmuser", "kcon"], )",
      R"("properties": {"name": {"type": "string", "instanceId": true}})"},
     {"authorization", "permissions", "5.0", "", R"("properties": {"id": {"type": "string", "instanceId": true},
-        "principal": {"type": "string"}, "role": {"type": "string"}})"},
+     "principal": {"type": "string"}, "role": {"type": "string"}})"},
     {"advanced_options", "user_vars", "1.0", "",
      R"("properties": {"name": {"type": "string", "instanceId": true}, "value": {"type": "string"}})"},
     {"dpu", "mode", "1.0", R"("singleton": true, "mutableDefaultConfig": true, "smartnic": {"schema": "qor-shared"}, )",
      R"("properties": {"mode": {"type": "string", "enum": ["offload", "passthrough"]}})"},
-    {"dpu", "flags", "1.0", R"("singleton": true, "smartnic": {"schema": "qor-shared"}, )",
-     R"("properties": {"flag": {"type": "boolean"}})"},
-    {"dpu", "local", "1.0", R"("singleton": true, "smartnic": {"schema": "qorio-only"}, )",
-     R"("properties": {"flag": {"type": "boolean"}})"},
+    {"dpu", "flags", "1.0", R"("singleton": true, "smartnic": {"schema": "qor-shared"}, )", kFlag},
+    {"dpu", "local", "1.0", R"("singleton": true, "smartnic": {"schema": "qorio-only"}, )", kFlag},
 };
 
 class DesiredTest : public cstest::SandboxTest {
@@ -71,8 +68,8 @@ class DesiredTest : public cstest::SandboxTest {
     store->BeginUpdate();
     store->ResetSchemas();
     for (const Element& e : elements) {
-      const std::string text = std::string(R"({"component": "qor", "group": ")") + e.group + R"(", "key": ")" +
-                               e.key + R"(", "version": ")" + e.version + "\", " + e.extra +
+      const std::string text = std::string(R"({"component": "qor", "group": ")") + e.group + R"(", "key": ")" + e.key +
+                               R"(", "version": ")" + e.version + "\", " + e.extra +
                                R"("schema": {"type": "object", )" + e.schema + "}}";
       QorSchemaStore::SetSchema("test-schemas-1.0", "qor", e.group, e.key, text, store,
                                 std::string(e.extra).find("smartnic") != std::string::npos);

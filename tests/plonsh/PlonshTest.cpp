@@ -31,91 +31,105 @@ class PlonshTest : public cstest::SandboxTest {
     SandboxTest::SetUp();
     ASSERT_TRUE(PLON_WriteSignature());
     ASSERT_TRUE(PLON_WriteNodeFile("/system/bootMAC", "00:50:56:aa:bb:cc"));
-    std::string record(256, '\0');  // an inode stats record: the inode number, the archive name from byte 36
-    record[0] = '\x0c';
-    record.replace(36, 9, "state.tgz");
-    ASSERT_TRUE(PLON_WriteNodeFile("/system/lumafs/inodes/12/stats", record));
+    ASSERT_TRUE(PLON_WriteNodeFile("/system/lumafs/ramdisks/tmp/memUsageLimit", "80 95\n"));
+    ASSERT_TRUE(PLON_WriteNodeFile("/system/lumafs/inodes/12/stats", std::string(256, '\0')));
     WriteFile("/stdin", "");
   }
+  void TearDown() override {
+    if (daemon_ > 0 && ::kill(daemon_, SIGKILL) == 0) ::waitpid(daemon_, nullptr, 0);
+    SandboxTest::TearDown();
+  }
 
-  // Starts args[0] with standard input from /stdin, output and errors to /TAG.out and /TAG.err.
-  pid_t Spawn(const std::vector<std::string>& args, const std::string& tag) {
+  // Starts a tool of tools/plonsh with standard input from /stdin, output and errors to /TAG.out
+  // and /TAG.err.
+  pid_t Spawn(const std::string& tool, std::vector<std::string> args, const std::string& tag) {
+    args.insert(args.begin(), cstest::BinaryPath("tools/plonsh/" + tool));
     pid_t pid = ::fork();
     if (pid != 0) return pid;
     int in = ::open(Path("/stdin").c_str(), O_RDONLY), out = ::creat(Path("/" + tag + ".out").c_str(), 0600),
         err = ::creat(Path("/" + tag + ".err").c_str(), 0600);
     if (in < 0 || out < 0 || err < 0 || ::dup2(in, 0) < 0 || ::dup2(out, 1) < 0 || ::dup2(err, 2) < 0) ::_exit(127);
     std::vector<char*> argv;
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
     ::execv(argv[0], argv.data());
     ::_exit(127);
   }
   // Runs a tool to its end: its exit status (-1 when it did not exit), standard output and error.
-  std::vector<std::string> Run(const std::string& tool, std::vector<std::string> args) {
-    args.insert(args.begin(), cstest::BinaryPath("tools/plonsh/" + tool));
+  std::vector<std::string> Run(const std::string& tool, const std::vector<std::string>& args) {
     int wstatus = 0;
-    EXPECT_GT(::waitpid(Spawn(args, "run"), &wstatus, 0), 0);
+    EXPECT_GT(::waitpid(Spawn(tool, args, "run"), &wstatus, 0), 0);
     return {std::to_string(WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1), ReadFile("/run.out"), ReadFile("/run.err")};
   }
+
+  // A client of the daemon on /s, retried while the daemon starts; -1 when it never listens.
+  int Connect() {
+    sockaddr_un addr{.sun_family = AF_UNIX};
+    std::strncpy(addr.sun_path, Path("/s").c_str(), sizeof addr.sun_path - 1);
+    for (int step = 0; step < kWaitSteps; ++step, ::usleep(10000)) {
+      int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+      if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return fd;
+      ::close(fd);
+    }
+    return -1;
+  }
+  // Sends `request` (when not empty) and a newline, then reads one reply line without its newline;
+  // "<eof>" when the daemon closed the connection.
+  static std::string Ask(int fd, const std::string& request = "") {
+    const std::string data = request + "\n";
+    if (!request.empty() && ::send(fd, data.data(), data.size(), MSG_NOSIGNAL) != std::ssize(data)) return "<unsent>";
+    std::string line;
+    char c;
+    for (pollfd p{fd, POLLIN, 0}; ::poll(&p, 1, kWaitSteps * 10) > 0; line += c) {
+      if (::recv(fd, &c, 1, 0) <= 0) return line.empty() ? "<eof>" : line;
+      if (c == '\n') return line;
+    }
+    return "<timeout>";
+  }
+
+  pid_t daemon_ = -1;
 };
 
 // One session runs the rows in order: the current directory carries from row to row.
 TEST_F(PlonshTest, CommandsOfOneSession) {
-  ASSERT_TRUE(PLON_WriteNodeFile("/system/lumafs/ramdisks/tmp/memUsageLimit", "80 95\n"));
   WriteFile("/etc/secret", "password");
   std::filesystem::create_symlink(Path("/nowhere"), Path("/sys/plon/system/lumafs/ramdisks/x"));
-  const std::string limit = "/system/lumafs/ramdisks/tmp/memUsageLimit";
-  const std::string badLimits = "bad arguments: memUsageLimit takes a warning and an error per cent (integers)";
+  const std::string ramdisks = "/system/lumafs/ramdisks/", limit = ramdisks + "tmp/memUsageLimit",
+                    inodes = "/system/lumafs/inodes/";
   struct Case {
-    std::string line;
-    bool ok;
-    std::string text;
+    std::string line, reply;  // "ok" or "error", then the text
   } cases[] = {
-      {"ls", true, "system/"},  // the signature file is hidden
+      {"ls", "ok system/"},  // the signature file is hidden
       // Files present plus the known nodes without files (sysAlert can only be set).
-      {"ls /system", true, "bootCmdLine\nbootFsUUID\nbootMAC\nbootOption\nlumafs/\nsysAlert"},
-      {"cd system", true, ""},
-      {"cd ./lumafs//inodes/", true, ""},
-      {"pwd", true, "/system/lumafs/inodes"},
-      {"ls 12", true, "stats"},
-      {"cd 12/stats", false, "not a directory: /system/lumafs/inodes/12/stats"},
-      {"pwd", true, "/system/lumafs/inodes"},
-      {"cd /system", true, ""},
-      {"cd nowhere", false, "no such directory in the node tree: /system/nowhere"},
-      {"set lumafs/ramdisks/x/memUsageLimit 1 2", false,
-       "refused: /system/lumafs/ramdisks/x/memUsageLimit leads out of the node tree"},
-      {"get bootMAC", true, "00:50:56:aa:bb:cc"},
-      {"set /system/sysAlert disk  \"almost full; act now\"", true, ""},
-      {"set " + limit + " 70 90", true, ""},
-      {"set " + limit + " 90 80", false,
-       "bad arguments: limits are 0..100 per cent with the warning not above the error"},
-      {"set " + limit + " 80 x", false, badLimits},
-      {"set " + limit + " 80", false, badLimits},
-      {"set /system/bootMAC 00:11", false, "node cannot be set: /system/bootMAC"},
-      {"set /system/sysAlert", false, "bad arguments: set takes a path and a value"},
-      {"get /system/sysAlert", false, "node cannot be read: /system/sysAlert (it can only be set)"},
-      {"ls ..", false, "'..' is not allowed in node paths: .."},
-      {"get /system/lumafs/inodes/../../bootMAC", false,
-       "'..' is not allowed in node paths: /system/lumafs/inodes/../../bootMAC"},
-      {"ls /etc", false, "no such directory in the node tree: /etc"},
-      {"get /etc/secret", false, "unknown node: /etc/secret"},
-      {"get /system/lumafs/inodes/abc/stats", false, "unknown node: /system/lumafs/inodes/abc/stats"},
-      {"get /system/lumafs/inodes/stats 1 2", false,
-       "unknown node: /system/lumafs/inodes/stats with 2 instance argument(s)"},
-      {"get /system/lumafs/inodes/stats ../12", false, "bad arguments: instance '../12' is not a single path element"},
-      {"get /system/bootFsUUID", false, "node does not exist: /system/bootFsUUID"},
-      {"get", false, "bad arguments: get takes a path and its instance arguments"},
-      {"frobnicate", false, "unknown command: frobnicate (try help)"},
-      {"get 'bootMAC", false, "bad arguments: unterminated quote"},
-      {std::string("get /system/boot\0MAC", 20), false, "bad arguments: the command holds a NUL byte"},
-      {"pwd", true, "/system"},
+      {"ls /system", "ok bootCmdLine\nbootFsUUID\nbootMAC\nbootOption\nlumafs/\nsysAlert"},
+      {"cd system/./lumafs//inodes/", "ok"},
+      {"ls 12", "ok stats"},
+      {"cd 12/stats", "error not a directory: /system/lumafs/inodes/12/stats"},
+      {"cd /system", "ok"},
+      {"cd nowhere", "error no such directory in the node tree: /system/nowhere"},
+      {"set lumafs/ramdisks/x/memUsageLimit 1 2",
+       "error refused: " + ramdisks + "x/memUsageLimit leads out of the node tree"},
+      {"get bootMAC", "ok 00:50:56:aa:bb:cc"},
+      {"set /system/sysAlert disk  \"almost full; act now\"", "ok"},
+      {"set " + limit + " 70 90", "ok"},
+      {"set " + limit + " 90 80",
+       "error bad arguments: limits are 0..100 per cent with the warning not above the error"},
+      {"set " + limit + " 80", "error bad arguments: memUsageLimit takes a warning and an error per cent (integers)"},
+      {"set /system/bootMAC 00:11", "error node cannot be set: /system/bootMAC"},
+      {"get /system/sysAlert", "error node cannot be read: /system/sysAlert (it can only be set)"},
+      {"get " + inodes + "../../bootMAC", "error '..' is not allowed in node paths: " + inodes + "../../bootMAC"},
+      {"get /etc/secret", "error unknown node: /etc/secret"},
+      {"get " + inodes + "abc/stats", "error unknown node: " + inodes + "abc/stats"},
+      {"get " + inodes + "stats 1 2", "error unknown node: " + inodes + "stats with 2 instance argument(s)"},
+      {"get " + inodes + "stats ../12", "error bad arguments: instance '../12' is not a single path element"},
+      {"get /system/bootFsUUID", "error node does not exist: /system/bootFsUUID"},
+      {std::string("get /system/boot\0MAC", 20), "error bad arguments: the command holds a NUL byte"},
+      {"pwd", "ok /system"},
   };
   plonsh::Session session;
   for (const Case& c : cases) {
     plonsh::Reply reply = session.Execute(c.line);
-    EXPECT_EQ(reply.ok, c.ok) << c.line;
-    EXPECT_EQ(reply.text, c.text) << c.line;
+    EXPECT_EQ((reply.ok ? "ok" : "error") + (reply.text.empty() ? "" : " " + reply.text), c.reply) << c.line;
   }
   EXPECT_EQ(plonsh::Session().Execute("pwd").text, "/") << "another session starts at the top";
   EXPECT_EQ(RecordedAlerts(), std::vector<std::string>{"disk almost full; act now"});
@@ -159,79 +173,21 @@ TEST_F(PlonshTest, ToolsAnswerUsageAndRefuseBadRoots) {
   }
 }
 
-class PlonshdTest : public PlonshTest {
- protected:
-  void SetUp() override {
-    PlonshTest::SetUp();
-    socket_ = Path("/run/plonsh.sock");
-    ::mkdir(Path("/run").c_str(), 0700);
-  }
-  void TearDown() override {
-    Stop();
-    PlonshTest::TearDown();
-  }
-  void Start(std::vector<std::string> options) {
-    std::vector<std::string> args = {cstest::BinaryPath("tools/plonsh/plonshd"), "--root", root_, "--socket", socket_};
-    args.insert(args.end(), options.begin(), options.end());
-    daemon_ = Spawn(args, "daemon");
-    ASSERT_GT(daemon_, 0);
-  }
-  void Stop() {
-    if (daemon_ > 0 && ::kill(daemon_, SIGKILL) == 0) ::waitpid(daemon_, nullptr, 0);
-    daemon_ = -1;
-  }
-
-  // A connected client, retried while the daemon starts; -1 when it never listens.
-  int Connect() {
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, socket_.c_str(), sizeof addr.sun_path - 1);
-    for (int step = 0; step < kWaitSteps; ++step, ::usleep(10000)) {
-      int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return fd;
-      ::close(fd);
-    }
-    return -1;
-  }
-  static void Send(int fd, const std::string& data) {
-    ASSERT_EQ(::send(fd, data.data(), data.size(), MSG_NOSIGNAL), static_cast<ssize_t>(data.size()));
-  }
-  // One reply line without its newline; "<eof>" when the daemon closed the connection.
-  static std::string ReadLine(int fd) {
-    std::string line;
-    char c;
-    for (pollfd p{fd, POLLIN, 0}; ::poll(&p, 1, kWaitSteps * 10) > 0;) {
-      if (::recv(fd, &c, 1, 0) <= 0) return line.empty() ? "<eof>" : line;
-      if (c == '\n') return line;
-      line += c;
-    }
-    return "<timeout>";
-  }
-  static std::string Ask(int fd, const std::string& request) {
-    Send(fd, request + "\n");
-    return ReadLine(fd);
-  }
-
-  std::string socket_;
-  pid_t daemon_ = -1;
-};
-
 // Each client has its own directory; an oversize request closes only its connection; a node that
 // is not a regular file is an error at once (a FIFO used to block the whole daemon); SIGTERM
 // removes the socket.
-TEST_F(PlonshdTest, ServesClientsEachWithItsOwnDirectory) {
-  ASSERT_TRUE(PLON_WriteNodeFile("/system/lumafs/ramdisks/tmp/memUsageLimit", "80 95\n"));
+TEST_F(PlonshTest, DaemonServesClientsEachWithItsOwnDirectory) {
   for (const char* node : {"/sys/plon/system/bootMAC", "/sys/plon/system/lumafs/ramdisks/tmp/memUsageLimit"}) {
     Remove(node);
     ASSERT_EQ(::mkfifo(Path(node).c_str(), 0644), 0);
   }
-  Start({});
+  daemon_ = Spawn("plonshd", {"--root", root_, "--socket", Path("/s")}, "daemon");
   int a = Connect(), b = Connect(), big = Connect();
   ASSERT_TRUE(a >= 0 && b >= 0 && big >= 0);
   struct stat st;
-  ASSERT_EQ(::stat(socket_.c_str(), &st), 0);
+  ASSERT_EQ(::stat(Path("/s").c_str(), &st), 0);
   EXPECT_TRUE(S_ISSOCK(st.st_mode) && (st.st_mode & 0777) == 0600);
-  Send(big, "get " + std::string(5000, 'x'));
+  const std::string y(4000, 'y');
   const struct {
     int fd;
     std::string request, reply;
@@ -243,8 +199,8 @@ TEST_F(PlonshdTest, ServesClientsEachWithItsOwnDirectory) {
       {a, "get bootMAC", "error cannot read node: /system/bootMAC"},
       {a, "set lumafs/ramdisks/tmp/memUsageLimit 70 90",
        "error cannot set node: /system/lumafs/ramdisks/tmp/memUsageLimit"},
-      {b, "get /" + std::string(4000, 'y'), "error unknown node: /" + std::string(4000, 'y')},  // long, still fits
-      {big, "", "error request longer than 4096 bytes"},
+      {b, "get /" + y, "error unknown node: /" + y},  // long, still fits
+      {big, "get " + std::string(5000, 'x'), "error request longer than 4096 bytes"},
       {big, "", "<eof>"},
       {a, "set /system/sysAlert from the socket\npwd", "ok"},  // two requests in one write: two replies in order
       {a, "", "ok /system"},
@@ -252,8 +208,7 @@ TEST_F(PlonshdTest, ServesClientsEachWithItsOwnDirectory) {
       {a, "", "<eof>"},
       {b, "pwd", "ok /"},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(c.request.empty() ? ReadLine(c.fd) : Ask(c.fd, c.request), c.reply) << c.request;
+  for (const auto& c : cases) EXPECT_EQ(Ask(c.fd, c.request), c.reply) << c.request;
   EXPECT_EQ(RecordedAlerts(), std::vector<std::string>{"from the socket"});
 
   ASSERT_EQ(::kill(daemon_, SIGTERM), 0);
@@ -261,27 +216,28 @@ TEST_F(PlonshdTest, ServesClientsEachWithItsOwnDirectory) {
   for (int step = 0; step < kWaitSteps && ::waitpid(daemon_, &wstatus, WNOHANG) == 0; ++step) ::usleep(10000);
   daemon_ = -1;
   EXPECT_TRUE(WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0) << ReadFile("/daemon.err");
-  EXPECT_FALSE(Exists("/run/plonsh.sock"));
-  EXPECT_EQ(ReadLine(b), "<eof>");
+  EXPECT_FALSE(Exists("/s"));
+  EXPECT_EQ(Ask(b), "<eof>");
   for (int fd : {a, b, big}) ::close(fd);
 }
 
 // Past the cap a client is refused, and a place freed is taken by the next; an idle client is told
 // and closed.
-TEST_F(PlonshdTest, ClientsPastTheCapAreRefusedAndIdleOnesClosed) {
-  Start({"--max-clients", "2", "--idle-timeout", "1"});
+TEST_F(PlonshTest, DaemonRefusesClientsPastTheCapAndClosesIdleOnes) {
+  daemon_ = Spawn("plonshd", {"--root", root_, "--socket", Path("/s"), "--max-clients", "2", "--idle-timeout", "1"},
+                  "daemon");
   int a = Connect(), b = Connect();
   ASSERT_TRUE(a >= 0 && b >= 0);
   EXPECT_EQ(Ask(a, "pwd"), "ok /");
   int c = Connect();
-  EXPECT_EQ(ReadLine(c), "error too many clients");
-  EXPECT_EQ(ReadLine(c), "<eof>");
+  EXPECT_EQ(Ask(c), "error too many clients");
+  EXPECT_EQ(Ask(c), "<eof>");
   EXPECT_EQ(Ask(a, "quit"), "ok");
-  EXPECT_EQ(ReadLine(a), "<eof>");
+  EXPECT_EQ(Ask(a), "<eof>");
   int d = Connect();
   EXPECT_EQ(Ask(d, "pwd"), "ok /");
-  EXPECT_EQ(ReadLine(b), "error idle time-out");
-  EXPECT_EQ(ReadLine(b), "<eof>");
+  EXPECT_EQ(Ask(b), "error idle time-out");
+  EXPECT_EQ(Ask(b), "<eof>");
   for (int fd : {a, b, c, d}) ::close(fd);
 }
 

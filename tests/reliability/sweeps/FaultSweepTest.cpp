@@ -1,36 +1,415 @@
-// Every writing operation under every store-call fault and every file I/O fault it meets: each run
-// ends in a documented outcome and leaves the stores in a state the operation allows.
-#include <gtest/gtest.h>
+// Fault sweeps: every writing operation is run once to count its fault points (the store calls of
+// DBStore::faults, the file I/O of faultvfs), then again from the same start state with each point
+// failing, once and from then on. Each run must end in the outcome the operation documents and
+// leave the stores, as the next opener sees them, in a state it allows: the start state, the state
+// of a clean run, or one of its documented partial states.
+#include <sqlite3.h>
+#include <stdlib.h>
+#include <unistd.h>
 
-#include "tests/reliability/sweeps/SweepEngine.h"
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
 
-namespace sweep {
+#include "configstore/boot/BootApplyRecord.h"
+#include "configstore/boot/BootDocument.h"
+#include "configstore/boot/BootTimeApply.h"
+#include "configstore/boot/LoadStore.h"
+#include "configstore/bootstate/BootState.h"
+#include "configstore/defaults/DefaultConfig.h"
+#include "configstore/desired/DesiredConfig.h"
+#include "configstore/frame/CallFrame.h"
+#include "configstore/frame/ConfigStoreException.h"
+#include "configstore/maintenance/Cleanup.h"
+#include "configstore/schema/SchemaProcessor.h"
+#include "configstore/schema/SchemaRegistration.h"
+#include "platform/dbstore/DBStore.h"
+#include "tests/support/FaultVfs.h"
+#include "tests/support/Sandbox.h"
+#include "tests/support/StoreDump.h"
+
 namespace {
 
-class FaultSweep : public SweepTest, public ::testing::WithParamInterface<std::string> {};
+namespace fs = std::filesystem;
+using namespace QorConfigStore;
+using cstest::StoreDump;
+
+enum class Reported { Success, Failure, Silent };  // Silent: returned where failures are only logged
+
+class FaultSweep;
+struct Operation {
+  std::string name;
+  std::function<void(FaultSweep&)> setup;  // the start state of every run, built without faults
+  std::function<Reported()> run;
+  std::set<int> failureCodes;  // ConfigStoreException codes documented as its failures
+  std::vector<std::function<void()>> partials;  // documented partial states, built from the start
+  // Independent stages that each commit (the boot load): every store stays sound and keeps every
+  // row the start state and the clean run both hold.
+  bool stages = false;
+  // Tables whose rows are written one by one, a failed write logged and skipped: any mix of start
+  // and clean-run rows is allowed there, and counted as a documented loss.
+  std::set<std::string> loggedLosses;
+};
+
+struct Family {
+  const char* name;
+  std::vector<std::string> kinds;
+  void (*arm)(size_t kind, int nth, bool persistent);
+  int (*calls)(size_t kind);
+};
+const Family kStoreCalls = {"store-calls",
+                            {"Prepare", "Step", "Begin", "Commit", "Attach", "KvRead", "KvWrite"},
+                            [](size_t k, int n, bool p) { DBStore::faults::Arm(DBStore::faults::Kind(k), n, p); },
+                            [](size_t k) { return DBStore::faults::Calls(DBStore::faults::Kind(k)); }};
+const Family kFileIo = {"file-io",
+                        {"xWrite", "xSync", "xTruncate", "xOpen"},
+                        [](size_t k, int n, bool p) { faultvfs::Arm(faultvfs::Kind(k), n, p); },
+                        [](size_t k) { return faultvfs::Calls(faultvfs::Kind(k)); }};
+
+void Disarm() {
+  DBStore::faults::Disarm();
+  faultvfs::Disarm();
+}
+
+// Every point with CONFIGSTORE_LONG=1, else at most 40 spread evenly, the first and last included.
+std::vector<int> Points(int calls) {
+  const char* longRun = std::getenv("CONFIGSTORE_LONG");
+  const int budget = longRun != nullptr && std::string(longRun) == "1" ? calls : 40;
+  std::vector<int> points;
+  for (int i = 0; i < std::min(calls, budget); ++i) {
+    int n = calls <= budget ? i + 1 : 1 + static_cast<int>(static_cast<long long>(i) * (calls - 1) / (budget - 1));
+    if (points.empty() || points.back() != n) points.push_back(n);
+  }
+  return points;
+}
+
+const std::vector<std::string>& RowsOf(const StoreDump& dump, const std::string& table) {
+  static const std::vector<std::string> kNone;
+  auto it = dump.find(table);
+  return it == dump.end() ? kNone : it->second;
+}
+
+StoreDump Without(StoreDump dump, const std::set<std::string>& tables) {
+  for (const std::string& table : tables) dump.erase(table);
+  return dump;
+}
+
+std::vector<std::string> StorePaths() {
+  return {DBStore::StorePath(DBStore::CONFIG_STORE), DBStore::StorePath(DBStore::DATAFILE_STORE),
+          DBStore::SchemaStorePath()};
+}
+
+class FaultSweep : public cstest::SandboxTest, public testing::WithParamInterface<std::string> {
+ public:
+  static const std::vector<Operation>& Operations();
+
+ protected:
+  void SetUp() override {
+    // Thousands of runs each copy a host root: in memory when the machine offers it.
+    if (access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
+    SandboxTest::SetUp();
+    faultvfs::Install();
+    start_ = root_ + ".start";
+  }
+  void TearDown() override {
+    Disarm();
+    fs::remove_all(start_);
+    SandboxTest::TearDown();
+  }
+
+  void Sql(const std::string& sql, DBStore::Type store = DBStore::CONFIG_STORE) const {
+    DBStore::Connection conn = DBStore::GetConnection(store, true);
+    ASSERT_TRUE(conn);
+    if (store == DBStore::CONFIG_STORE) {
+      ASSERT_EQ(DBStore::AttachSchemaStore(conn), 0);
+    }
+    ASSERT_EQ(DBStore::Exec(conn, sql), 0) << sql;
+  }
+
+  void RestoreStart() {
+    for (const auto& entry : fs::directory_iterator(root_)) fs::remove_all(entry.path());
+    fs::copy(start_, root_, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+  }
+
+  // What the next reader of every store sees: its opener rolls a hot journal back first.
+  static StoreDump Settled() {
+    for (const std::string& path : StorePaths()) {
+      sqlite3* db = nullptr;
+      if (fs::exists(path) && sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
+        sqlite3_busy_timeout(db, DBStore::kTimeoutMs);
+        sqlite3_exec(db, "SELECT COUNT(*) FROM sqlite_master", nullptr, nullptr, nullptr);
+      }
+      sqlite3_close_v2(db);
+    }
+    return cstest::MaskRunToRun(cstest::DumpStores());
+  }
+
+  static Reported Run(const Operation& op, std::string* detail) {
+    try {
+      return op.run();
+    } catch (const ConfigStoreException& e) {
+      *detail = std::to_string(e.code()) + " " + e.what();
+      if (op.failureCodes.count(e.code()) == 0) ADD_FAILURE() << "undocumented failure code: " << *detail;
+    } catch (const std::exception& e) {
+      ADD_FAILURE() << "undocumented exception: " << (*detail = e.what());
+    }
+    return Reported::Failure;
+  }
+
+  // "" when `now` is a state `op` allows after reporting `reported`.
+  static std::string Check(const Operation& op, Reported reported, const StoreDump& now, const StoreDump& before,
+                           const StoreDump& after, const std::vector<StoreDump>& partials, bool* loss) {
+    std::string out;
+    if (op.stages) {
+      for (const auto& [table, rows] : before) {
+        const auto &kept = RowsOf(after, table), &current = RowsOf(now, table);
+        for (const std::string& row : rows) {
+          if (std::binary_search(kept.begin(), kept.end(), row) &&
+              !std::binary_search(current.begin(), current.end(), row)) {
+            out += "- " + table + " " + row + "\n";
+          }
+        }
+      }
+      // A store whose creation failed is completed by the next boot's restore step; none may be
+      // left that it cannot make whole.
+      (void)DBStore::CreateDatabases();
+      for (const std::string& path : StorePaths()) {
+        if (fs::exists(path) && DBStore::Check(path) != 0) out += "store fails its check: " + path + "\n";
+      }
+      return out;
+    }
+    std::vector<const StoreDump*> allowed;
+    if (reported != Reported::Failure) allowed.push_back(&after);
+    if (reported != Reported::Success) {
+      allowed.push_back(&before);
+      for (const auto& partial : partials) allowed.push_back(&partial);
+    }
+    for (const StoreDump* state : allowed) {
+      if (now == *state) return "";
+    }
+    if (!op.loggedLosses.empty()) {
+      bool foreign = false;  // a row of a loggedLosses table that no allowed state holds
+      for (const std::string& table : op.loggedLosses) {
+        for (const std::string& row : RowsOf(now, table)) {
+          foreign |= std::none_of(allowed.begin(), allowed.end(), [&](const StoreDump* s) {
+            return std::binary_search(RowsOf(*s, table).begin(), RowsOf(*s, table).end(), row);
+          });
+        }
+      }
+      for (const StoreDump* state : allowed) {
+        if (!foreign && Without(now, op.loggedLosses) == Without(*state, op.loggedLosses)) return *loss = true, "";
+      }
+    }
+    const bool success = reported == Reported::Success;
+    return std::string("the stores match no allowed state; against the ") + (success ? "clean run" : "start") +
+           ":\n" + cstest::DiffStores(success ? after : before, now);
+  }
+
+  void Sweep(const Family& family) {
+    const Operation* op = nullptr;
+    for (const Operation& o : Operations()) op = o.name == GetParam() ? &o : op;
+    ASSERT_NE(op, nullptr);
+    Disarm();
+    op->setup(*this);
+    ASSERT_FALSE(HasFatalFailure());
+    fs::copy(root_, start_, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    const StoreDump before = Settled();
+
+    // A clean run: the counts, and the state of success.
+    std::string detail;
+    EXPECT_NE(Run(*op, &detail), Reported::Failure) << op->name << " fails without a fault: " << detail;
+    std::vector<int> calls;
+    for (size_t k = 0; k < family.kinds.size(); ++k) calls.push_back(family.calls(k));
+    Disarm();
+    const StoreDump after = Settled();
+    if (!op->stages) {
+      EXPECT_NE(before, after) << op->name << " changes nothing: its sweep would prove nothing";
+    }
+    std::vector<StoreDump> partials;
+    for (const auto& partial : op->partials) {
+      RestoreStart();
+      partial();
+      partials.push_back(Settled());
+    }
+
+    int swept = 0, counts[3] = {}, losses = 0;
+    for (size_t k = 0; k < family.kinds.size(); ++k) {
+      for (bool persistent : {false, true}) {
+        for (int n : Points(calls[k])) {
+          SCOPED_TRACE(op->name + ": " + family.kinds[k] + " call " + std::to_string(n) + " of " +
+                       std::to_string(calls[k]) + (persistent ? " and every later one" : " only") + " fails");
+          RestoreStart();
+          log_.Clear();
+          detail.clear();
+          family.arm(k, n, persistent);
+          const Reported reported = Run(*op, &detail);
+          Disarm();
+          ++swept, ++counts[static_cast<int>(reported)];
+          StoreDump now;
+          try {
+            now = Settled();
+          } catch (const std::exception& e) {
+            ADD_FAILURE() << "a store cannot be read afterwards: " << e.what();
+            continue;
+          }
+          bool loss = false;
+          EXPECT_EQ("", Check(*op, reported, now, before, after, partials, &loss))
+              << "reported " << static_cast<int>(reported) << " (0 success, 1 failure, 2 silent) " << detail;
+          losses += loss;
+        }
+      }
+    }
+    EXPECT_GT(swept, 0) << "no " << family.name << " point to fail";
+    std::cout << "SWEEP family=" << family.name << " op=" << op->name << " points=" << swept
+              << " success=" << counts[0] << " failure=" << counts[1] << " silent=" << counts[2]
+              << " documented-loss=" << losses << std::endl;
+  }
+
+  std::string start_;  // copy of the root as the setup left it
+};
+
+// The operations, each on the sample host root in the state it meets in the field.
+constexpr const char* kDesiredDocument = R"({"profile": {"qor": {
+    "network": {"dns": {"hostname": "host02", "servers": ["192.0.2.99"]},
+                "nuknics": [{"name": "nuk0", "mtu": 1500}, {"name": "nuk7", "mtu": 9000}]},
+    "authentication": {"user_accounts": [{"name": "ops", "shell_access": false}]},
+    "authorization": {"permissions": [{"principal": "ops", "role": "ReadOnly"}]},
+    "advanced_options": {"user_vars": [{"name": "Agent_LogLevel", "value": "debug"}]},
+    "system": {"advanced_options": [{"name": "Syslog.global.logDir", "string_value": "/scratch/other"}]}}}})";
+
+void StageDesired() { SetDesiredUserConfig(*CreateDocumentFromString(kDesiredDocument)->document); }
+void StageSmartnic() {
+  SetDesiredSmartnicConfiguration(*CreateDocumentFromString(
+      R"({"qor": {"network": {"nuknics": [{"name": "nuk3", "mtu": 1500}], "dns": "DELETE_DEFAULT"}}})")->document);
+}
+void DeleteAdvancedOptions() { DeleteHostAPIConfiguration("qor", "system", "advanced_options"); }
+void ConfigSql(const char* sql) { ASSERT_EQ(DBStore::Exec(DBStore::GetConnection(DBStore::CONFIG_STORE, true), sql), 0); }
+
+Reported Status(int status) { return status == 0 ? Reported::Success : Reported::Failure; }
+template <typename F>
+std::function<Reported()> Silently(F f) {
+  return [f] { return f(), Reported::Silent; };
+}
+
+// A boot-time routine as the boot load runs it: one connection, the schema store attached, inside a
+// transaction committed, or rolled back when anything fails.
+Reported InBootTransaction(void (*routine)(const DBStore::Connection&)) {
+  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
+  DBStore::SchemaStoreAttachment ss(conn);
+  DBStore::Transaction tx(conn);
+  if (ss.Attach() != 0 || tx.Begin() != 0) return Reported::Failure;
+  routine(conn);
+  return Status(tx.Commit());
+}
+
+const std::vector<Operation>& FaultSweep::Operations() {
+  // The sample host after its first boot, as an ordinary reboot finds it.
+  static const auto booted = [](FaultSweep& t) {
+    t.CopyExampleHost();
+    ASSERT_EQ(LoadStore(true), 0);
+    CleanupBootState();
+    t.Remove("/var/lib/talvex/firstboot/current-store-1");
+  };
+  // ... with rows the cleanups remove: a schema-less object, automatic values (alone and beside a
+  // user value), data files whose key has no schema, one recorded but missing and one present.
+  static const auto leftovers = [](FaultSweep& t) {
+    booted(t);
+    t.Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) VALUES ('gone', 'pkg', 'key', '', '{}')");
+    t.Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, AutoConfValue) "
+          "VALUES ('qor', 'advanced_options', 'user_vars', 'auto', '{\"name\":\"auto\"}')");
+    t.Sql("UPDATE Config SET AutoConfValue = '{\"mtu\":1400}' WHERE Name = 'nuknics'");
+    t.Sql("INSERT INTO DataFileMetadata VALUES ('qor', 'certificates', 'certs', 'host.pem'), "
+          "('qor', 'certificates', 'certs', 'missing.pem'), ('gone', 'key', 'olddir', 'x.bin')",
+          DBStore::DATAFILE_STORE);
+    t.WriteFile("/var/cache/datafiles/certs/host.pem", "pem");
+    t.WriteFile("/var/cache/datafiles/olddir/x.bin", "x");
+  };
+  auto then = [](auto setup, std::function<void()> more) {
+    return [setup, more](FaultSweep& t) { setup(t), more(); };
+  };
+  const std::set<int> generic = {CS_ERR_GENERIC};  // a failed connection
+  const std::vector<std::function<void()>> storeHalves = {
+      [] { ASSERT_EQ(DBStore::Exec(DBStore::GetConnection(DBStore::DATAFILE_STORE, true),
+                                   "DELETE FROM DataFileMetadata WHERE Component = 'gone'"), 0); },
+      [] { ConfigSql("DELETE FROM Config WHERE Component = 'gone'"); }};
+  static const std::vector<Operation> ops = {
+      {"LoadStoreRestore", [](FaultSweep& t) { t.CopyExampleHost(); }, [] { return Status(LoadStore(true)); }, {}, {},
+       true},
+      {"LoadStoreNoRestore", then(leftovers, StageDesired), [] { return Status(LoadStore(false)); }, {}, {}, true},
+      // Schema elements and default instances whose write fails are logged and skipped.
+      {"ProcessSchemas",
+       [](FaultSweep& t) {
+         booted(t);
+         t.Sql("DELETE FROM ss.ConfigSchema WHERE Name = 'switches'");
+         t.Sql("DELETE FROM DefaultConfig WHERE Name = 'dns'");
+       },
+       [] { return Status(!ProcessSchemas({})); }, {},
+       {[] { ProcessSchemaFiles({}, false); }, [] { ProcessDefaultConfiguration(false); }}, false,
+       {"schema.ConfigSchema", "schema.SmartnicSchema", "schema.DataFileSchema", "schema.SchemaFile",
+        "config.DefaultConfig"}},
+      {"ProcessDefaultConfiguration",
+       [](FaultSweep& t) {
+         booted(t);
+         t.Sql("DELETE FROM DefaultConfig WHERE Name = 'dns'");
+         t.Sql("INSERT INTO DefaultConfig (Component, ConfigGroup, Name, Identifier, Value) "
+               "VALUES ('gone', 'pkg', 'key', '', '{}')");
+       },
+       [] { return Status(!ProcessDefaultConfiguration(false)); }, {}, {}, false, {"config.DefaultConfig"}},
+      // Staging for the next boot.
+      {"SetDesiredUserConfig", booted, [] { return StageDesired(), Reported::Success; }, generic},
+      {"SetDesiredSmartnicConfiguration", booted, [] { return StageSmartnic(), Reported::Success; }, generic},
+      {"DeleteHostAPIConfiguration", booted, [] { return DeleteAdvancedOptions(), Reported::Success; },
+       {CS_ERR_DESIRED_CONFIG_NOT_FOUND, CS_ERR_HOSTAPI_DELETE_NOT_ALLOWED, CS_ERR_GENERIC}},
+      {"SetBootMode", booted, Silently([] { SetBootMode(BOOT_MODE_SMARTNIC_CONFIG); }), generic},
+      {"EndAutoConf", booted, Silently(EndAutoConf), generic},
+      {"EnableNexdNotification", booted, Silently([] { EnableNexdNotification(true); }), generic},
+      {"SetLiveInstallBoot", booted, [] { return Status(SetLiveInstallBoot("true")); }, generic},
+      {"SetInstallInfo", booted, Silently([] { SetInstallInfo("{\"build\":42}"); }), generic},
+      {"CleanupBootState",
+       [](FaultSweep& t) {
+         booted(t);
+         ASSERT_EQ(SetLiveInstallBoot("true"), 0);
+         t.WriteFile("/sys/plon/system/bootFsUUID", "00000000-aaaa-bbbb-cccc-000000000002");
+       },
+       Silently(CleanupBootState), generic},
+      // Boot-time application, each in the boot load's transaction.
+      {"ApplyHostApiBootConfiguration", then(booted, DeleteAdvancedOptions),
+       [] { return InBootTransaction(ApplyHostApiBootConfiguration); }, generic},
+      {"ApplySmartnicBootConfiguration", then(booted, StageSmartnic),
+       [] { return InBootTransaction(ApplySmartnicBootConfiguration); }, generic},
+      {"GenerateDesiredUserConfiguration", then(booted, StageDesired),
+       [] { return InBootTransaction(GenerateDesiredUserConfiguration); }, generic},
+      {"ProcessBootConfigurationDocument",
+       [](FaultSweep& t) {
+         t.CopyExampleHost();
+         ASSERT_EQ(DBStore::CreateDatabases(), 0);
+         ASSERT_TRUE(ProcessSchemas({}));
+       },
+       [] { return InBootTransaction(ProcessBootConfigurationDocument); }, {CS_ERR_GENERIC, CS_ERR_JSON_PARSE_FILE}},
+      // Maintenance: each statement commits on its own.
+      {"CleanupStoreAtBoot", leftovers, Silently([] { CleanupStore(true); }), {}, storeHalves},
+      {"CleanupStoreLive", leftovers, Silently([] { CleanupStore(false); }), {}, storeHalves},
+      {"CleanupAutoConfig", leftovers, Silently(CleanupAutoConfig), generic,
+       {[] { ConfigSql("UPDATE Config SET AutoConfValue = NULL"); }}},
+      {"CleanupDataFiles", leftovers, Silently(CleanupDataFiles), {}},
+      // The boot apply record.
+      {"SetBootApplyRecord", booted, Silently([] { setBootApplyRecord("{\"failed\":[]}"); }), generic},
+      {"ClearBootApplyRecord", then(booted, [] { setBootApplyRecord("{}"); }), Silently(clearBootApplyRecord),
+       generic},
+  };
+  return ops;
+}
+
+TEST_P(FaultSweep, StoreCallFaults) { Sweep(kStoreCalls); }
+TEST_P(FaultSweep, FileIoFaults) { Sweep(kFileIo); }
 
 std::vector<std::string> OperationNames() {
   std::vector<std::string> names;
-  for (const Operation& op : Operations()) names.push_back(op.name);
+  for (const Operation& op : FaultSweep::Operations()) names.push_back(op.name);
   return names;
 }
-
-TEST_P(FaultSweep, StoreCallFaults) {
-  const Operation* op = FindOperation(GetParam());
-  ASSERT_NE(op, nullptr);
-  Figures figures = Sweep(*op, StoreCalls());
-  EXPECT_GT(figures.swept, 0) << "no store call to fail";
-}
-
-TEST_P(FaultSweep, FileIoFaults) {
-  const Operation* op = FindOperation(GetParam());
-  ASSERT_NE(op, nullptr);
-  Figures figures = Sweep(*op, FileIo());
-  EXPECT_GT(figures.swept, 0) << "no file I/O to fail";
-}
-
-INSTANTIATE_TEST_SUITE_P(Operations, FaultSweep, ::testing::ValuesIn(OperationNames()),
-                         [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });
+INSTANTIATE_TEST_SUITE_P(Operations, FaultSweep, testing::ValuesIn(OperationNames()),
+                         [](const testing::TestParamInfo<std::string>& info) { return info.param; });
 
 }  // namespace
-}  // namespace sweep

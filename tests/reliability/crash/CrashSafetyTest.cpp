@@ -179,6 +179,8 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
   std::uniform_int_distribution<long> delayUs(0, std::max<long>(1000, cycleUs));
 
   long outcomes[3] = {};  // old state, new state, restore boot redone
+  std::map<std::string, long> reached;  // what was running at the kill
+  const char* names[] = {"stage A", "boot", "stage B", "SmartNIC", "schema registration", "restore boot"};
   for (long k = 0; k < kills && !HasFatalFailure(); ++k) {
     const long first = static_cast<long>(rng() % crashcycle::kCycle.size());
     pid = StartDriver(first, 1000000);
@@ -203,7 +205,10 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
     for (long n = 0; n < completed; ++n) before = After(CycleOp(first + n), before);
     const bool running = inFlight >= 0;
     const Op op = CycleOp(first + completed);
-    SCOPED_TRACE("kill " + std::to_string(k) + (running ? " during op " + std::to_string(int(op)) : " between ops"));
+    const std::string during = running ? names[static_cast<int>(op)]
+                               : completed == 0 ? "before the first operation" : "between operations";
+    ++reached[during];
+    SCOPED_TRACE("kill " + std::to_string(k) + " during " + during);
     // A kill inside a restore boot leaves the working store half-replaced; the host's next boot
     // restores again, and that boot must end as a whole restore boot does.
     const bool restoring = running && op == Op::RestoreBoot;
@@ -238,8 +243,9 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
     EXPECT_EQ(state, After(restoring ? Op::RestoreBoot : Op::Boot, seen));
   }
   EXPECT_TRUE(RecordedAlerts().empty()) << RecordedAlerts().front();
-  std::printf("crash seed %u: %ld kills survived; old %ld, new %ld, restore boots redone %ld\n", GetParam(), kills,
-              outcomes[0], outcomes[1], outcomes[2]);
+  std::printf("crash seed %u: %ld kills survived; running at the kill:", GetParam(), kills);
+  for (const auto& [what, count] : reached) std::printf(" %s %ld,", what.c_str(), count);
+  std::printf(" outcome old %ld, new %ld, restore boots redone %ld\n", outcomes[0], outcomes[1], outcomes[2]);
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, CrashSafetyTest, testing::Values(1u, 2u, 3u));

@@ -1,12 +1,16 @@
 // Staging and boot loads killed with SIGKILL at random points: after SQLite's own recovery the
 // store is sound, the staging table and the boot mode are exactly the state before or after the
 // operation that was running, registration is never half-applied, and the next boot load succeeds
-// and keeps its report as the newest of a boot history whose every file parses.
+// and keeps its report as the newest of a boot history whose every file parses. Built twice: as the
+// test, and with CRASH_DRIVER_MAIN as the driver it kills ("crash_driver ROOT FIRST OPS" runs OPS
+// operations of the cycle from position FIRST, noting its progress).
+#include <fcntl.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -19,16 +23,71 @@
 #include "configstore/bootstate/BootState.h"
 #include "configstore/desired/DesiredConfig.h"
 #include "configstore/frame/Documents.h"
+#include "configstore/schema/SchemaProcessor.h"
 #include "platform/dbstore/DBStore.h"
 #include "platform/host/HostRoot.h"
 #include "platform/host/Process.h"
-#include "tests/reliability/crash/CrashCycle.h"
+
+namespace {
+
+// Boot: on the store as it stands; RestoreBoot: first restores the store from its backup (which
+// holds A staged); RegisterSchemas: schema and default registration, as a schema-change boot runs it.
+enum class Op { StageDesiredA, Boot, StageDesiredB, StageSmartnic, RegisterSchemas, RestoreBoot };
+// A boot applies A; B is staged and replaced by a SmartNIC document, which the next boot applies;
+// then the schemas are registered again and the host reboots from its backup.
+constexpr std::array<Op, 7> kCycle = {Op::StageDesiredA, Op::Boot,           Op::StageDesiredB, Op::StageSmartnic,
+                                      Op::Boot,          Op::RegisterSchemas, Op::RestoreBoot};
+const char* const kNames[] = {"stage A", "boot", "stage B", "SmartNIC", "schema registration", "restore boot"};
+const char* const kDocuments[] = {"/crash/desired-a.json", nullptr, "/crash/desired-b.json", "/crash/smartnic.json"};
+// The driver notes "B <n>" before its n-th operation (from 0) touches the store and "E <n>" after it
+// returned, with write(2): a SIGKILL keeps every note made before it.
+constexpr const char* kProgress = "/crash/progress";
+
+Op CycleOp(long position) { return kCycle[static_cast<size_t>(position) % kCycle.size()]; }
+
+// Runs `op`; false when it reported a failure.
+bool RunOp(Op op) {
+  if (op == Op::Boot || op == Op::RestoreBoot) return QorConfigStore::LoadStore(op == Op::RestoreBoot) == 0;
+  if (op == Op::RegisterSchemas) return QorConfigStore::ProcessSchemas({});
+  auto doc = QorConfigStore::CreateDocumentFromFile(Host::Resolve(kDocuments[static_cast<int>(op)]));
+  if (op == Op::StageSmartnic) {
+    QorConfigStore::SetDesiredSmartnicConfiguration(*doc->document);
+  } else {
+    QorConfigStore::SetDesiredUserConfig(*doc->document);
+  }
+  return true;
+}
+
+}  // namespace
+
+#ifdef CRASH_DRIVER_MAIN
+int main(int argc, char** argv) {
+  // A group of its own, so that the kill also ends the copy or removal a step left running, as the
+  // host's service manager ends a killed boot's children with it.
+  setpgid(0, 0);
+  if (argc != 4) return std::fprintf(stderr, "usage: crash_driver ROOT FIRST OPS\n"), 2;
+  try {
+    Host::SetRoot(argv[1]);
+    const long first = std::atol(argv[2]), ops = std::atol(argv[3]);
+    int fd = open(Host::Resolve(kProgress).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    for (long n = 0; fd >= 0 && n < ops; ++n) {
+      const std::string begin = "B " + std::to_string(n) + "\n", end = "E " + std::to_string(n) + "\n";
+      if (write(fd, begin.data(), begin.size()) != ssize_t(begin.size()) || !RunOp(CycleOp(first + n)) ||
+          write(fd, end.data(), end.size()) != ssize_t(end.size())) {
+        return 3;
+      }
+    }
+    return fd >= 0 ? 0 : 3;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "crash_driver: %s\n", e.what());
+    return 3;
+  }
+}
+#else
 #include "tests/support/Sandbox.h"
 #include "tests/support/StoreDump.h"
 
 namespace {
-
-using crashcycle::Op;
 
 // The staging table (generated ids masked) and the next boot mode: what a kill must leave whole.
 struct StagedState {
@@ -39,8 +98,6 @@ struct StagedState {
 std::ostream& operator<<(std::ostream& out, const StagedState& s) {
   return out << "boot mode " << s.bootMode << ", " << s.rows.size() << " staged rows";
 }
-
-Op CycleOp(long position) { return crashcycle::kCycle[static_cast<size_t>(position) % crashcycle::kCycle.size()]; }
 
 // A desired document with `accounts` user accounts: big enough that kills land inside its
 // transaction, not only around it.
@@ -75,42 +132,33 @@ class CrashSafetyTest : public cstest::SandboxTest, public testing::WithParamInt
     ASSERT_EQ(QorConfigStore::LoadStore(true), 0);
     QorConfigStore::CleanupBootState();
     Remove("/var/lib/talvex/firstboot/current-store-1");
-    WriteFile(crashcycle::kDocuments[0],
+    WriteFile(kDocuments[0],
               DesiredDocument(R"({"dns":{"hostname":"host-a","domain":"a.example","servers":["192.0.2.1"]},)"
                               R"("nuknics":[{"name":"nuk0","mtu":9000,"enabled":true},{"name":"nuk1","mtu":1500}]})",
                               "a", 300, ""));
-    WriteFile(crashcycle::kDocuments[2],
+    WriteFile(kDocuments[2],
               DesiredDocument(R"({"dns":{"hostname":"host-b"},"nuknics":[{"name":"nuk2","mtu":1280}]})", "b", 200,
                               R"(,"system":{"advanced_options":[{"name":"Net.TcpipHeapSize","integer_value":64}]})"));
-    WriteFile(crashcycle::kDocuments[3],
+    WriteFile(kDocuments[3],
               R"({"qor":{"network":{"nuknics":[{"name":"nuk0","mtu":8000}],"dns":{"hostname":"nic"}}}})");
     // A boot that applied a desired configuration: the default user_vars it copied are now current
     // and are carried over by every later staging.
-    Stage(Op::StageDesiredA);
+    RunOp(Op::StageDesiredA);
     ASSERT_EQ(QorConfigStore::LoadStore(false), 0);
     // What each staging leaves when it runs cleanly, run here in the test's own process.
     for (Op op : {Op::StageDesiredA, Op::StageDesiredB, Op::StageSmartnic}) {
-      Stage(op);
+      RunOp(op);
       staged_[op] = Observe();
       ASSERT_FALSE(staged_[op].rows.empty()) << static_cast<int>(op);
     }
     ASSERT_NE(staged_[Op::StageDesiredA], staged_[Op::StageDesiredB]);
     ASSERT_EQ(QorConfigStore::LoadStore(false), 0);
     // The backup a restore boot finds: A staged, as the host's backup saved it before a reboot.
-    Stage(Op::StageDesiredA);
+    RunOp(Op::StageDesiredA);
     backup_ = Observe();
     WriteFile("/var/lib/talvex/configstore/backup/current-store-1", ReadFile("/etc/talvex/configstore/current-store-1"));
     ASSERT_EQ(QorConfigStore::LoadStore(false), 0);
     registered_ = Registered();
-  }
-
-  static void Stage(Op op) {
-    auto doc = QorConfigStore::CreateDocumentFromFile(Host::Resolve(crashcycle::kDocuments[static_cast<int>(op)]));
-    if (op == Op::StageSmartnic) {
-      QorConfigStore::SetDesiredSmartnicConfiguration(*doc->document);
-    } else {
-      QorConfigStore::SetDesiredUserConfig(*doc->document);
-    }
   }
 
   // The state `op` leaves when it runs to its end from `before`.
@@ -146,7 +194,7 @@ class CrashSafetyTest : public cstest::SandboxTest, public testing::WithParamInt
 
   // Starts the driver at cycle position `first` for `ops` operations; its pid.
   pid_t StartDriver(long first, long ops) {
-    Remove(crashcycle::kProgress);
+    Remove(kProgress);
     const std::string firstText = std::to_string(first), opsText = std::to_string(ops);
     const char* argv[] = {CRASH_DRIVER, root_.c_str(), firstText.c_str(), opsText.c_str(), nullptr};
     pid_t pid = -1;
@@ -168,21 +216,20 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
   // One clean cycle: checks the model of what each operation leaves, and sizes the kill delays.
   StagedState state = Observe();
   auto start = std::chrono::steady_clock::now();
-  pid_t pid = StartDriver(0, static_cast<long>(crashcycle::kCycle.size()));
+  pid_t pid = StartDriver(0, static_cast<long>(kCycle.size()));
   int status = 0;
   ASSERT_EQ(Host::WaitProcess(pid, &status), 0);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == crashcycle::kDriverDone) << "raw status " << status;
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "raw status " << status;
   const long cycleUs =
       std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start).count();
-  for (Op op : crashcycle::kCycle) state = After(op, state);
+  for (Op op : kCycle) state = After(op, state);
   ASSERT_EQ(Observe(), state) << "a clean cycle leaves what the model says";
   std::uniform_int_distribution<long> delayUs(0, std::max<long>(1000, cycleUs));
 
   long outcomes[3] = {};  // old state, new state, restore boot redone
   std::map<std::string, long> reached;  // what was running at the kill
-  const char* names[] = {"stage A", "boot", "stage B", "SmartNIC", "schema registration", "restore boot"};
   for (long k = 0; k < kills && !HasFatalFailure(); ++k) {
-    const long first = static_cast<long>(rng() % crashcycle::kCycle.size());
+    const long first = static_cast<long>(rng() % kCycle.size());
     pid = StartDriver(first, 1000000);
     ASSERT_GT(pid, 0);
     usleep(static_cast<useconds_t>(delayUs(rng)));
@@ -195,7 +242,7 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
     ASSERT_TRUE(WIFSIGNALED(status)) << "the driver ended on its own, status " << WEXITSTATUS(status);
 
     long completed = 0, inFlight = -1;  // operations that returned; the one begun and not returned
-    std::istringstream progress(ReadFile(crashcycle::kProgress));
+    std::istringstream progress(ReadFile(kProgress));
     char kind;
     for (long n; progress >> kind >> n;) {
       if (kind == 'B') inFlight = n;
@@ -205,7 +252,7 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
     for (long n = 0; n < completed; ++n) before = After(CycleOp(first + n), before);
     const bool running = inFlight >= 0;
     const Op op = CycleOp(first + completed);
-    const std::string during = running ? names[static_cast<int>(op)]
+    const std::string during = running ? kNames[static_cast<int>(op)]
                                : completed == 0 ? "before the first operation" : "between operations";
     ++reached[during];
     SCOPED_TRACE("kill " + std::to_string(k) + " during " + during);
@@ -251,3 +298,4 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
 INSTANTIATE_TEST_SUITE_P(Seeds, CrashSafetyTest, testing::Values(1u, 2u, 3u));
 
 }  // namespace
+#endif

@@ -159,6 +159,7 @@ TEST_F(HostileDocumentTest, EveryReaderRefusesHostileDocumentsAndKeepsTheStores)
        [this](const Text& t) {
          SetBootMode(BOOT_MODE_NEW_STORE);
          EXPECT_EQ(LoadStore(false), 0) << "the boot goes on";
+         EXPECT_EQ(RecordedAlerts(), std::vector<std::string>{});
          EXPECT_TRUE(!t.cause.empty() || log_.Contains("Boot document processed.") ||
                      log_.Contains("Failed to process, document should be an object", CSLogger::PRIO_ERROR) ||
                      log_.Contains("Failed to process, \"profile\" should be an object", CSLogger::PRIO_ERROR));
@@ -168,35 +169,31 @@ TEST_F(HostileDocumentTest, EveryReaderRefusesHostileDocumentsAndKeepsTheStores)
         meta + R"("data":[{"component":@,"group":"g","key":"k","version":"1","schema":{}}]})",
         meta + R"("data":[)" + schema + "@}]}", meta + R"("data":[)" + schema + R"({"properties":@}}]})",
         meta + R"("data":[)" + schema + R"({"properties":{"p":@}}}]})"},
-       [this, id](const Text& t) {
-         if (ProcessSchemas({id})) {
-           // An object where a schema is expected is a schema (unknown keywords are ignored), and an
-           // object without metadata is left out: the only hostile files that pass.
-           EXPECT_THAT(t.name, testing::HasSubstr("object of mistyped members"));
-         } else if (log_.Contains("Processing schema file '" + id + ".json'.")) {
-           EXPECT_TRUE(log_.Contains("[SchemaProcessor] Failed to process schema file: ", CSLogger::PRIO_ERROR) ||
-                       log_.Contains("[SchemaProcessor] Schema file has errors.", CSLogger::PRIO_ERROR) ||
-                       log_.Contains("[SchemaProcessor] Invalid format in schema file " + id + ".json", CSLogger::PRIO_ERROR));
-         } else {
-           EXPECT_TRUE(log_.Contains("[SchemaProcessor] Error processing schemas - '", CSLogger::PRIO_ERROR))
-               << "an unparsable file cancels the pass";
-         }
+       // An object where a schema is expected is a schema (unknown keywords are ignored), and an object
+       // without metadata is left out: the only hostile files that pass.
+       [id](const Text& t) {
+         EXPECT_THAT(ProcessSchemas({id}) ? t.name : "refused", testing::AnyOf("refused", testing::HasSubstr("mistyped")));
        }},
       {"default-configuration file", "/etc/talvex/default-config/" + id + ".json",
        {"@", meta + R"("data":@})", meta + R"("data":[@]})",
         meta + R"("data":[{"component":@,"group":"network","key":"dns","config":{}}]})",
         meta + R"("data":[)" + element + "@}]}", meta + R"("data":[)" + element + "[@]}]}",
         meta + R"("data":[)" + element + R"({"hostname":@}}]})"},
+       // A file without metadata is left out; any other hostile file fails the run.
        [this, id](const Text&) {
-         // A file without metadata is left out; any other hostile file fails the run.
-         const bool ok = ProcessDefaultConfiguration(false);
-         if (ok && !log_.Contains("Processing default config from '" + id + ".json'")) return;
-         EXPECT_FALSE(ok);
-         EXPECT_TRUE(log_.Contains("DefaultConfiguration Failed ", CSLogger::PRIO_ERROR) ||
-                     log_.Contains("Default configuration failed '" + id + ".json'", CSLogger::PRIO_ERROR));
+         EXPECT_FALSE(ProcessDefaultConfiguration(false) && log_.Contains("Processing default config from '" + id + ".json'"));
        }},
-      {"load-store error file", "/var/run/talvex/files/loadStoreErrors.json", {},
-       [](const Text&) { EXPECT_EQ(LoadStore(false), 1); }},
+      // The events a failed step of the previous boot recorded become alerts, cut to an alert's
+      // length; a malformed file fails the boot with one generic alert.
+      {"load-store error file", "/var/run/talvex/files/loadStoreErrors.json",
+       {R"({"zebs":[{"zebMsg":"%s","zebArgs":@}]})", R"({"zebs":@})", R"({"zebs":[{"zebMsg":@,"zebArgs":[]}]})"},
+       [this](const Text&) {
+         const std::string generic = "Generic ConfigStore Failure: ";
+         EXPECT_THAT(LoadStore(false) == 0 ? std::vector<std::string>{generic} : RecordedAlerts(),
+                     testing::ElementsAre(StartsWith(generic)));
+         for (const std::string& alert : RecordedAlerts()) EXPECT_LE(alert.size(), kMaxSysAlertLength);
+         EXPECT_TRUE(Exists("/var/run/talvex/files/loadStoreErrors.json")) << "the file is left in place";
+       }},
   };
   // A FIFO, an endless device, a directory or a file past the cap in the place of the file: each is
   // refused at once with the file's error and its cause (a FIFO used to block the reader for ever).
@@ -223,6 +220,7 @@ TEST_F(HostileDocumentTest, EveryReaderRefusesHostileDocumentsAndKeepsTheStores)
       } else {
         WriteFile(reader.file, t.json);
       }
+      Remove("/var/log/sysalerts.jsonl");
       const cstest::StoreDump before = Guarded();
       log_.Clear();
       const std::string thrown = Thrown([&] { reader.read(t); });  // thrown, or logged by the boot step
@@ -236,59 +234,12 @@ TEST_F(HostileDocumentTest, EveryReaderRefusesHostileDocumentsAndKeepsTheStores)
     }
     Remove(reader.file);
     std::printf("hostile %s: %zu inputs tried\n", reader.name.c_str(), docs.size());
-    if (!reader.levels.empty()) {
-      EXPECT_EQ(RecordedAlerts(), std::vector<std::string>{});
-    }
   }
   // The feature switches, read at every boot, fall back to their defaults.
   Remove("/etc/talvex/features");
   ASSERT_EQ(::mkfifo(Path("/etc/talvex/features").c_str(), 0644), 0);
   EXPECT_EQ(Host::FeatureState_IsEnabled(Host::FEATURE_SCHEMA_VERSIONING),
             Host::FeatureDefault(Host::FEATURE_SCHEMA_VERSIONING));
-}
-
-// The error file a failed step of the previous boot leaves: its events become alerts, a malformed
-// one fails the boot with one generic alert, and the file stays in place.
-TEST_F(HostileDocumentTest, LoadStoreErrorFiles) {
-  const std::string file = "/var/run/talvex/files/loadStoreErrors.json", generic = "Generic ConfigStore Failure: ";
-  const struct {
-    std::string name, json;
-    int status;                       // of LoadStore
-    std::vector<std::string> alerts;  // exactly, or when it fails one alert of this prefix
-  } cases[] = {
-      {"root array", "[]", 1, {generic}},
-      {"no zebs", "{}", 0, {}},
-      {"zebs not an array", R"({"zebs":{"zebMsg":"m"}})", 0, {}},
-      {"zeb not an object", R"({"zebs":[5]})", 1, {generic}},
-      {"zebMsg missing", R"({"zebs":[{"zebArgs":[]}]})", 1, {generic}},
-      {"zebMsg a number", R"({"zebs":[{"zebMsg":5,"zebArgs":[]}]})", 1, {generic}},
-      {"zebArgs missing", R"({"zebs":[{"zebMsg":"m"}]})", 1, {generic}},
-      {"zebArgs of numbers", R"({"zebs":[{"zebMsg":"m %s","zebArgs":[5]}]})", 1, {generic}},
-      {"more arguments than placeholders", R"({"zebs":[{"zebMsg":"m %s","zebArgs":["a","b"]}]})", 1, {generic}},
-      {"an argument holding a placeholder", R"({"zebs":[{"zebMsg":"%s and %s","zebArgs":["%s","b"]}]})", 0,
-       {"b and %s"}},
-      {"quotes, backslashes and unicode", R"({"zebs":[{"zebMsg":"\"q\" \\ ü %s","zebArgs":["😀"]}]})", 0,
-       {"\"q\" \\ ü 😀"}},
-      {"32 MB message", R"({"zebs":[{"zebMsg":)" + HugeString(32u << 20) + R"(,"zebArgs":[]}]})", 0,
-       {std::string(kMaxSysAlertLength, 'x')}},
-      {"million arguments", R"({"zebs":[{"zebMsg":"%s","zebArgs":)" + HugeArray(1000000) + "}]}", 1, {generic}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    WriteFile(file, c.json);
-    Remove("/var/log/sysalerts.jsonl");
-    const std::vector<std::string> before = ConfigObjects();
-    EXPECT_EQ(LoadStore(false), c.status);
-    EXPECT_EQ(ConfigObjects(), before);
-    const std::vector<std::string> alerts = RecordedAlerts();
-    if (c.status == 1) {
-      ASSERT_EQ(alerts.size(), 1u);
-      EXPECT_THAT(alerts[0], StartsWith(c.alerts.at(0)));
-    } else {
-      EXPECT_TRUE(alerts == c.alerts) << alerts.size() << " alerts";
-    }
-    EXPECT_TRUE(Exists(file)) << "the file is left in place";
-  }
 }
 
 // A JSON string literal of `text`.
@@ -357,19 +308,6 @@ TEST_F(HostileDocumentTest, OddNamesTravelFromSchemaToConfigUnchanged) {
   EXPECT_TRUE(log_.Contains("Schema validation error at /hostname: invalid UTF-8", CSLogger::PRIO_ERROR));
 }
 
-// The first column of each row of `sql` on the database file `path`.
-std::vector<std::string> FileRows(const std::string& path, const std::string& sql) {
-  std::vector<std::string> rows;
-  sqlite3* db = nullptr;
-  EXPECT_EQ(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK) << path;
-  auto keep = [](void* out, int, char** argv, char**) {
-    return static_cast<std::vector<std::string>*>(out)->push_back(argv[0] ? argv[0] : "NULL"), 0;
-  };
-  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), keep, &rows, nullptr), SQLITE_OK) << path << ": " << sqlite3_errmsg(db);
-  sqlite3_close_v2(db);
-  return rows;
-}
-
 // Corrupt, truncated and journal-haunted store backups at boot: the boot goes on, a backup that
 // fails the store check is answered with a new store, a sound one is restored intact, and the
 // backup itself is never changed.
@@ -382,9 +320,7 @@ TEST_F(HostileDocumentTest, CorruptBackupsGiveANewStoreAndAreKept) {
   WriteFile(dataBackup, ReadFile(dataWorking));
   const std::string good = ReadFile(backup);
   const std::vector<std::string> backedUp = ConfigObjects();
-  const size_t page = std::stoul(FileRows(Path(backup), "PRAGMA page_size").at(0));
-  const size_t root = std::stoul(FileRows(Path(backup), "SELECT rootpage FROM sqlite_schema WHERE name = 'Config'").at(0));
-  ASSERT_GT(root, 1u);
+  const size_t page = uint8_t(good.at(16)) << 8 | uint8_t(good.at(17));  // the header's page size
   ASSERT_GT(good.size(), 3 * page);
   // The rollback journal of another store's unfinished transaction, as a killed writer leaves it:
   // a tiny cache makes the transaction spill, so the journal is synced and the file written mid-way.
@@ -411,9 +347,8 @@ TEST_F(HostileDocumentTest, CorruptBackupsGiveANewStoreAndAreKept) {
       {"header magic flipped", flip(0), "", false},
       {"header page size flipped", flip(16), "", false},
       {"page 1 b-tree type flipped", flip(100), "", false},
-      {"Config root page type flipped", flip((root - 1) * page), "", false},
-      {"Config root page cell pointers overwritten",
-       [&](std::string b) { return b.replace((root - 1) * page + 8, 56, 56, '\xee'), b; }, "", false},
+      {"page 2 b-tree type flipped", flip(page), "", false},
+      {"page 2 cell pointers overwritten", [&](std::string b) { return b.replace(page + 8, 56, 56, '\xee'), b; }, "", false},
       {"truncated to page 1", [&](std::string b) { return b.substr(0, page); }, "", false},
       {"truncated by one page", [&](std::string b) { return b.substr(0, b.size() - page); }, "", false},
       {"truncated mid-page", [&](std::string b) { return b.substr(0, b.size() - page / 2); }, "", false},

@@ -246,7 +246,11 @@ class FaultSweep : public cstest::SandboxTest, public testing::WithParamInterfac
       }
     }
     EXPECT_GT(swept, 0) << "no " << family.name << " point to fail";
-    std::cout << "SWEEP family=" << family.name << " op=" << op->name << " points=" << swept
+    std::cout << "SWEEP family=" << family.name << " op=" << op->name << " kinds=";
+    for (size_t k = 0, shown = 0; k < calls.size(); ++k) {
+      if (calls[k] > 0) std::cout << (shown++ ? "," : "") << family.kinds[k] << ":" << calls[k];
+    }
+    std::cout << " points=" << swept
               << " success=" << counts[0] << " failure=" << counts[1] << " silent=" << counts[2]
               << " documented-loss=" << losses << std::endl;
   }

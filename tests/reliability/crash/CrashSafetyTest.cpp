@@ -35,8 +35,8 @@ namespace {
 enum class Op { StageDesiredA, Boot, StageDesiredB, StageSmartnic, RegisterSchemas, RestoreBoot };
 // A boot applies A; B is staged and replaced by a SmartNIC document, which the next boot applies;
 // then the schemas are registered again and the host reboots from its backup.
-constexpr std::array<Op, 7> kCycle = {Op::StageDesiredA, Op::Boot,           Op::StageDesiredB, Op::StageSmartnic,
-                                      Op::Boot,          Op::RegisterSchemas, Op::RestoreBoot};
+constexpr std::array<Op, 7> kCycle = {
+    Op::StageDesiredA, Op::Boot, Op::StageDesiredB, Op::StageSmartnic, Op::Boot, Op::RegisterSchemas, Op::RestoreBoot};
 const char* const kNames[] = {"stage A", "boot", "stage B", "SmartNIC", "schema registration", "restore boot"};
 const char* const kDocuments[] = {"/crash/desired-a.json", nullptr, "/crash/desired-b.json", "/crash/smartnic.json"};
 // The driver notes "B <n>" before its n-th operation touches the store and "E <n>" after it returned,
@@ -130,9 +130,10 @@ class CrashSafetyTest : public cstest::SandboxTest, public testing::WithParamInt
     WriteFile(kDocuments[0], DesiredDocument(R"("network":{"dns":{"hostname":"host-a","servers":["192.0.2.1"]},)"
                                              R"("nuknics":[{"name":"nuk0","mtu":9000},{"name":"nuk1","mtu":1500}]})",
                                              "a", 300));
-    WriteFile(kDocuments[2], DesiredDocument(R"("network":{"dns":{"hostname":"host-b"},"nuknics":[{"name":"nuk2"}]},)"
-                                             R"("system":{"advanced_options":[{"name":"Net.TcpipHeapSize","integer_value":64}]})",
-                                             "b", 200));
+    WriteFile(kDocuments[2],
+              DesiredDocument(R"("network":{"dns":{"hostname":"host-b"},"nuknics":[{"name":"nuk2"}]},)"
+                              R"("system":{"advanced_options":[{"name":"Net.TcpipHeapSize","integer_value":64}]})",
+                              "b", 200));
     WriteFile(kDocuments[3],
               R"({"qor":{"network":{"nuknics":[{"name":"nuk0","mtu":8000}],"dns":{"hostname":"nic"}}}})");
     // A boot that applied a desired configuration: the default user_vars it copied are now current
@@ -150,7 +151,8 @@ class CrashSafetyTest : public cstest::SandboxTest, public testing::WithParamInt
     // The backup a restore boot finds: A staged, as the host's backup saved it before a reboot.
     RunOp(Op::StageDesiredA);
     backup_ = Observe();
-    WriteFile("/var/lib/talvex/configstore/backup/current-store-1", ReadFile("/etc/talvex/configstore/current-store-1"));
+    WriteFile("/var/lib/talvex/configstore/backup/current-store-1",
+              ReadFile("/etc/talvex/configstore/current-store-1"));
     ASSERT_EQ(QorConfigStore::LoadStore(false), 0);
     registered_ = Registered();
   }
@@ -182,7 +184,8 @@ class CrashSafetyTest : public cstest::SandboxTest, public testing::WithParamInt
     Recover(DBStore::SchemaStorePath());
     Recover(DBStore::StorePath(DBStore::CONFIG_STORE));
     cstest::StoreDump dump = cstest::DumpStoreFile(DBStore::SchemaStorePath(), "ss");
-    dump["cs.DefaultConfig"] = cstest::DumpStoreFile(DBStore::StorePath(DBStore::CONFIG_STORE), "cs")["cs.DefaultConfig"];
+    dump["cs.DefaultConfig"] =
+        cstest::DumpStoreFile(DBStore::StorePath(DBStore::CONFIG_STORE), "cs")["cs.DefaultConfig"];
     return cstest::MaskRunToRun(dump);
   }
 
@@ -220,7 +223,7 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
   ASSERT_EQ(Observe(), state) << "a clean cycle leaves what the model says";
   std::uniform_int_distribution<long> delayUs(0, std::max<long>(1000, cycleUs));
 
-  long outcomes[3] = {};  // old state, new state, restore boot redone
+  long outcomes[3] = {};                // old state, new state, restore boot redone
   std::map<std::string, long> reached;  // what was running at the kill
   for (long k = 0; k < kills && !HasFatalFailure(); ++k) {
     const long first = static_cast<long>(rng() % kCycle.size());
@@ -241,8 +244,9 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
     StagedState before = state;
     for (long n = 0; n < completed; ++n) before = After(CycleOp(first + n), before);
     const Op op = CycleOp(first + completed);
-    const std::string during = running ? kNames[static_cast<int>(op)]
-                               : completed == 0 ? "before the first operation" : "between operations";
+    const std::string during = running          ? kNames[static_cast<int>(op)]
+                               : completed == 0 ? "before the first operation"
+                                                : "between operations";
     ++reached[during];
     SCOPED_TRACE("kill " + std::to_string(k) + " during " + during);
     // A kill inside a restore boot leaves the working store half-replaced; the host's next boot
@@ -251,8 +255,8 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
     StagedState seen = restoring ? before : Observe();
     if (!restoring) {
       const StagedState after = running ? After(op, before) : before;
-      EXPECT_TRUE(seen == before || seen == after) << "half-applied: seen " << seen << "; old " << before << "; new "
-                                                   << after;
+      EXPECT_TRUE(seen == before || seen == after)
+          << "half-applied: seen " << seen << "; old " << before << "; new " << after;
       EXPECT_EQ("", cstest::DiffStores(registered_, Registered())) << "registration half-applied";
     }
     ++outcomes[restoring ? 2 : seen == before ? 0 : 1];
@@ -269,7 +273,8 @@ TEST_P(CrashSafetyTest, KilledStagingAndBootLeaveTheOldOrTheNewState) {
     const auto history = QorConfigStore::ReadBootHistory();
     ASSERT_FALSE(history.empty());
     ASSERT_TRUE(history.front().report) << history.front().error;
-    EXPECT_TRUE(history.front().report->startTime == report.startTime && history.front().report->totalMs == report.totalMs)
+    EXPECT_TRUE(history.front().report->startTime == report.startTime &&
+                history.front().report->totalMs == report.totalMs)
         << history.front().file << " is not the report of the last boot";
     for (const auto& entry : std::filesystem::directory_iterator(Host::Resolve(QorConfigStore::kBootHistoryDir))) {
       EXPECT_NE(entry.path().extension(), ".tmp") << entry.path();

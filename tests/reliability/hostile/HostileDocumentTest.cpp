@@ -48,11 +48,13 @@ const std::vector<Text> kUnparsable = {
     {"comment", R"({/* c */})", "line 1, column 2: Missing a name for object member."},
     {"NUL byte", std::string("{\"a\":\"x\0y\"}", 11), "line 1, column 8: a NUL byte"},
     {"nested deeper than 512", Nested(600), "line 1, column 513: nested deeper than 512 levels"},
-    {"object nested deeper than 512", [] {
+    {"object nested deeper than 512",
+     [] {
        std::string s;
        for (int i = 0; i < 600; ++i) s += "{\"a\":";
        return s + "1" + std::string(600, '}');
-     }(), "line 1, column 2561: nested deeper than 512 levels"}};
+     }(),
+     "line 1, column 2561: nested deeper than 512 levels"}};
 
 // The unparsable texts, then a value of the wrong type placed at each level (each level's "@" marks
 // the place). The huge values go to the deepest level only: a million-element array one level up is
@@ -60,8 +62,12 @@ const std::vector<Text> kUnparsable = {
 std::vector<Text> Hostile(const std::vector<std::string>& levels) {
   std::vector<Text> docs = kUnparsable;
   for (size_t level = 0; level < levels.size(); ++level) {
-    std::vector<Text> values = {{"number", "5"}, {"null", "null"}, {"boolean", "true"}, {"empty string", "\"\""},
-                                {"array of numbers", "[1,2]"}, {"nested 500", Nested(500)},
+    std::vector<Text> values = {{"number", "5"},
+                                {"null", "null"},
+                                {"boolean", "true"},
+                                {"empty string", "\"\""},
+                                {"array of numbers", "[1,2]"},
+                                {"nested 500", Nested(500)},
                                 {"object of mistyped members", R"({"name":5,"mtu":"x","hostname":[]})"}};
     if (level + 1 == levels.size()) {
       values.push_back({"32 MB string", "\"" + std::string(32u << 20, 'x') + "\""});
@@ -125,12 +131,15 @@ TEST_F(HostileDocumentTest, EveryReaderRefusesHostileDocumentsAndKeepsTheStores)
     return [this, name, set](const Text&) {
       auto doc = CreateDocumentFromFile(Path("/tmp/desired.json"));
       EXPECT_THAT(Thrown([&] {
-        EXPECT_GT(DesiredDocumentErrors(*doc->document, QorSchemaStore::SchemaStore::GetCache()).Size(), 0u);
-      }), testing::AnyOf("no exception", StartsWith("1082 JSON error:")));
+                    EXPECT_GT(DesiredDocumentErrors(*doc->document, QorSchemaStore::SchemaStore::GetCache()).Size(),
+                              0u);
+                  }),
+                  testing::AnyOf("no exception", StartsWith("1082 JSON error:")));
       const cstest::StoreDump before = cstest::DumpStores();
       const std::string thrown = Thrown([&] { set(*doc->document); });
-      EXPECT_THAT(thrown, testing::AnyOf("no exception", StartsWith("2000 " + name + " failed: "),
-                                         StartsWith("1032 " + name + " failed: "), StartsWith("1082 " + name + " failed: ")));
+      EXPECT_THAT(thrown,
+                  testing::AnyOf("no exception", StartsWith("2000 " + name + " failed: "),
+                                 StartsWith("1032 " + name + " failed: "), StartsWith("1082 " + name + " failed: ")));
       if (thrown != "no exception") {
         EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores())) << "rolled back whole";
       }
@@ -138,18 +147,21 @@ TEST_F(HostileDocumentTest, EveryReaderRefusesHostileDocumentsAndKeepsTheStores)
   };
   struct Reader {
     std::string name, file;
-    std::vector<std::string> levels;  // where a wrong value goes ("@")
+    std::vector<std::string> levels;        // where a wrong value goes ("@")
     std::function<void(const Text&)> read;  // checks a parsed document's outcome
   } readers[] = {
-      {"desired document", "/tmp/desired.json",
+      {"desired document",
+       "/tmp/desired.json",
        {"@", R"({"profile":@})", R"({"profile":{"qor":@}})", R"({"profile":{"qor":{"network":@}}})",
         R"({"profile":{"qor":{"network":{"nuknics":@}}}})", R"({"profile":{"qor":{"network":{"nuknics":[@]}}}})"},
        staging("SetDesiredUserConfig", [](rapidjson::Document& d) { SetDesiredUserConfig(d); })},
-      {"SmartNIC document", "/tmp/desired.json",
+      {"SmartNIC document",
+       "/tmp/desired.json",
        {"@", R"({"qor":@})", R"({"qor":{"network":@}})", R"({"qor":{"network":{"nuknics":@}}})",
         R"({"qor":{"network":{"nuknics":[@]}}})"},
        staging("SetDesiredSmartnicConfiguration", [](rapidjson::Document& d) { SetDesiredSmartnicConfiguration(d); })},
-      {"boot document", "/etc/talvex/boot_configuration.json",
+      {"boot document",
+       "/etc/talvex/boot_configuration.json",
        {"@", R"({"profile":@})", R"({"profile":{"qor":@}})", R"({"profile":{"qor":{"network":@}}})",
         R"({"qor":{"network":{"dns":@}}})", R"({"qor":{"network":{"nuknics":[@]}}})"},
        [this](const Text& t) {
@@ -160,7 +172,8 @@ TEST_F(HostileDocumentTest, EveryReaderRefusesHostileDocumentsAndKeepsTheStores)
                      log_.Contains("Failed to process, document should be an object", CSLogger::PRIO_ERROR) ||
                      log_.Contains("Failed to process, \"profile\" should be an object", CSLogger::PRIO_ERROR));
        }},
-      {"schema file", "/usr/lib/talvex/configmanager/schemas/" + id + ".json",
+      {"schema file",
+       "/usr/lib/talvex/configmanager/schemas/" + id + ".json",
        {"@", meta + R"("data":@})", meta + R"("data":[@]})",
         meta + R"("data":[{"component":@,"group":"g","key":"k","version":"1","schema":{}}]})",
         meta + R"("data":[)" + schema + "@}]}", meta + R"("data":[)" + schema + R"({"properties":@}}]})",
@@ -168,20 +181,24 @@ TEST_F(HostileDocumentTest, EveryReaderRefusesHostileDocumentsAndKeepsTheStores)
        // An object where a schema is expected is a schema (unknown keywords are ignored), and an object
        // without metadata is left out: the only hostile files that pass.
        [id](const Text& t) {
-         EXPECT_THAT(ProcessSchemas({id}) ? t.name : "refused", testing::AnyOf("refused", testing::HasSubstr("mistyped")));
+         EXPECT_THAT(ProcessSchemas({id}) ? t.name : "refused",
+                     testing::AnyOf("refused", testing::HasSubstr("mistyped")));
        }},
-      {"default-configuration file", "/etc/talvex/default-config/" + id + ".json",
+      {"default-configuration file",
+       "/etc/talvex/default-config/" + id + ".json",
        {"@", meta + R"("data":@})", meta + R"("data":[@]})",
         meta + R"("data":[{"component":@,"group":"network","key":"dns","config":{}}]})",
         meta + R"("data":[)" + element + "@}]}", meta + R"("data":[)" + element + "[@]}]}",
         meta + R"("data":[)" + element + R"({"hostname":@}}]})"},
        // A file without metadata is left out; any other hostile file fails the run.
        [this, id](const Text&) {
-         EXPECT_FALSE(ProcessDefaultConfiguration(false) && log_.Contains("Processing default config from '" + id + ".json'"));
+         EXPECT_FALSE(ProcessDefaultConfiguration(false) &&
+                      log_.Contains("Processing default config from '" + id + ".json'"));
        }},
       // The events a failed step of the previous boot recorded become alerts, cut to an alert's
       // length; a malformed file fails the boot with one generic alert.
-      {"load-store error file", "/var/run/talvex/files/loadStoreErrors.json",
+      {"load-store error file",
+       "/var/run/talvex/files/loadStoreErrors.json",
        {R"({"zebs":[{"zebMsg":"%s","zebArgs":@}]})", R"({"zebs":@})", R"({"zebs":[{"zebMsg":@,"zebArgs":[]}]})"},
        [this](const Text&) {
          const std::string generic = "Generic ConfigStore Failure: ";
@@ -257,8 +274,9 @@ std::vector<std::string> DocumentErrors(const std::string& json) {
 }
 
 TEST_F(HostileDocumentTest, OddNamesTravelFromSchemaToConfigUnchanged) {
-  const std::vector<std::string> names = {"with space",  "it's \"quoted\"", "back\\slash\\", "ünïcödé €😀",
-                                          "semi; DROP TABLE Config; --", std::string(10000, 'k')};
+  const std::vector<std::string> names = {
+      "with space",           "it's \"quoted\"", "back\\slash\\", "ünïcödé €😀", "semi; DROP TABLE Config; --",
+      std::string(10000, 'k')};
   std::string elements, profile;
   for (const std::string& n : names) {
     const std::string q = Quoted(n);
@@ -277,11 +295,14 @@ TEST_F(HostileDocumentTest, OddNamesTravelFromSchemaToConfigUnchanged) {
   for (const std::string& n : names) {
     EXPECT_EQ(cstest::JoinedRows(DBStore::GetConnection(DBStore::CONFIG_STORE, false),
                                  "SELECT UserValue FROM Config WHERE Component = ? AND ConfigGroup = ? AND Name = ? "
-                                 "AND Identifier = ?", "NULL", n, n, n, n),
-              std::vector<std::string>{"{\"id\":" + Quoted(n) + ",\"v\":" + Quoted(n) + "}"}) << n.substr(0, 40);
+                                 "AND Identifier = ?",
+                                 "NULL", n, n, n, n),
+              std::vector<std::string>{"{\"id\":" + Quoted(n) + ",\"v\":" + Quoted(n) + "}"})
+        << n.substr(0, 40);
   }
-  // Empty names are refused wherever they appear. Control characters in a name are shown as \xNN (a NUL used to end the error's text); a string or
-  // name that is not UTF-8 is refused at its path (it used to be staged and printed as invalid JSON).
+  // Empty names are refused wherever they appear. Control characters in a name are shown as \xNN (a NUL used to end the
+  // error's text); a string or name that is not UTF-8 is refused at its path (it used to be staged and printed as
+  // invalid JSON).
   EXPECT_EQ(DocumentErrors(R"({"profile":{"qor":{"network":{"":{}}},"":{"g":{"k":{}}}}})").size(), 2u);
   EXPECT_EQ(DocumentErrors(R"({"profile":{"qor":{"network":{"a\u0000b\nc":{}}}}})"),
             std::vector<std::string>{R"(/profile/qor/network/a\x00b\x0ac: unknown member "a\x00b\x0ac")"});
@@ -315,9 +336,12 @@ TEST_F(HostileDocumentTest, CorruptBackupsGiveANewStoreAndAreKept) {
   // a tiny cache makes the transaction spill, so the journal is synced and the file written mid-way.
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open(Path("/foreign.db").c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(db, "CREATE TABLE t(x); WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n "
-                             "WHERE i < 2000) INSERT INTO t SELECT randomblob(300) FROM n; PRAGMA cache_size=2; "
-                             "BEGIN; UPDATE t SET x = randomblob(300);", nullptr, nullptr, nullptr), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db,
+                         "CREATE TABLE t(x); WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n "
+                         "WHERE i < 2000) INSERT INTO t SELECT randomblob(300) FROM n; PRAGMA cache_size=2; "
+                         "BEGIN; UPDATE t SET x = randomblob(300);",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
   const std::string journal = ReadFile("/foreign.db-journal");
   sqlite3_close_v2(db);
   ASSERT_GT(journal.size(), 4096u);
@@ -329,15 +353,16 @@ TEST_F(HostileDocumentTest, CorruptBackupsGiveANewStoreAndAreKept) {
   const struct {
     const char* name;
     std::function<std::string(std::string)> backup;  // the backup's bytes from the good ones
-    std::string journalBeside;                        // a foreign hot journal put beside this file
-    bool restored;                                    // else a new store
+    std::string journalBeside;                       // a foreign hot journal put beside this file
+    bool restored;                                   // else a new store
   } cases[] = {
       {"empty file", [](std::string) { return std::string(); }, "", false},
       {"header magic flipped", flip(0), "", false},
       {"header page size flipped", flip(16), "", false},
       {"page 1 b-tree type flipped", flip(100), "", false},
       {"page 2 b-tree type flipped", flip(page), "", false},
-      {"page 2 cell pointers overwritten", [&](std::string b) { return b.replace(page + 8, 56, 56, '\xee'), b; }, "", false},
+      {"page 2 cell pointers overwritten", [&](std::string b) { return b.replace(page + 8, 56, 56, '\xee'), b; }, "",
+       false},
       {"truncated to page 1", [&](std::string b) { return b.substr(0, page); }, "", false},
       {"truncated by one page", [&](std::string b) { return b.substr(0, b.size() - page); }, "", false},
       {"truncated mid-page", [&](std::string b) { return b.substr(0, b.size() - page / 2); }, "", false},
@@ -367,7 +392,8 @@ TEST_F(HostileDocumentTest, CorruptBackupsGiveANewStoreAndAreKept) {
       EXPECT_EQ(ConfigObjects(), backedUp) << "restored exactly as backed up";
     } else {
       EXPECT_TRUE(log_.Contains("is inconsistent, creating new ConfigStore.", CSLogger::PRIO_ERROR));
-      EXPECT_TRUE(log_.Contains("Generating desired user config: BootMode = 2")) << "the new store gets the boot document";
+      EXPECT_TRUE(log_.Contains("Generating desired user config: BootMode = 2"))
+          << "the new store gets the boot document";
     }
     EXPECT_TRUE(ReadFile(backup) == bytes) << "the backup is left as it was";
     EXPECT_EQ("", cstest::DiffStores(schemas, cstest::DumpStoreFile(DBStore::SchemaStorePath(), "schema")));

@@ -32,7 +32,8 @@ class RaceTest : public cstest::SandboxTest, public testing::WithParamInterface<
     SandboxTest::SetUp();
     base_ = Fresh("base", cstest::SourcePath("examples/host"));
     fs::copy(cstest::SourcePath("examples/desired.json"), base_ + "/desired.json");
-    WriteFile("/base/smartnic.json", R"({"qor":{"network":{"nuknics":[{"name":"nuk0","mtu":8000}],"dns":{"hostname":"nic"}}}})");
+    WriteFile("/base/smartnic.json",
+              R"({"qor":{"network":{"nuknics":[{"name":"nuk0","mtu":8000}],"dns":{"hostname":"nic"}}}})");
     // A host after its first boot, as an ordinary reboot finds it.
     for (const Args& args : {Args{"load"}, Args{"boot-state", "cleanup"}}) ASSERT_EQ(Run(base_, args).status, 0);
     fs::remove_all(base_ + "/var/run");  // emptied by the reboot
@@ -110,9 +111,10 @@ TEST_P(RaceTest, EveryOutcomeIsOneSerialOrder) {
     const std::string seen = Outcome(root, rb);
     asFirstThenSecond += seen == firstThenSecond;
     asSecondThenFirst += seen == secondThenFirst && seen != firstThenSecond;
-    EXPECT_TRUE(seen == firstThenSecond || seen == secondThenFirst)
-        << "neither serial order:\n" << seen << "\nfirst then second:\n" << firstThenSecond
-        << "\nsecond then first:\n" << secondThenFirst;
+    EXPECT_TRUE(seen == firstThenSecond || seen == secondThenFirst) << "neither serial order:\n"
+                                                                    << seen << "\nfirst then second:\n"
+                                                                    << firstThenSecond << "\nsecond then first:\n"
+                                                                    << secondThenFirst;
   }
   std::printf("race %s: %d rounds, %d as first-then-second, %d as second-then-first, %d mixed\n", race.name, rounds,
               asFirstThenSecond, asSecondThenFirst, rounds - asFirstThenSecond - asSecondThenFirst);
@@ -125,14 +127,22 @@ INSTANTIATE_TEST_SUITE_P(
         Race{"load_set_desired", {}, false, {"load", "--no-restore"}, {"set-desired", "@desired.json"}, false},
         // A SmartNIC document replacing a staged desired one is applied as what it is, never as a
         // whole desired configuration.
-        Race{"load_set_smartnic", {"set-desired", "@desired.json"}, false, {"load", "--no-restore"},
-             {"set-smartnic", "@smartnic.json"}, false},
+        Race{"load_set_smartnic",
+             {"set-desired", "@desired.json"},
+             false,
+             {"load", "--no-restore"},
+             {"set-smartnic", "@smartnic.json"},
+             false},
         // Two boots at once: the second's restore never pulls the store from under the first.
         Race{"load_load", {"set-desired", "@desired.json"}, true, {"load", "--force"}, {"load", "--force"}, false},
         // A plan shows the staging before it or the one after it, never the mode of one with the
         // rows of the other.
-        Race{"set_smartnic_plan", {"set-desired", "@desired.json"}, false, {"set-smartnic", "@smartnic.json"},
-             {"--json", "plan"}, true},
+        Race{"set_smartnic_plan",
+             {"set-desired", "@desired.json"},
+             false,
+             {"set-smartnic", "@smartnic.json"},
+             {"--json", "plan"},
+             true},
         // An export during a boot's restore reads the store before the boot or after it, never a
         // store file still being copied.
         Race{"load_export", {"set-desired", "@desired.json"}, true, {"load", "--force"}, {"export"}, true}),

@@ -72,12 +72,9 @@ void Disarm() { DBStore::faults::Disarm(), faultvfs::Disarm(); }
 // Every point with CONFIGSTORE_LONG=1, else at most 40 spread evenly, the first and last included.
 std::vector<int> Points(int calls) {
   const char* longRun = std::getenv("CONFIGSTORE_LONG");
-  const int budget = longRun != nullptr && std::string(longRun) == "1" ? calls : 40;
+  const int count = longRun != nullptr && std::string(longRun) == "1" ? calls : std::min(calls, 40);
   std::vector<int> points;
-  for (int i = 0; i < std::min(calls, budget); ++i) {
-    int n = calls <= budget ? i + 1 : 1 + static_cast<int>(static_cast<long long>(i) * (calls - 1) / (budget - 1));
-    if (points.empty() || points.back() != n) points.push_back(n);
-  }
+  for (int i = 0; i < count; ++i) points.push_back(1 + static_cast<int>(i * (calls - 1LL) / std::max(1, count - 1)));
   return points;
 }
 
@@ -90,6 +87,13 @@ const std::vector<std::string>& RowsOf(const StoreDump& dump, const std::string&
 StoreDump Without(StoreDump dump, const std::set<std::string>& tables) {
   for (const std::string& table : tables) dump.erase(table);
   return dump;
+}
+
+// Runs `sql` on a store without faults (the configuration store with the schema store attached).
+void Sql(const std::string& sql, DBStore::Type store = DBStore::CONFIG_STORE) {
+  DBStore::Connection conn = DBStore::GetConnection(store, true);
+  ASSERT_TRUE(conn && (store != DBStore::CONFIG_STORE || DBStore::AttachSchemaStore(conn) == 0));
+  ASSERT_EQ(DBStore::Exec(conn, sql), 0) << sql;
 }
 
 std::vector<std::string> StorePaths() {
@@ -113,12 +117,6 @@ class FaultSweep : public cstest::SandboxTest, public testing::WithParamInterfac
     Disarm();
     fs::remove_all(start_);
     SandboxTest::TearDown();
-  }
-
-  void Sql(const std::string& sql, DBStore::Type store = DBStore::CONFIG_STORE) const {
-    DBStore::Connection conn = DBStore::GetConnection(store, true);
-    ASSERT_TRUE(conn && (store != DBStore::CONFIG_STORE || DBStore::AttachSchemaStore(conn) == 0));
-    ASSERT_EQ(DBStore::Exec(conn, sql), 0) << sql;
   }
 
   void RestoreStart() {
@@ -194,8 +192,8 @@ class FaultSweep : public cstest::SandboxTest, public testing::WithParamInterfac
       }
     }
     const bool success = reported == Reported::Success;
-    return std::string("the stores match no allowed state; against the ") + (success ? "clean run" : "start") +
-           ":\n" + cstest::DiffStores(success ? after : before, now);
+    return std::string("the stores match no allowed state; against the ") + (success ? "clean run" : "start") + ":\n" +
+           cstest::DiffStores(success ? after : before, now);
   }
 
   void Sweep(const Family& family) {
@@ -250,8 +248,7 @@ class FaultSweep : public cstest::SandboxTest, public testing::WithParamInterfac
     for (size_t k = 0, shown = 0; k < calls.size(); ++k) {
       if (calls[k] > 0) std::cout << (shown++ ? "," : "") << family.kinds[k] << ":" << calls[k];
     }
-    std::cout << " points=" << swept
-              << " success=" << counts[0] << " failure=" << counts[1] << " silent=" << counts[2]
+    std::cout << " points=" << swept << " success=" << counts[0] << " failure=" << counts[1] << " silent=" << counts[2]
               << " documented-loss=" << losses << std::endl;
   }
 
@@ -269,11 +266,12 @@ constexpr const char* kDesiredDocument = R"({"profile": {"qor": {
 
 void StageDesired() { SetDesiredUserConfig(*CreateDocumentFromString(kDesiredDocument)->document); }
 void StageSmartnic() {
-  SetDesiredSmartnicConfiguration(*CreateDocumentFromString(
-      R"({"qor": {"network": {"nuknics": [{"name": "nuk3", "mtu": 1500}], "dns": "DELETE_DEFAULT"}}})")->document);
+  SetDesiredSmartnicConfiguration(
+      *CreateDocumentFromString(
+           R"({"qor": {"network": {"nuknics": [{"name": "nuk3", "mtu": 1500}], "dns": "DELETE_DEFAULT"}}})")
+           ->document);
 }
 void DeleteAdvancedOptions() { DeleteHostAPIConfiguration("qor", "system", "advanced_options"); }
-void ConfigSql(const char* sql) { ASSERT_EQ(DBStore::Exec(DBStore::GetConnection(DBStore::CONFIG_STORE, true), sql), 0); }
 
 Reported Status(int status) { return status == 0 ? Reported::Success : Reported::Failure; }
 template <typename F>
@@ -304,51 +302,61 @@ const std::vector<Operation>& FaultSweep::Operations() {
   // user value), data files whose key has no schema, one recorded but missing and one present.
   static const auto leftovers = [](FaultSweep& t) {
     booted(t);
-    t.Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) VALUES ('gone', 'pkg', 'key', '', '{}')");
-    t.Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, AutoConfValue) "
-          "VALUES ('qor', 'advanced_options', 'user_vars', 'auto', '{\"name\":\"auto\"}')");
-    t.Sql("UPDATE Config SET AutoConfValue = '{\"mtu\":1400}' WHERE Name = 'nuknics'");
-    t.Sql("INSERT INTO DataFileMetadata VALUES ('qor', 'certificates', 'certs', 'host.pem'), "
-          "('qor', 'certificates', 'certs', 'missing.pem'), ('gone', 'key', 'olddir', 'x.bin')",
-          DBStore::DATAFILE_STORE);
+    Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) VALUES ('gone', 'pkg', 'key', '', "
+        "'{}')");
+    Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, AutoConfValue) "
+        "VALUES ('qor', 'advanced_options', 'user_vars', 'auto', '{\"name\":\"auto\"}')");
+    Sql("UPDATE Config SET AutoConfValue = '{\"mtu\":1400}' WHERE Name = 'nuknics'");
+    Sql("INSERT INTO DataFileMetadata VALUES ('qor', 'certificates', 'certs', 'host.pem'), "
+        "('qor', 'certificates', 'certs', 'missing.pem'), ('gone', 'key', 'olddir', 'x.bin')",
+        DBStore::DATAFILE_STORE);
     t.WriteFile("/var/cache/datafiles/certs/host.pem", "pem");
     t.WriteFile("/var/cache/datafiles/olddir/x.bin", "x");
   };
-  auto then = [](auto setup, std::function<void()> more) {
-    return [setup, more](FaultSweep& t) { setup(t), more(); };
-  };
+  auto then = [](auto setup, std::function<void()> more) { return [setup, more](FaultSweep& t) { setup(t), more(); }; };
   const std::set<int> generic = {CS_ERR_GENERIC};  // a failed connection
   const std::vector<std::function<void()>> storeHalves = {
-      [] { ASSERT_EQ(DBStore::Exec(DBStore::GetConnection(DBStore::DATAFILE_STORE, true),
-                                   "DELETE FROM DataFileMetadata WHERE Component = 'gone'"), 0); },
-      [] { ConfigSql("DELETE FROM Config WHERE Component = 'gone'"); }};
+      [] { Sql("DELETE FROM DataFileMetadata WHERE Component = 'gone'", DBStore::DATAFILE_STORE); },
+      [] { Sql("DELETE FROM Config WHERE Component = 'gone'"); }};
   static const std::vector<Operation> ops = {
-      {"LoadStoreRestore", [](FaultSweep& t) { t.CopyExampleHost(); }, [] { return Status(LoadStore(true)); }, {}, {},
+      {"LoadStoreRestore",
+       [](FaultSweep& t) { t.CopyExampleHost(); },
+       [] { return Status(LoadStore(true)); },
+       {},
+       {},
        true},
       {"LoadStoreNoRestore", then(leftovers, StageDesired), [] { return Status(LoadStore(false)); }, {}, {}, true},
       // Schema elements and default instances whose write fails are logged and skipped.
       {"ProcessSchemas",
-       [](FaultSweep& t) {
-         booted(t);
-         t.Sql("DELETE FROM ss.ConfigSchema WHERE Name = 'switches'");
-         t.Sql("DELETE FROM DefaultConfig WHERE Name = 'dns'");
-       },
-       [] { return Status(!ProcessSchemas({})); }, {},
-       {[] { ProcessSchemaFiles({}, false); }, [] { ProcessDefaultConfiguration(false); }}, false,
+       then(booted,
+            [] {
+              Sql("DELETE FROM ss.ConfigSchema WHERE Name = 'switches'"),
+                  Sql("DELETE FROM DefaultConfig WHERE Name = 'dns'");
+            }),
+       [] { return Status(!ProcessSchemas({})); },
+       {},
+       {[] { ProcessSchemaFiles({}, false); }, [] { ProcessDefaultConfiguration(false); }},
+       false,
        {"schema.ConfigSchema", "schema.SmartnicSchema", "schema.DataFileSchema", "schema.SchemaFile",
         "config.DefaultConfig"}},
       {"ProcessDefaultConfiguration",
-       [](FaultSweep& t) {
-         booted(t);
-         t.Sql("DELETE FROM DefaultConfig WHERE Name = 'dns'");
-         t.Sql("INSERT INTO DefaultConfig (Component, ConfigGroup, Name, Identifier, Value) "
-               "VALUES ('gone', 'pkg', 'key', '', '{}')");
-       },
-       [] { return Status(!ProcessDefaultConfiguration(false)); }, {}, {}, false, {"config.DefaultConfig"}},
+       then(booted,
+            [] {
+              Sql("DELETE FROM DefaultConfig WHERE Name = 'dns'");
+              Sql("INSERT INTO DefaultConfig (Component, ConfigGroup, Name, Identifier, Value) VALUES ('gone', 'pkg', "
+                  "'key', '', '{}')");
+            }),
+       [] { return Status(!ProcessDefaultConfiguration(false)); },
+       {},
+       {},
+       false,
+       {"config.DefaultConfig"}},
       // Staging for the next boot.
       {"SetDesiredUserConfig", booted, [] { return StageDesired(), Reported::Success; }, generic},
       {"SetDesiredSmartnicConfiguration", booted, [] { return StageSmartnic(), Reported::Success; }, generic},
-      {"DeleteHostAPIConfiguration", booted, [] { return DeleteAdvancedOptions(), Reported::Success; },
+      {"DeleteHostAPIConfiguration",
+       booted,
+       [] { return DeleteAdvancedOptions(), Reported::Success; },
        {CS_ERR_DESIRED_CONFIG_NOT_FOUND, CS_ERR_HOSTAPI_DELETE_NOT_ALLOWED, CS_ERR_GENERIC}},
       {"SetBootMode", booted, Silently([] { SetBootMode(BOOT_MODE_SMARTNIC_CONFIG); }), generic},
       {"EndAutoConf", booted, Silently(EndAutoConf), generic},
@@ -375,17 +383,18 @@ const std::vector<Operation>& FaultSweep::Operations() {
          ASSERT_EQ(DBStore::CreateDatabases(), 0);
          ASSERT_TRUE(ProcessSchemas({}));
        },
-       [] { return InBootTransaction(ProcessBootConfigurationDocument); }, {CS_ERR_GENERIC, CS_ERR_JSON_PARSE_FILE}},
+       [] { return InBootTransaction(ProcessBootConfigurationDocument); },
+       {CS_ERR_GENERIC, CS_ERR_JSON_PARSE_FILE}},
       // Maintenance: each statement commits on its own.
       {"CleanupStoreAtBoot", leftovers, Silently([] { CleanupStore(true); }), {}, storeHalves},
       {"CleanupStoreLive", leftovers, Silently([] { CleanupStore(false); }), {}, storeHalves},
-      {"CleanupAutoConfig", leftovers, Silently(CleanupAutoConfig), generic,
-       {[] { ConfigSql("UPDATE Config SET AutoConfValue = NULL"); }}},
+      {"CleanupAutoConfig", leftovers, Silently(CleanupAutoConfig), generic, {[] {
+         Sql("UPDATE Config SET AutoConfValue = NULL");
+       }}},
       {"CleanupDataFiles", leftovers, Silently(CleanupDataFiles), {}},
       // The boot apply record.
       {"SetBootApplyRecord", booted, Silently([] { setBootApplyRecord("{\"failed\":[]}"); }), generic},
-      {"ClearBootApplyRecord", then(booted, [] { setBootApplyRecord("{}"); }), Silently(clearBootApplyRecord),
-       generic},
+      {"ClearBootApplyRecord", then(booted, [] { setBootApplyRecord("{}"); }), Silently(clearBootApplyRecord), generic},
   };
   return ops;
 }

@@ -1,8 +1,7 @@
 // Fault sweeps: every writing operation is run once to count its fault points (the store calls of
 // DBStore::faults, the file I/O of faultvfs), then again from the same start state with each point
-// failing, once and from then on. Each run must end in the outcome the operation documents and
-// leave the stores, as the next opener sees them, in a state it allows: the start state, the state
-// of a clean run, or one of its documented partial states.
+// failing, once and from then on. Each run must end in an outcome the operation documents and leave
+// the stores, as the next opener sees them, in a state it allows.
 #include <sqlite3.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -10,6 +9,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 
 #include "configstore/boot/BootApplyRecord.h"
@@ -23,8 +23,8 @@
 #include "configstore/frame/ConfigStoreException.h"
 #include "configstore/maintenance/Cleanup.h"
 #include "configstore/schema/SchemaProcessor.h"
-#include "configstore/schema/SchemaRegistration.h"
 #include "platform/dbstore/DBStore.h"
+#include "platform/host/HostRoot.h"
 #include "tests/support/FaultVfs.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/StoreDump.h"
@@ -42,30 +42,34 @@ struct Operation {
   std::string name;
   std::function<void(FaultSweep&)> setup;  // the start state of every run, built without faults
   std::function<Reported()> run;
-  std::set<int> failureCodes;                   // ConfigStoreException codes it documents
-  std::vector<std::function<void()>> partials;  // documented partial states, built from the start
-  // Stages that each commit (the boot load): every store stays sound and keeps every row that the
-  // start and the clean run both hold.
-  bool stages = false;
-  // Tables written row by row, a failed row logged and skipped: any mix of start and clean-run rows
-  // is allowed there (a documented loss).
+  std::set<int> failureCodes;  // ConfigStoreException codes it documents
+  // Commits in steps, a failed step logged and skipped (the boot load, registration, cleanups): a
+  // run may end between the start and the clean run, but keeps every row both hold, every store sound.
+  // Otherwise a run ends in the start state (unless it reported success) or the clean run's (unless
+  // it reported failure).
+  bool steps = false;
+  // Tables written row by row, a failed row logged and skipped: their rows may also be lost.
   std::set<std::string> loggedLosses;
 };
 
-struct Family {
+const struct Family {
   const char* name;
   std::vector<std::string> kinds;
   void (*arm)(size_t kind, int nth, bool persistent);
   int (*calls)(size_t kind);
-};
-const Family kStoreCalls = {"store-calls",
-                            {"Prepare", "Step", "Begin", "Commit", "Attach", "KvRead", "KvWrite"},
-                            [](size_t k, int n, bool p) { DBStore::faults::Arm(DBStore::faults::Kind(k), n, p); },
-                            [](size_t k) { return DBStore::faults::Calls(DBStore::faults::Kind(k)); }};
-const Family kFileIo = {"file-io",
-                        {"xWrite", "xSync", "xTruncate", "xOpen"},
-                        [](size_t k, int n, bool p) { faultvfs::Arm(faultvfs::Kind(k), n, p); },
-                        [](size_t k) { return faultvfs::Calls(faultvfs::Kind(k)); }};
+} kStoreCalls = {"store-calls",
+                 {"Prepare", "Step", "Begin", "Commit", "Attach", "KvRead", "KvWrite"},
+                 [](size_t k, int n, bool p) { DBStore::faults::Arm(DBStore::faults::Kind(k), n, p); },
+                 [](size_t k) { return DBStore::faults::Calls(DBStore::faults::Kind(k)); }},
+  kFileIo = {"file-io",
+             {"xWrite", "xSync", "xTruncate", "xOpen"},
+             [](size_t k, int n, bool p) { faultvfs::Arm(faultvfs::Kind(k), n, p); },
+             [](size_t k) { return faultvfs::Calls(faultvfs::Kind(k)); }};
+
+void HostFile(const std::string& hostPath, const std::string& text) {
+  fs::create_directories(fs::path(Host::Resolve(hostPath)).parent_path());
+  std::ofstream(Host::Resolve(hostPath)) << text;
+}
 
 void Disarm() { DBStore::faults::Disarm(), faultvfs::Disarm(); }
 
@@ -78,15 +82,51 @@ std::vector<int> Points(int calls) {
   return points;
 }
 
-const std::vector<std::string>& RowsOf(const StoreDump& dump, const std::string& table) {
-  static const std::vector<std::string> kNone;
+bool Holds(const StoreDump& dump, const std::string& table, const std::string& row) {
   auto it = dump.find(table);
-  return it == dump.end() ? kNone : it->second;
+  return it != dump.end() && std::binary_search(it->second.begin(), it->second.end(), row);
 }
 
-StoreDump Without(StoreDump dump, const std::set<std::string>& tables) {
-  for (const std::string& table : tables) dump.erase(table);
-  return dump;
+std::vector<std::string> StorePaths() {
+  return {DBStore::StorePath(DBStore::CONFIG_STORE), DBStore::StorePath(DBStore::DATAFILE_STORE),
+          DBStore::SchemaStorePath()};
+}
+
+// What the next reader of every store sees: its opener rolls a hot journal back first.
+StoreDump Settled() {
+  for (const std::string& path : StorePaths()) {
+    sqlite3* db = nullptr;
+    if (fs::exists(path) && sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
+      sqlite3_busy_timeout(db, DBStore::kTimeoutMs);
+      sqlite3_exec(db, "SELECT COUNT(*) FROM sqlite_master", nullptr, nullptr, nullptr);
+    }
+    sqlite3_close_v2(db);
+  }
+  return cstest::MaskRunToRun(cstest::DumpStores());
+}
+
+// "" when `now` is a state `op` allows after reporting `reported`.
+std::string Check(const Operation& op, Reported reported, const StoreDump& now, const StoreDump& before,
+                  const StoreDump& after) {
+  std::string out;
+  if (op.steps) {
+    for (const auto& [table, rows] : before) {
+      for (const std::string& row : rows) {
+        if (Holds(after, table, row) && !Holds(now, table, row) && !op.loggedLosses.count(table)) {
+          out += "- " + table + " " + row + "\n";
+        }
+      }
+    }
+    // A store whose creation failed is completed by the next boot's restore step; none may be left
+    // that it cannot make whole.
+    (void)DBStore::CreateDatabases();
+    for (const std::string& path : StorePaths()) {
+      if (fs::exists(path) && DBStore::Check(path) != 0) out += "store fails its check: " + path + "\n";
+    }
+  } else if (!(now == after && reported != Reported::Failure) && !(now == before && reported != Reported::Success)) {
+    out = "the stores match no allowed state; against the start:\n" + cstest::DiffStores(before, now);
+  }
+  return out;
 }
 
 // Runs `sql` on a store without faults (the configuration store with the schema store attached).
@@ -94,11 +134,6 @@ void Sql(const std::string& sql, DBStore::Type store = DBStore::CONFIG_STORE) {
   DBStore::Connection conn = DBStore::GetConnection(store, true);
   ASSERT_TRUE(conn && (store != DBStore::CONFIG_STORE || DBStore::AttachSchemaStore(conn) == 0));
   ASSERT_EQ(DBStore::Exec(conn, sql), 0) << sql;
-}
-
-std::vector<std::string> StorePaths() {
-  return {DBStore::StorePath(DBStore::CONFIG_STORE), DBStore::StorePath(DBStore::DATAFILE_STORE),
-          DBStore::SchemaStorePath()};
 }
 
 class FaultSweep : public cstest::SandboxTest, public testing::WithParamInterface<std::string> {
@@ -111,33 +146,16 @@ class FaultSweep : public cstest::SandboxTest, public testing::WithParamInterfac
     if (access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
     SandboxTest::SetUp();
     faultvfs::Install();
-    start_ = root_ + ".start";
   }
   void TearDown() override {
     Disarm();
-    fs::remove_all(start_);
+    fs::remove_all(root_ + ".start");
     SandboxTest::TearDown();
   }
 
-  void RestoreStart() {
-    for (const auto& entry : fs::directory_iterator(root_)) fs::remove_all(entry.path());
-    fs::copy(start_, root_, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
-  }
-
-  // What the next reader of every store sees: its opener rolls a hot journal back first.
-  static StoreDump Settled() {
-    for (const std::string& path : StorePaths()) {
-      sqlite3* db = nullptr;
-      if (fs::exists(path) && sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
-        sqlite3_busy_timeout(db, DBStore::kTimeoutMs);
-        sqlite3_exec(db, "SELECT COUNT(*) FROM sqlite_master", nullptr, nullptr, nullptr);
-      }
-      sqlite3_close_v2(db);
-    }
-    return cstest::MaskRunToRun(cstest::DumpStores());
-  }
-
-  static Reported Run(const Operation& op, std::string* detail) {
+  Reported Run(const Operation& op, std::string* detail) {
+    RestoreStart();
+    log_.Clear();
     try {
       return op.run();
     } catch (const ConfigStoreException& e) {
@@ -146,54 +164,9 @@ class FaultSweep : public cstest::SandboxTest, public testing::WithParamInterfac
     }
     return Reported::Failure;
   }
-
-  // "" when `now` is a state `op` allows after reporting `reported`.
-  static std::string Check(const Operation& op, Reported reported, const StoreDump& now, const StoreDump& before,
-                           const StoreDump& after, const std::vector<StoreDump>& partials, bool* loss) {
-    std::string out;
-    if (op.stages) {
-      for (const auto& [table, rows] : before) {
-        const auto &kept = RowsOf(after, table), &current = RowsOf(now, table);
-        for (const std::string& row : rows) {
-          if (std::binary_search(kept.begin(), kept.end(), row) &&
-              !std::binary_search(current.begin(), current.end(), row)) {
-            out += "- " + table + " " + row + "\n";
-          }
-        }
-      }
-      // A store whose creation failed is completed by the next boot's restore step; none may be
-      // left that it cannot make whole.
-      (void)DBStore::CreateDatabases();
-      for (const std::string& path : StorePaths()) {
-        if (fs::exists(path) && DBStore::Check(path) != 0) out += "store fails its check: " + path + "\n";
-      }
-      return out;
-    }
-    std::vector<const StoreDump*> allowed;
-    if (reported != Reported::Failure) allowed.push_back(&after);
-    if (reported != Reported::Success) {
-      allowed.push_back(&before);
-      for (const auto& partial : partials) allowed.push_back(&partial);
-    }
-    for (const StoreDump* state : allowed) {
-      if (now == *state) return "";
-    }
-    if (!op.loggedLosses.empty()) {
-      bool foreign = false;  // a row of a loggedLosses table that no allowed state holds
-      for (const std::string& table : op.loggedLosses) {
-        for (const std::string& row : RowsOf(now, table)) {
-          foreign |= std::none_of(allowed.begin(), allowed.end(), [&](const StoreDump* s) {
-            return std::binary_search(RowsOf(*s, table).begin(), RowsOf(*s, table).end(), row);
-          });
-        }
-      }
-      for (const StoreDump* state : allowed) {
-        if (!foreign && Without(now, op.loggedLosses) == Without(*state, op.loggedLosses)) return *loss = true, "";
-      }
-    }
-    const bool success = reported == Reported::Success;
-    return std::string("the stores match no allowed state; against the ") + (success ? "clean run" : "start") + ":\n" +
-           cstest::DiffStores(success ? after : before, now);
+  void RestoreStart() {
+    for (const auto& entry : fs::directory_iterator(root_)) fs::remove_all(entry.path());
+    fs::copy(root_ + ".start", root_, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
   }
 
   void Sweep(const Family& family) {
@@ -203,9 +176,8 @@ class FaultSweep : public cstest::SandboxTest, public testing::WithParamInterfac
     Disarm();
     op->setup(*this);
     ASSERT_FALSE(HasFatalFailure());
-    fs::copy(root_, start_, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    fs::copy(root_, root_ + ".start", fs::copy_options::recursive | fs::copy_options::copy_symlinks);
     const StoreDump before = Settled();
-
     // A clean run: the counts, and the state of success.
     std::string detail;
     EXPECT_NE(Run(*op, &detail), Reported::Failure) << op->name << " fails without a fault: " << detail;
@@ -213,33 +185,22 @@ class FaultSweep : public cstest::SandboxTest, public testing::WithParamInterfac
     for (size_t k = 0; k < family.kinds.size(); ++k) calls.push_back(family.calls(k));
     Disarm();
     const StoreDump after = Settled();
-    if (!op->stages) {
-      EXPECT_NE(before, after) << op->name << " changes nothing: its sweep would prove nothing";
-    }
-    std::vector<StoreDump> partials;
-    for (const auto& partial : op->partials) {
-      RestoreStart();
-      partial();
-      partials.push_back(Settled());
-    }
+    EXPECT_NE(before, after) << op->name << " changes nothing: its sweep would prove nothing";
 
-    int swept = 0, counts[3] = {}, losses = 0;
+    int swept = 0, counts[3] = {};
     for (size_t k = 0; k < family.kinds.size(); ++k) {
       for (bool persistent : {false, true}) {
         for (int n : Points(calls[k])) {
           SCOPED_TRACE(op->name + ": " + family.kinds[k] + " call " + std::to_string(n) + " of " +
                        std::to_string(calls[k]) + (persistent ? " and every later one" : " only") + " fails");
-          RestoreStart();
-          log_.Clear();
           detail.clear();
           family.arm(k, n, persistent);
           const Reported reported = Run(*op, &detail);
           Disarm();
           ++swept, ++counts[static_cast<int>(reported)];
-          bool loss = false;  // a store that cannot be read throws out of the test
-          EXPECT_EQ("", Check(*op, reported, Settled(), before, after, partials, &loss))
+          // A store that cannot be read throws out of the test.
+          EXPECT_EQ("", Check(*op, reported, Settled(), before, after))
               << "reported " << static_cast<int>(reported) << " (0 success, 1 failure, 2 silent) " << detail;
-          losses += loss;
         }
       }
     }
@@ -249,10 +210,8 @@ class FaultSweep : public cstest::SandboxTest, public testing::WithParamInterfac
       if (calls[k] > 0) std::cout << (shown++ ? "," : "") << family.kinds[k] << ":" << calls[k];
     }
     std::cout << " points=" << swept << " success=" << counts[0] << " failure=" << counts[1] << " silent=" << counts[2]
-              << " documented-loss=" << losses << std::endl;
+              << std::endl;
   }
-
-  std::string start_;  // copy of the root as the setup left it
 };
 
 // The operations, each on the sample host root in the state it meets in the field.
@@ -291,91 +250,85 @@ Reported InBootTransaction(void (*routine)(const DBStore::Connection&)) {
 }
 
 const std::vector<Operation>& FaultSweep::Operations() {
-  // The sample host after its first boot, as an ordinary reboot finds it.
-  static const auto booted = [](FaultSweep& t) {
-    t.CopyExampleHost();
-    ASSERT_EQ(LoadStore(true), 0);
-    CleanupBootState();
-    t.Remove("/var/lib/talvex/firstboot/current-store-1");
+  // The sample host after its first boot, as an ordinary reboot finds it, and `more` done on it.
+  static const auto booted = [](std::function<void()> more) {
+    return [more](FaultSweep& t) {
+      t.CopyExampleHost();
+      ASSERT_EQ(LoadStore(true), 0);
+      CleanupBootState();
+      t.Remove("/var/lib/talvex/firstboot/current-store-1");
+      more();
+    };
   };
   // ... with rows the cleanups remove: a schema-less object, automatic values (alone and beside a
   // user value), data files whose key has no schema, one recorded but missing and one present.
-  static const auto leftovers = [](FaultSweep& t) {
-    booted(t);
-    Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) VALUES ('gone', 'pkg', 'key', '', "
-        "'{}')");
-    Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, AutoConfValue) "
-        "VALUES ('qor', 'advanced_options', 'user_vars', 'auto', '{\"name\":\"auto\"}')");
-    Sql("UPDATE Config SET AutoConfValue = '{\"mtu\":1400}' WHERE Name = 'nuknics'");
-    Sql("INSERT INTO DataFileMetadata VALUES ('qor', 'certificates', 'certs', 'host.pem'), "
-        "('qor', 'certificates', 'certs', 'missing.pem'), ('gone', 'key', 'olddir', 'x.bin')",
-        DBStore::DATAFILE_STORE);
-    t.WriteFile("/var/cache/datafiles/certs/host.pem", "pem");
-    t.WriteFile("/var/cache/datafiles/olddir/x.bin", "x");
+  static const auto leftovers = [](std::function<void()> more) {
+    return booted([more] {
+      Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) VALUES ('gone', 'pkg', 'key', '', "
+          "'{}')");
+      Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, AutoConfValue) "
+          "VALUES ('qor', 'advanced_options', 'user_vars', 'auto', '{\"name\":\"auto\"}')");
+      Sql("UPDATE Config SET AutoConfValue = '{\"mtu\":1400}' WHERE Name = 'nuknics'");
+      Sql("INSERT INTO DataFileMetadata VALUES ('qor', 'certificates', 'certs', 'host.pem'), "
+          "('qor', 'certificates', 'certs', 'missing.pem'), ('gone', 'key', 'olddir', 'x.bin')",
+          DBStore::DATAFILE_STORE);
+      HostFile("/var/cache/datafiles/certs/host.pem", "pem");
+      HostFile("/var/cache/datafiles/olddir/x.bin", "x");
+      more();
+    });
   };
-  auto then = [](auto setup, std::function<void()> more) { return [setup, more](FaultSweep& t) { setup(t), more(); }; };
+  const auto nothing = [] {};
   const std::set<int> generic = {CS_ERR_GENERIC};  // a failed connection
-  const std::vector<std::function<void()>> storeHalves = {
-      [] { Sql("DELETE FROM DataFileMetadata WHERE Component = 'gone'", DBStore::DATAFILE_STORE); },
-      [] { Sql("DELETE FROM Config WHERE Component = 'gone'"); }};
   static const std::vector<Operation> ops = {
       {"LoadStoreRestore",
        [](FaultSweep& t) { t.CopyExampleHost(); },
        [] { return Status(LoadStore(true)); },
        {},
-       {},
        true},
-      {"LoadStoreNoRestore", then(leftovers, StageDesired), [] { return Status(LoadStore(false)); }, {}, {}, true},
-      // Schema elements and default instances whose write fails are logged and skipped.
+      {"LoadStoreNoRestore", leftovers(StageDesired), [] { return Status(LoadStore(false)); }, {}, true},
       {"ProcessSchemas",
-       then(booted,
-            [] {
-              Sql("DELETE FROM ss.ConfigSchema WHERE Name = 'switches'"),
-                  Sql("DELETE FROM DefaultConfig WHERE Name = 'dns'");
-            }),
+       booted([] {
+         Sql("DELETE FROM ss.ConfigSchema WHERE Name = 'switches'");
+         Sql("DELETE FROM DefaultConfig WHERE Name = 'dns'");
+       }),
        [] { return Status(!ProcessSchemas({})); },
        {},
-       {[] { ProcessSchemaFiles({}, false); }, [] { ProcessDefaultConfiguration(false); }},
-       false,
+       true,
        {"schema.ConfigSchema", "schema.SmartnicSchema", "schema.DataFileSchema", "schema.SchemaFile",
         "config.DefaultConfig"}},
       {"ProcessDefaultConfiguration",
-       then(booted,
-            [] {
-              Sql("DELETE FROM DefaultConfig WHERE Name = 'dns'");
-              Sql("INSERT INTO DefaultConfig (Component, ConfigGroup, Name, Identifier, Value) VALUES ('gone', 'pkg', "
-                  "'key', '', '{}')");
-            }),
+       booted([] {
+         Sql("DELETE FROM DefaultConfig WHERE Name = 'dns'");
+         Sql("INSERT INTO DefaultConfig (Component, ConfigGroup, Name, Identifier, Value) "
+             "VALUES ('gone', 'pkg', 'key', '', '{}')");
+       }),
        [] { return Status(!ProcessDefaultConfiguration(false)); },
        {},
-       {},
-       false,
+       true,
        {"config.DefaultConfig"}},
       // Staging for the next boot.
-      {"SetDesiredUserConfig", booted, [] { return StageDesired(), Reported::Success; }, generic},
-      {"SetDesiredSmartnicConfiguration", booted, [] { return StageSmartnic(), Reported::Success; }, generic},
+      {"SetDesiredUserConfig", booted(nothing), [] { return StageDesired(), Reported::Success; }, generic},
+      {"SetDesiredSmartnicConfiguration", booted(nothing), [] { return StageSmartnic(), Reported::Success; }, generic},
       {"DeleteHostAPIConfiguration",
-       booted,
+       booted(nothing),
        [] { return DeleteAdvancedOptions(), Reported::Success; },
        {CS_ERR_DESIRED_CONFIG_NOT_FOUND, CS_ERR_HOSTAPI_DELETE_NOT_ALLOWED, CS_ERR_GENERIC}},
-      {"SetBootMode", booted, Silently([] { SetBootMode(BOOT_MODE_SMARTNIC_CONFIG); }), generic},
-      {"EndAutoConf", booted, Silently(EndAutoConf), generic},
-      {"EnableNexdNotification", booted, Silently([] { EnableNexdNotification(true); }), generic},
-      {"SetLiveInstallBoot", booted, [] { return Status(SetLiveInstallBoot("true")); }, generic},
-      {"SetInstallInfo", booted, Silently([] { SetInstallInfo("{\"build\":42}"); }), generic},
-      {"CleanupBootState",
-       [](FaultSweep& t) {
-         booted(t);
+      {"SetBootMode", booted(nothing), Silently([] { SetBootMode(BOOT_MODE_SMARTNIC_CONFIG); }), generic},
+      {"EndAutoConf", booted(nothing), Silently(EndAutoConf), generic},
+      {"EnableNexdNotification", booted(nothing), Silently([] { EnableNexdNotification(true); }), generic},
+      {"SetLiveInstallBoot", booted(nothing), [] { return Status(SetLiveInstallBoot("true")); }, generic},
+      {"SetInstallInfo", booted(nothing), Silently([] { SetInstallInfo("{\"build\":42}"); }), generic},
+      {"CleanupBootState", booted([] {
          ASSERT_EQ(SetLiveInstallBoot("true"), 0);
-         t.WriteFile("/sys/plon/system/bootFsUUID", "00000000-aaaa-bbbb-cccc-000000000002");
-       },
+         HostFile("/sys/plon/system/bootFsUUID", "00000000-aaaa-bbbb-cccc-000000000002");
+       }),
        Silently(CleanupBootState), generic},
       // Boot-time application, each in the boot load's transaction.
-      {"ApplyHostApiBootConfiguration", then(booted, DeleteAdvancedOptions),
+      {"ApplyHostApiBootConfiguration", booted(DeleteAdvancedOptions),
        [] { return InBootTransaction(ApplyHostApiBootConfiguration); }, generic},
-      {"ApplySmartnicBootConfiguration", then(booted, StageSmartnic),
+      {"ApplySmartnicBootConfiguration", booted(StageSmartnic),
        [] { return InBootTransaction(ApplySmartnicBootConfiguration); }, generic},
-      {"GenerateDesiredUserConfiguration", then(booted, StageDesired),
+      {"GenerateDesiredUserConfiguration", booted(StageDesired),
        [] { return InBootTransaction(GenerateDesiredUserConfiguration); }, generic},
       {"ProcessBootConfigurationDocument",
        [](FaultSweep& t) {
@@ -386,15 +339,13 @@ const std::vector<Operation>& FaultSweep::Operations() {
        [] { return InBootTransaction(ProcessBootConfigurationDocument); },
        {CS_ERR_GENERIC, CS_ERR_JSON_PARSE_FILE}},
       // Maintenance: each statement commits on its own.
-      {"CleanupStoreAtBoot", leftovers, Silently([] { CleanupStore(true); }), {}, storeHalves},
-      {"CleanupStoreLive", leftovers, Silently([] { CleanupStore(false); }), {}, storeHalves},
-      {"CleanupAutoConfig", leftovers, Silently(CleanupAutoConfig), generic, {[] {
-         Sql("UPDATE Config SET AutoConfValue = NULL");
-       }}},
-      {"CleanupDataFiles", leftovers, Silently(CleanupDataFiles), {}},
+      {"CleanupStoreAtBoot", leftovers(nothing), Silently([] { CleanupStore(true); }), {}, true},
+      {"CleanupStoreLive", leftovers(nothing), Silently([] { CleanupStore(false); }), {}, true},
+      {"CleanupAutoConfig", leftovers(nothing), Silently(CleanupAutoConfig), generic, true},
+      {"CleanupDataFiles", leftovers(nothing), Silently(CleanupDataFiles), {}},
       // The boot apply record.
-      {"SetBootApplyRecord", booted, Silently([] { setBootApplyRecord("{\"failed\":[]}"); }), generic},
-      {"ClearBootApplyRecord", then(booted, [] { setBootApplyRecord("{}"); }), Silently(clearBootApplyRecord), generic},
+      {"SetBootApplyRecord", booted(nothing), Silently([] { setBootApplyRecord("{\"failed\":[]}"); }), generic},
+      {"ClearBootApplyRecord", booted([] { setBootApplyRecord("{}"); }), Silently(clearBootApplyRecord), generic},
   };
   return ops;
 }
@@ -402,12 +353,11 @@ const std::vector<Operation>& FaultSweep::Operations() {
 TEST_P(FaultSweep, StoreCallFaults) { Sweep(kStoreCalls); }
 TEST_P(FaultSweep, FileIoFaults) { Sweep(kFileIo); }
 
-std::vector<std::string> OperationNames() {
-  std::vector<std::string> names;
-  for (const Operation& op : FaultSweep::Operations()) names.push_back(op.name);
-  return names;
-}
-INSTANTIATE_TEST_SUITE_P(Operations, FaultSweep, testing::ValuesIn(OperationNames()),
+INSTANTIATE_TEST_SUITE_P(Operations, FaultSweep, testing::ValuesIn([] {
+                           std::vector<std::string> names;
+                           for (const Operation& op : FaultSweep::Operations()) names.push_back(op.name);
+                           return names;
+                         }()),
                          [](const testing::TestParamInfo<std::string>& info) { return info.param; });
 
 }  // namespace

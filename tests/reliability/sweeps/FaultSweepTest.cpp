@@ -43,12 +43,11 @@ struct Operation {
   std::function<void(FaultSweep&)> setup;  // the start state of every run, built without faults
   std::function<Reported()> run;
   std::set<int> failureCodes;  // ConfigStoreException codes it documents
-  // Commits in steps, a failed step logged and skipped (the boot load, registration, cleanups): a
-  // run may end between the start and the clean run, but keeps every row both hold, every store sound.
-  // Otherwise a run ends in the start state (unless it reported success) or the clean run's (unless
-  // it reported failure).
+  // Commits in steps (the boot load, registration, cleanups): a run may end between the start and the
+  // clean run, but keeps every row both hold (unless in a table written row by row, a failed row
+  // logged and skipped: `loggedLosses`), every store sound. Otherwise a run ends in the start state
+  // (unless it reported success) or the clean run's (unless it reported failure).
   bool steps = false;
-  // Tables written row by row, a failed row logged and skipped: their rows may also be lost.
   std::set<std::string> loggedLosses;
 };
 
@@ -224,12 +223,9 @@ constexpr const char* kDesiredDocument = R"({"profile": {"qor": {
     "system": {"advanced_options": [{"name": "Syslog.global.logDir", "string_value": "/scratch/other"}]}}}})";
 
 void StageDesired() { SetDesiredUserConfig(*CreateDocumentFromString(kDesiredDocument)->document); }
-void StageSmartnic() {
-  SetDesiredSmartnicConfiguration(
-      *CreateDocumentFromString(
-           R"({"qor": {"network": {"nuknics": [{"name": "nuk3", "mtu": 1500}], "dns": "DELETE_DEFAULT"}}})")
-           ->document);
-}
+constexpr const char* kSmartnicDocument =
+    R"({"qor": {"network": {"nuknics": [{"name": "nuk3", "mtu": 1500}], "dns": "DELETE_DEFAULT"}}})";
+void StageSmartnic() { SetDesiredSmartnicConfiguration(*CreateDocumentFromString(kSmartnicDocument)->document); }
 void DeleteAdvancedOptions() { DeleteHostAPIConfiguration("qor", "system", "advanced_options"); }
 
 Reported Status(int status) { return status == 0 ? Reported::Success : Reported::Failure; }

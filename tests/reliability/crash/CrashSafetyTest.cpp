@@ -1,9 +1,8 @@
-// Staging and boot loads killed with SIGKILL at random points: after SQLite's own recovery the
-// store is sound, the staging table and the boot mode are exactly the state before or after the
-// operation that was running, registration is never half-applied, and the next boot load succeeds
-// and keeps its report as the newest of a boot history whose every file parses. Built twice: as the
-// test, and with CRASH_DRIVER_MAIN as the driver it kills ("crash_driver ROOT FIRST OPS" runs OPS
-// operations of the cycle from position FIRST, noting its progress).
+// Staging and boot loads killed with SIGKILL at random points: after SQLite's own recovery the store
+// is sound, the staging table and the boot mode are exactly the state before or after the operation
+// that was running, registration is never half-applied, and the next boot load succeeds and keeps
+// its report as the newest of a boot history whose every file parses. Built twice: as the test, and
+// with CRASH_DRIVER_MAIN as the driver it kills ("crash_driver ROOT FIRST OPS").
 #include <fcntl.h>
 #include <signal.h>
 #include <sqlite3.h>
@@ -39,8 +38,8 @@ constexpr std::array<Op, 7> kCycle = {
     Op::StageDesiredA, Op::Boot, Op::StageDesiredB, Op::StageSmartnic, Op::Boot, Op::RegisterSchemas, Op::RestoreBoot};
 const char* const kNames[] = {"stage A", "boot", "stage B", "SmartNIC", "schema registration", "restore boot"};
 const char* const kDocuments[] = {"/crash/desired-a.json", nullptr, "/crash/desired-b.json", "/crash/smartnic.json"};
-// The driver notes "B <n>" before its n-th operation touches the store and "E <n>" after it returned,
-// with write(2): a SIGKILL keeps every note made before it.
+// The driver notes "B" before an operation touches the store and "E" after it returned, with
+// write(2): a SIGKILL keeps every note made before it.
 constexpr const char* kProgress = "/crash/progress";
 
 Op CycleOp(long position) { return kCycle[static_cast<size_t>(position) % kCycle.size()]; }
@@ -71,11 +70,7 @@ int main(int argc, char** argv) {
     const long first = std::atol(argv[2]), ops = std::atol(argv[3]);
     int fd = open(Host::Resolve(kProgress).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     for (long n = 0; fd >= 0 && n < ops; ++n) {
-      const std::string begin = "B " + std::to_string(n) + "\n", end = "E " + std::to_string(n) + "\n";
-      if (write(fd, begin.data(), begin.size()) != ssize_t(begin.size()) || !RunOp(CycleOp(first + n)) ||
-          write(fd, end.data(), end.size()) != ssize_t(end.size())) {
-        return 3;
-      }
+      if (write(fd, "B", 1) != 1 || !RunOp(CycleOp(first + n)) || write(fd, "E", 1) != 1) return 3;
     }
     return fd >= 0 ? 0 : 3;
   } catch (const std::exception& e) {

@@ -179,6 +179,7 @@ class FaultSweep : public cstest::SandboxTest, public testing::WithParamInterfac
     const StoreDump before = Settled();
     // A clean run: the counts, and the state of success.
     std::string detail;
+    Disarm();  // counts from here on
     EXPECT_NE(Run(*op, &detail), Reported::Failure) << op->name << " fails without a fault: " << detail;
     std::vector<int> calls;
     for (size_t k = 0; k < family.kinds.size(); ++k) calls.push_back(family.calls(k));

@@ -80,10 +80,14 @@ TEST_F(LoadStoreTest, RebootFoldsDesiredValuesInEveryBootMode) {
     BootReport report;
     ASSERT_EQ(LoadStore(false, &report), 0);
     EXPECT_EQ(Value("SELECT COUNT(*) FROM Config WHERE UserValue IS NOT '{\"x\":1}' OR DesiredValue IS NOT NULL"), "0");
-    if (c.bootType == 0) EXPECT_EQ(Value("SELECT COUNT(*) FROM Config"), rows);
+    if (c.bootType == 0) {
+      EXPECT_EQ(Value("SELECT COUNT(*) FROM Config"), rows);
+    }
     EXPECT_EQ(Key("BOOT_MODE"), "0");
     EXPECT_EQ(Key("BOOT_INFO"), "{\"type\":" + std::to_string(c.bootType) + "}");
-    if (c.alert) EXPECT_THAT(report.alerts, Contains(StartsWith(c.alert)));
+    if (c.alert) {
+      EXPECT_THAT(report.alerts, Contains(StartsWith(c.alert)));
+    }
   }
   EXPECT_FALSE(log_.Contains("[SchemaProcessor]"));
 }

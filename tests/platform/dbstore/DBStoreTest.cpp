@@ -153,7 +153,9 @@ TEST_F(DBStoreTest, TransactionsWaitRollBackAndGuard) {
   ASSERT_EQ(Exec(reader, "BEGIN"), 0);
   ASSERT_EQ(ReadKv(reader, "BOOT_MODE"), "");
   for (bool readerDone : {false, true}) {
-    if (readerDone) ASSERT_EQ(Exec(reader, "COMMIT"), 0);
+    if (readerDone) {
+      ASSERT_EQ(Exec(reader, "COMMIT"), 0);
+    }
     DBStore::Transaction tx(writer);
     ASSERT_EQ(tx.Begin(200), 0);
     ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", readerDone ? "2" : "1", writer), 0);

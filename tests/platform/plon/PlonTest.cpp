@@ -68,7 +68,9 @@ TEST_F(PlonTest, PathsFormTheirNodesOrAreNotFound) {
     EXPECT_EQ(got, args) << text;
     PLON_ParamListDestroy(list);
     PLON_Type* type = nullptr;
-    if (size > 0 && PLON_LookupOutputTypeOfGet(node, &type) == NUK_OK) EXPECT_EQ(type->size, size);
+    if (size > 0 && PLON_LookupOutputTypeOfGet(node, &type) == NUK_OK) {
+      EXPECT_EQ(type->size, size);
+    }
     PLON_ReleaseType(type);
   }
   int i = 0;

@@ -317,8 +317,8 @@ TEST_F(SchemaStoreTest, DamagedStoreContentIsReportedAsAnError) {
   Register({sstest::Nuknics(), sstest::Hostname()});
   DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
   ASSERT_EQ(DBStore::AttachSchemaStore(conn), 0);
-  Exec(conn, "UPDATE ss.ConfigSchema SET SchemaJson = '{' WHERE Name = 'nuknics'");
-  Exec(conn, "UPDATE ss.ConfigSchema SET PreservedInstanceIds = '[1]' WHERE Name = 'hostname'");
+  ASSERT_EQ(Exec(conn, "UPDATE ss.ConfigSchema SET SchemaJson = '{' WHERE Name = 'nuknics'"), 0);
+  ASSERT_EQ(Exec(conn, "UPDATE ss.ConfigSchema SET PreservedInstanceIds = '[1]' WHERE Name = 'hostname'"), 0);
   auto store = SchemaStore::GetStore(false);
 
   EXPECT_EQ(Message([&] { GetSchema("qor", "network", "nuknics", store); }),

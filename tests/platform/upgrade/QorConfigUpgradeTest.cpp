@@ -90,7 +90,7 @@ TEST_F(UpgradeModulesTest, BootModulesRunInOrderAndFailuresAreLoggedByPath) {
 // Live-install modules are named, found in the live directory only, and counted; a name that
 // would leave the directory (each would reach a real module if used as given) is refused.
 TEST_F(UpgradeModulesTest, LiveInstallRunsNamedModulesOfTheLiveDirectoryOnly) {
-  for (const std::string dir : {std::string(""), kLiveDir + "/sub", kLiveDir}) Install("record_a", dir);
+  for (const std::string& dir : {std::string(""), kLiveDir + "/sub", kLiveDir}) Install("record_a", dir);
   Install("record_b", kLiveDir);
   Install("returns_3", kLiveDir);
   BootModule("record_a");

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "errors/Json.h"
+#include "platform/dbstore/DBStore.h"
 #include "platform/host/HostRoot.h"
 
 namespace fs = std::filesystem;
@@ -22,6 +23,7 @@ void SandboxTest::SetUp() {
 }
 
 void SandboxTest::TearDown() {
+  DBStore::faults::Disarm();  // a fault a test armed never reaches the next one
   std::error_code ec;
   if (std::getenv("CS_KEEP_SANDBOX") == nullptr) fs::remove_all(root_, ec);
 }

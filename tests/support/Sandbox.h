@@ -1,5 +1,6 @@
-// The sandbox fixture every test stands on: a temporary host root of its own (removed afterwards),
-// every log line captured, and readers for what the system recorded under the root.
+// The sandbox fixture every test stands on: a temporary host root of its own (removed afterwards,
+// with any store fault a test armed), every log line captured, and readers for what the system
+// recorded under the root.
 #pragma once
 
 #include <gtest/gtest.h>

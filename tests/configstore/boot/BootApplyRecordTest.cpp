@@ -17,10 +17,6 @@ class BootApplyRecordTest : public cstest::SandboxTest {
     ASSERT_EQ(DBStore::CreateDatabases(), 0);
     conn_ = GetDBConnection(DBStore::CONFIG_STORE, true);
   }
-  void TearDown() override {
-    DBStore::faults::Disarm();
-    SandboxTest::TearDown();
-  }
   void Sql(const std::string& sql) { ASSERT_EQ(DBStore::Exec(conn_, sql), 0) << sql; }
   std::string Stored() {
     std::string v;

@@ -50,7 +50,6 @@ class BootApplyTest : public cstest::SandboxTest {
     ASSERT_EQ(DBStore::AttachSchemaStore(conn_), 0);
   }
   void TearDown() override {
-    DBStore::faults::Disarm();
     conn_.reset();
     SandboxTest::TearDown();
   }

@@ -37,10 +37,6 @@ class BootStateTest : public cstest::SandboxTest {
     SetBootUuid("5f1e2d3c-aaaa-bbbb-cccc-000000000001");
     log_.Clear();
   }
-  void TearDown() override {
-    DBStore::faults::Disarm();
-    SandboxTest::TearDown();
-  }
 
   std::string Stored(const std::string& key) const {
     std::string value = "<unreadable>";

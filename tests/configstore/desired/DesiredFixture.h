@@ -57,7 +57,6 @@ class DesiredTest : public cstest::SandboxTest {
     conn_ = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
   }
   void TearDown() override {
-    DBStore::faults::Disarm();
     conn_.reset();
     cstest::SandboxTest::TearDown();
   }

@@ -34,10 +34,6 @@ class MaintenanceTest : public cstest::SandboxTest {
     SandboxTest::SetUp();
     ASSERT_EQ(DBStore::CreateDatabases(), 0);
   }
-  void TearDown() override {
-    DBStore::faults::Disarm();
-    SandboxTest::TearDown();
-  }
 
   // A row of the schema store's ConfigSchema ({component, group, key}) or DataFileSchema ({component, key}).
   void AddSchema(const Strings& columns) {

@@ -29,10 +29,6 @@ class DBStoreTest : public SandboxTest {
     SandboxTest::SetUp();
     ASSERT_EQ(DBStore::CreateDatabases(), 0);
   }
-  void TearDown() override {
-    DBStore::faults::Disarm();
-    SandboxTest::TearDown();
-  }
   static DBStore::Connection Open(DBStore::Type type = DBStore::CONFIG_STORE) {
     DBStore::Connection conn = DBStore::GetConnection(type, true);
     EXPECT_TRUE(conn);

@@ -101,18 +101,6 @@ TEST_F(DBStoreTest, CheckRefusesUnsoundStores) {
   EXPECT_FALSE(Exists("/tmp/missing/current-store-1"));
 }
 
-TEST_F(DBStoreTest, KeyValueEntries) {
-  auto conn = Open();
-  EXPECT_EQ(ReadKv(conn, "NEVER_WRITTEN"), "");
-  ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", conn), 0);
-  ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "3", conn), 0);
-  EXPECT_EQ(ReadKv(Open(), "BOOT_MODE"), "3");
-  std::string value = "untouched";
-  EXPECT_NE(DBStore::ReadKeyValue("BOOT_MODE", &value, nullptr), 0);
-  EXPECT_NE(DBStore::WriteKeyValue("BOOT_MODE", "4", nullptr), 0);
-  EXPECT_EQ(value, "untouched");
-}
-
 TEST_F(DBStoreTest, TransactionsWaitRollBackAndGuard) {
   auto holder = Open(), waiter = Open();
   ASSERT_EQ(DBStore::BeginTransaction(holder), 0);

@@ -1,7 +1,6 @@
-// The host layer: root and paths, feature switches, files, processes.
+// The host layer: root and paths, feature switches, files.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 #include <csignal>
 #include <filesystem>
@@ -11,7 +10,6 @@
 #include "platform/host/Features.h"
 #include "platform/host/Files.h"
 #include "platform/host/HostRoot.h"
-#include "platform/host/Process.h"
 #include "tests/support/Sandbox.h"
 
 namespace {
@@ -106,22 +104,6 @@ TEST_F(HostTest, FilesAreReadWholeAppendedByLineAndReplacedAtomically) {
   EXPECT_FALSE(written);
   EXPECT_EQ(error, Path("/big.tmp") + ": cannot be written: File too large");
   EXPECT_FALSE(Exists("/big.tmp"));
-}
-
-TEST_F(HostTest, ProgramsAndShellCommandsReportTheirExitStatus) {
-  const std::string marker = Path("/marker");
-  const char* args[] = {"/bin/sh", "-c", "echo \"$0\" > \"$1\"; exit 4", "hello", marker.c_str(), nullptr};
-  pid_t pid = -1;
-  int status = -1;
-  ASSERT_EQ(Host::SpawnProcess(args, &pid), 0);
-  ASSERT_EQ(Host::WaitProcess(pid, &status), 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 4);
-  EXPECT_EQ(ReadFile("/marker"), "hello\n");
-  const char* bare[] = {"true", nullptr};  // not searched in PATH
-  EXPECT_EQ(Host::SpawnProcess(bare, &pid), ENOENT);
-
-  EXPECT_EQ(Host::RunShell("false || exit 7"), 7);
-  EXPECT_EQ(Host::RunShell("kill -9 $$"), -1);  // killed by a signal
 }
 
 }  // namespace

@@ -99,10 +99,8 @@ TEST_F(PlonTest, WrongNodesAndArgumentsAreRefused) {
       {PLON_NODE_system_bootCmdLine, nullptr, Strings({"quiet"})},
       {kAlert, nullptr, nullptr},
       {kAlert, nullptr, Strings({"a", "b"})},
-      {kLimits, nullptr, Ints({80, 90})},
       {kLimits, Strings({"configstore"}), Ints({80})},
       {kLimits, Strings({"configstore"}), Ints({90, 80})},  // warning above error
-      {kLimits, Strings({"configstore"}), Ints({80, 101})},
       // Ramdisk names that would leave the tree ("../../../../../x" would land on "<root>/x/memUsageLimit").
       {kLimits, Strings({"../../../../../x"}), Ints({80, 90})},
   };
@@ -129,14 +127,6 @@ TEST_F(PlonTest, WrongNodesAndArgumentsAreRefused) {
     EXPECT_EQ(PLON_Get(node, args.get(), buffer, sizeof buffer), status) << node;
     EXPECT_EQ(buffer[0], '\0');
   }
-}
-
-TEST_F(PlonTest, UsageLimitsAreRecordedPerRamdisk) {
-  ASSERT_EQ(PLON_Set(kLimits, Strings({"configstore"}).get(), Ints({80, 90}).get()), NUK_OK);
-  ASSERT_EQ(PLON_Set(kLimits, Strings({"configstore"}).get(), Ints({70, 95}).get()), NUK_OK);
-  ASSERT_EQ(PLON_Set(kLimits, Strings({std::string(255, 'n')}).get(), Ints({0, 100}).get()), NUK_OK);
-  EXPECT_EQ(ReadFile("/sys/plon/system/lumafs/ramdisks/configstore/memUsageLimit"), "70 95\n");
-  EXPECT_EQ(ReadFile("/sys/plon/system/lumafs/ramdisks/" + std::string(255, 'n') + "/memUsageLimit"), "0 100\n");
 }
 
 // Bytes that are not UTF-8 (a stray continuation byte, an overlong '/', a surrogate) become

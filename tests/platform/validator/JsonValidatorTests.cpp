@@ -170,15 +170,9 @@ TEST_F(JsonValidatorTest, HostileValuesAndSchemasGetClearErrors) {
   // Composition that applies the same schema to the same value forever.
   EXPECT_EQ(ErrorsOf(R"({"allOf": [{"$ref": "#"}]})", "1", {0}),
             (FieldErrors{{"", "nested deeper than 128 levels; not checked further"}}));
-  // A schema nested far too deep is refused as a whole.
-  rapidjson::Document deepSchema;
-  deepSchema.SetObject();
-  rapidjson::Value* at = &deepSchema;
-  for (int i = 0; i < 1000; ++i) {
-    at->AddMember("not", rapidjson::Value(rapidjson::kObjectType), deepSchema.GetAllocator());
-    at = &(*at)["not"];
-  }
-  errors = ErrorsOf(deepSchema, Json("1"), {2});
+  std::string deepSchema;  // a schema nested far too deep is refused as a whole
+  for (int i = 0; i < 1000; ++i) deepSchema += R"({"not": )";
+  errors = ErrorsOf(deepSchema + "{}" + std::string(1000, '}'), "1", {2});
   ASSERT_EQ(errors.size(), 1u);
   EXPECT_NE(errors[0].second.find("nests deeper than 256 levels"), std::string::npos) << errors[0].second;
 }
@@ -210,7 +204,6 @@ TEST_F(JsonValidatorTest, RemoteReferencesGoThroughTheResolver) {
             (FieldErrors{{"/port", "must be at most 65535, got 70000"}}));
   EXPECT_EQ(asked, (std::vector<std::string>{"http://schemas.local/common.json", "common.json"}));
   JsonValidator::SetRemoteResolver(nullptr);
-  EXPECT_EQ(ErrorsOf(schema, R"({"port": 70000})", {2}).at(0).second.rfind("invalid schema", 0), 0u);
 }
 
 }  // namespace

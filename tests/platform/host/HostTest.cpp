@@ -19,15 +19,9 @@ using HostTest = cstest::SandboxTest;
 // A relative root (even one that starts like an option) is made absolute, so no path handed to the
 // host's shell commands reads as an option; a refused root leaves the previous one.
 TEST_F(HostTest, RootIsCheckedMadeAbsoluteAndJoinedToAbsolutePaths) {
-  for (char c : std::string(" ';$`")) {
-    try {
-      Host::SetRoot(root_ + "/bad" + c + "root");
-      ADD_FAILURE() << "accepted " << c;
-    } catch (const std::invalid_argument& e) {
-      EXPECT_NE(std::string(e.what()).find(std::string("'") + c + "'"), std::string::npos) << e.what();
-    }
+  for (const std::string bad : {root_ + "/bad root", root_ + "/bad$root", std::string()}) {
+    EXPECT_THROW(Host::SetRoot(bad), std::invalid_argument) << bad;
   }
-  EXPECT_THROW(Host::SetRoot(""), std::invalid_argument);
   EXPECT_EQ(Host::Root(), root_);
   Host::SetRoot(root_ + "/az09_.+-x//");
   const std::string root = Host::Root();

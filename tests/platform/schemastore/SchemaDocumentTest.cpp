@@ -88,7 +88,6 @@ TEST_F(SchemaDocumentTest, UnknownNamesAreClosedOutOrLeftOpenAsAsked) {
     "qor": {"nothing": {"here": {}}, "network": {"bogus": {}, "nuknics": {"name": "nuk0"}}}}})");
   GenerateSchemaDocument(desired, cache_, schema_, UnknownObjects::Refuse);
   EXPECT_EQ(At("/properties/profile/properties/vendor") + At(kKeys + "/nothing") + At(kKeys + "/network/properties/bogus"), "");
-  EXPECT_EQ(At(kKeys + "/network/additionalProperties"), "false");
   EXPECT_NE(At(kKeys + "/network/properties/nuknics/$ref"), "");  // one instance given as an object
   GenerateSchemaDocument(desired, cache_, schema_, UnknownObjects::Accept);
   for (const std::string& level : {std::string("/properties/profile"), kKeys.substr(0, 34), kKeys + "/network"}) {

@@ -112,6 +112,8 @@ TEST_F(PlonTest, WrongNodesAndArgumentsAreRefused) {
     EXPECT_FALSE(PLON_WriteNodeFile(path, "x")) << path;
   }
   EXPECT_TRUE(NothingUnderRoot());
+  ASSERT_EQ(PLON_Set(kLimits, Strings({"configstore"}).get(), Ints({70, 95}).get()), NUK_OK);  // and a good one is kept
+  EXPECT_EQ(ReadFile("/sys/plon/system/lumafs/ramdisks/configstore/memUsageLimit"), "70 95\n");
   ASSERT_TRUE(PLON_WriteNodeFile("/system/bootCmdLine", "x"));
   ASSERT_TRUE(PLON_WriteNodeFile("/system/lumafs/inodes/12/stats", std::string(256, 'r')));
   const auto unknown = static_cast<PLON_NodeId>(99);

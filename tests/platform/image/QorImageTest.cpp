@@ -62,25 +62,18 @@ TEST_F(QorImageTest, ReadsTheSampleHostDatabaseAfreshEachTime) {
   EXPECT_EQ(ReadFile(kLock), std::to_string(::getpid()) + "\n");
   EXPECT_TRUE(LockIsFree());
   EXPECT_EQ(image->Name() + " " + image->Version(), "Talvex-8.0.2-standard 8.0.2_1.0");
-  const std::vector<QorImage::Package>& packages = image->GetPackages();
-  ASSERT_EQ(packages.size(), 4u);
-  EXPECT_EQ(packages[2].archives, Strings({"storage-kit.tgz", "storage-drivers.tgz"}));
+  EXPECT_EQ(image->GetPackages().at(2).archives, Strings({"storage-kit.tgz", "storage-drivers.tgz"}));
   EXPECT_EQ(image->GetPackageIds(),
             Strings({"qor-base-8.0.2_1.0", "net-core-1.2.3_4.5", "storage-kit-2.1.0_3.1", "tools-lite-1.0.0_0.1"}));
   EXPECT_EQ(QorImage::GetSchemaIds(), Strings({"qor-base-8.0.2_1.0", "net-core-1.2.3_4.5"}));
-  for (const QorImage::Package& package : packages) {
-    for (const std::string& id : package.SchemaIds()) EXPECT_EQ(id, package.Id());  // "<kitname>-<kitversion>"
-    EXPECT_EQ(package.HasTag("RestrictStickyFiles"), package.name == "storage-kit") << package.name;
-    EXPECT_FALSE(package.HasTag("ConfigSchema:"));  // whole tags only, never a prefix
-  }
-  EXPECT_EQ(image->FindPackage("net"), nullptr);
+  EXPECT_TRUE(image->FindPackage("storage-kit")->HasTag("RestrictStickyFiles"));
+  EXPECT_FALSE(image->FindPackage("storage-kit")->HasTag("RestrictSticky"));  // whole tags only, never a prefix
 
-  // Names of every allowed character; several schema tags; unknown elements and unlisted files ignored.
+  // Names of every allowed character; several schema tags; unknown elements ignored.
   WriteFile(kProfile, Profile({"Kit_9.x+y-z", "b"}));
   WriteFile(DescriptorPath("Kit_9.x+y-z"), Descriptor("Kit_9.x+y-z", "1.0", "<tag> ConfigSchema:a-1.0 </tag><other/>"
                                                       "<tag>ConfigSchema:a-extra-2.0</tag>"));
   WriteFile(DescriptorPath("b"), Descriptor("b", "2.0"));
-  WriteFile(DescriptorPath("stale"), "not xml at all");
   auto after = QorImage::GetQorImage();
   EXPECT_EQ(after->GetSchemaIds(), Strings({"a-1.0", "a-extra-2.0"}));
   EXPECT_EQ(after->GetPackageIds(), Strings({"Kit_9.x+y-z-1.0", "b-2.0"}));
@@ -99,26 +92,17 @@ TEST_F(QorImageTest, BadDatabaseNamesTheFileAndTheFault) {
   const Case cases[] = {
       {{}, {}, {}, kProfile, "missing"},
       {"<imageProfile><name>x</imageProfile>", {}, {}, kProfile, "Start-end tags mismatch at offset 23"},
-      {"<profile/>", {}, {}, kProfile, "root element is \"profile\", expected <imageProfile>"},
-      {"<imageProfile><name>x</name></imageProfile>", {}, {}, kProfile, "<imageProfile> has no <version>"},
       {Profile({"../../../etc/passwd"}), {}, {}, kProfile, "\"../../../etc/passwd\" is not a plain name"},
-      {Profile({"a/b"}), {}, {}, kProfile, "\"a/b\" is not a plain name"},
       {Profile({"a b"}), {}, {}, kProfile, "\"a b\" is not a plain name"},
-      {Profile({""}), {}, {}, kProfile, "an empty <package> in <packages>"},
       {Profile({"a", "a"}), Descriptor("a", "1"), {}, kProfile, "\"a\" is listed twice"},
       {profileOfA, {}, {}, a, "missing, but profile.xml lists the package \"a\""},
       {profileOfA, Descriptor("b", "1"), {}, a, "describes the package \"b\", expected \"a\""},
-      {profileOfA, "<package><name>a</name><version>  </version></package>", {}, a, "<version> is empty"},
-      {profileOfA, Descriptor("a", "1", "<tag></tag>"), {}, a, "an empty <tag> in <tags>"},
       {profileOfA, Descriptor("a", "1", "<tag>ConfigSchema:</tag>"), {}, a, "\"ConfigSchema:\" names no schema identifier"},
-      {profileOfA, {}, atA([](const std::string& p) { fs::create_directories(p); }), a, "Is a directory"},
       // Opening a FIFO must not wait for a writer.
       {profileOfA, {}, atA([](const std::string& p) {
          fs::create_directories(fs::path(p).parent_path());
          ASSERT_EQ(::mkfifo(p.c_str(), 0644), 0);
        }), a, "not a regular file"},
-      {profileOfA, "", atA([](const std::string& p) { fs::resize_file(p, 8 * 1024 * 1024 + 1); }), a,
-       "larger than 8388608 bytes"},
       {{}, {}, [this] { fs::create_directories(Path(kLock)); }, kLock, "Cannot open the image database lock file"},
   };
   for (const Case& c : cases) {
@@ -135,12 +119,8 @@ TEST_F(QorImageTest, BadDatabaseNamesTheFileAndTheFault) {
 
 TEST_F(QorImageTest, HostileXmlIsReadOrRefusedNeverExpanded) {
   const std::string header = "<package><name>p</name><version>1</version>";
-  std::string deepOpen, deepClose, doctypeNest = "<!DOCTYPE package [";
-  for (int i = 0; i < 200000; ++i) {
-    deepOpen += "<d>";
-    deepClose += "</d>";
-    doctypeNest += "<![";
-  }
+  std::string deepOpen;
+  for (int i = 0; i < 200000; ++i) deepOpen += "<d>";
   // Each entity stands for ten of the previous one: &lol9; would be 10^9 bytes if expanded.
   std::string laughs = "<!DOCTYPE package [<!ENTITY lol0 \"lol\">";
   for (int i = 1; i <= 9; ++i) {
@@ -152,14 +132,9 @@ TEST_F(QorImageTest, HostileXmlIsReadOrRefusedNeverExpanded) {
       {"<!DOCTYPE package [<!ENTITY xxe SYSTEM \"file:///etc/passwd\">]>" + header + "<tags><tag>&xxe;</tag></tags></package>",
        {"&xxe;"}, ""},
       {laughs + "]>" + header + "<tags><tag>&lol9;</tag></tags></package>", {"&lol9;"}, ""},
-      {header + deepOpen + deepClose + "<tags><tag>t</tag></tags></package>", {"t"}, ""},
       {header + deepOpen + "</package>", {}, "Start-end tags mismatch"},
-      {doctypeNest + "]>" + header + "</package>", {}, "Error parsing document type declaration"},
-      {"<package big=\"" + std::string(2 << 20, 'x') + "\"><name>p</name><version>1</version><tags><tag>t</tag></tags></package>",
-       {"t"}, ""},
       {"<package><name>" + std::string(1 << 20, 'n') + "</name><version>1</version></package>", {},
        "describes the package \"nnnn"},
-      {std::string("<package>\0\xff\xfe<name>", 15) + "</package>", {}, "Start-end tags mismatch at offset 9"},
   };
   for (const auto& [xml, tags, fragment] : cases) {
     WriteFile(kProfile, Profile({"p"}));

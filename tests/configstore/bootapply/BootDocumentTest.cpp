@@ -2,7 +2,7 @@
 #include <gmock/gmock.h>
 
 #include "configstore/boot/BootDocument.h"
-#include "tests/configstore/bootapply/BootApplyFixture.h"
+#include "tests/configstore/bootapply/StoreFixture.h"
 
 namespace QorConfigStore {
 namespace {
@@ -10,11 +10,11 @@ namespace {
 using testing::ElementsAre;
 using testing::MatchesRegex;
 
-class BootDocumentTest : public bootapply::BootApplyTest {
+class BootDocumentTest : public storetest::StoreTest {
  protected:
   void SetUp() override {
-    BootApplyTest::SetUp();
-    RegisterSchemas();
+    StoreTest::SetUp();
+    Register(storetest::kBootSchemas);
   }
   void Run(const std::string& document) {
     if (!document.empty()) WriteFile(kBootConfigurationDocument, document);

@@ -1,10 +1,9 @@
 // The boot-mode routines that apply staged configuration: host API (4), SmartNIC (3) and desired
 // user configuration generation (1), each on one store with rows of every key.
 #include <gmock/gmock.h>
-#include <sqlite3.h>
 
 #include "configstore/boot/BootTimeApply.h"
-#include "tests/configstore/bootapply/BootApplyFixture.h"
+#include "tests/configstore/bootapply/StoreFixture.h"
 
 namespace QorConfigStore {
 namespace {
@@ -13,7 +12,7 @@ using testing::ElementsAre;
 using Routine = void (*)(const DBStore::Connection&);
 using Strings = std::vector<std::string>;
 
-class BootTimeApplyTest : public bootapply::BootApplyTest {
+class BootTimeApplyTest : public storetest::StoreTest {
  protected:
   // Rows of every key, in place of what the store held.
   void Base() {
@@ -28,8 +27,8 @@ class BootTimeApplyTest : public bootapply::BootApplyTest {
     AddDefault("('firewall','rules','d1','D1'), ('firewall','rules','d2','D2'), ('network','dns','x','X')");
   }
   void SetUp() override {
-    BootApplyTest::SetUp();
-    RegisterSchemas();
+    StoreTest::SetUp();
+    Register(storetest::kBootSchemas);
     Base();
   }
 };
@@ -94,20 +93,6 @@ TEST_F(BootTimeApplyTest, SmartnicSetOverAnExistingUnsharedObjectFails) {
   const cstest::StoreDump before = cstest::DumpStores();
   EXPECT_EQ(ApplyAndCancel(ApplySmartnicBootConfiguration), "Failed to process BootAction=SET for new configs");
   EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
-}
-
-// Four values per preserved object would pass SQLite's limit of bound values past 8,191 objects.
-TEST_F(BootTimeApplyTest, GenerationKeepsTenThousandPreservedInstances) {
-  sqlite3_limit(conn_->db, SQLITE_LIMIT_VARIABLE_NUMBER, 32766);  // SQLite's default, as on the host
-  RegisterSchemas({bootapply::kSchemas[0]});
-  const std::string ids = "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < 9999) ";
-  Sql("DELETE FROM Config");
-  Sql("UPDATE ss.ConfigSchema SET PreservedInstanceIds = (" + ids + "SELECT json_group_array('vmk' || i) FROM n)");
-  Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) " + ids +
-      "SELECT 'qor', 'network', 'nuknics', 'vmk' || i, 'u' FROM n UNION ALL SELECT 'qor', 'network', 'nuknics', "
-      "'other', 'u'");
-  Apply(GenerateDesiredUserConfiguration);
-  EXPECT_THAT(Query("SELECT count(*), min(UserValue) FROM Config"), ElementsAre("10000|u"));
 }
 
 TEST_F(BootTimeApplyTest, PreservedObjectsComeFromInstancedKeysWithOwnIds) {

@@ -1,6 +1,8 @@
-// The plan of the next boot on the sample host after its first boot: what it lists, and that the
-// store is left exactly as it was.
+// The plan of the next boot on the sample host after its first boot: what it says of a changed
+// object, a failing step, and that the store is left exactly as it was.
 #include <gmock/gmock.h>
+
+#include <algorithm>
 
 #include "configstore/boot/LoadStore.h"
 #include "configstore/bootstate/BootState.h"
@@ -14,7 +16,6 @@ namespace QorConfigStore {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 class NextBootPlanTest : public cstest::SandboxTest {
  protected:
@@ -26,10 +27,6 @@ class NextBootPlanTest : public cstest::SandboxTest {
     Remove("/var/lib/talvex/firstboot/current-store-1");
   }
 
-  void Sql(const std::string& sql) {
-    ASSERT_EQ(DBStore::Exec(GetDBConnection(DBStore::CONFIG_STORE, true), sql), 0) << sql;
-  }
-
   // The plan, checked to leave every store as it found it.
   NextBootPlan Plan() {
     cstest::StoreDump before = cstest::DumpStores();
@@ -37,53 +34,23 @@ class NextBootPlanTest : public cstest::SandboxTest {
     EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
     return plan;
   }
-
-  static std::vector<std::string> Ids(const std::vector<PlannedObject>& objects) {
-    std::vector<std::string> ids;
-    for (const auto& o : objects) ids.push_back(o.id.key + "/" + o.id.id);
-    return ids;
-  }
 };
 
-TEST_F(NextBootPlanTest, DesiredConfigurationListsItsChangesAndWhatThePreservationRulesKeep) {
-  // A solution-user account survives a desired configuration; the site administrator does not.
-  Sql("INSERT INTO Config (Component, ConfigGroup, Name, Identifier, UserValue) VALUES ('qor', 'authentication', "
-      "'user_accounts', 'svc-zpl-1', '{\"name\":\"svc-zpl-1\"}')");
+// A changed object names the columns and the members that change (the lists of objects are checked
+// against what the load then does by the plan tests run through configstorectl).
+TEST_F(NextBootPlanTest, ChangedObjectNamesItsChangedColumnsAndMembers) {
   auto doc = CreateDocumentFromString(
-      R"({"profile":{"qor":{"network":{"dns":{"hostname":"host02","domain":"lab.example","servers":[],"extra":1}},)"
-      R"("authentication":{"user_accounts":[{"name":"ops"}]}}}})");
+      R"({"profile":{"qor":{"network":{"dns":{"hostname":"host02","domain":"lab.example","servers":[],"extra":1}}}}})");
   SetDesiredUserConfig(*doc->document);
-
   NextBootPlan plan = Plan();
   ASSERT_FALSE(plan.failure) << *plan.failure;
-  EXPECT_EQ(plan.bootMode, BOOT_MODE_DESIRED_USER_CONFIG);
-  std::vector<std::string> added = Ids(plan.added), removed = Ids(plan.removed);
-  EXPECT_THAT(added, testing::Contains("user_accounts/ops"));
-  EXPECT_THAT(removed, testing::IsSupersetOf({"user_accounts/admin", "nuknics/nuk0", "nuknics/nuk1"}));
-  EXPECT_THAT(Ids(plan.kept), ElementsAre("user_accounts/svc-zpl-1"));
-
-  ASSERT_THAT(Ids(plan.changed), testing::Contains("dns/"));
-  const PlannedObject& dns = *std::find_if(plan.changed.begin(), plan.changed.end(),
-                                           [](const PlannedObject& o) { return o.id.key == "dns"; });
-  EXPECT_THAT(dns.changedColumns, ElementsAre("UserValue"));
-  EXPECT_THAT(dns.membersAdded, ElementsAre("extra"));
-  EXPECT_THAT(dns.membersRemoved, ElementsAre("search_domains"));
-  EXPECT_THAT(dns.membersChanged, ElementsAre("hostname", "servers"));
-  EXPECT_THAT(*dns.oldUserValue, testing::HasSubstr("host01"));
-  EXPECT_THAT(*dns.newUserValue, testing::HasSubstr("host02"));
-}
-
-TEST_F(NextBootPlanTest, FoldOfDesiredValuesIsPlannedInTheDefaultMode) {
-  // Values that are not JSON objects get no member lists; nothing is "kept" without a boot-mode step.
-  Sql("UPDATE Config SET DesiredValue = 'not json' WHERE Name = 'dns'");
-  NextBootPlan plan = Plan();
-  EXPECT_EQ(plan.bootMode, BOOT_MODE_DEFAULT);
-  ASSERT_THAT(Ids(plan.changed), ElementsAre("dns/"));
-  EXPECT_EQ(plan.changed[0].newUserValue, "not json");
-  EXPECT_THAT(plan.changed[0].membersChanged, IsEmpty());
-  EXPECT_THAT(plan.added, IsEmpty());
-  EXPECT_THAT(plan.removed, IsEmpty());
-  EXPECT_THAT(plan.kept, IsEmpty());
+  auto dns = std::find_if(plan.changed.begin(), plan.changed.end(), [](const auto& o) { return o.id.key == "dns"; });
+  ASSERT_NE(dns, plan.changed.end());
+  EXPECT_THAT(dns->changedColumns, ElementsAre("UserValue"));
+  EXPECT_THAT(dns->membersAdded, ElementsAre("extra"));
+  EXPECT_THAT(dns->membersRemoved, ElementsAre("search_domains"));
+  EXPECT_THAT(dns->membersChanged, ElementsAre("hostname", "servers"));
+  EXPECT_THAT(*dns->newUserValue, testing::HasSubstr("host02"));
 }
 
 TEST_F(NextBootPlanTest, FailingStepIsReportedAndChangesNothing) {

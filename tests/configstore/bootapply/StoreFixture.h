@@ -1,6 +1,6 @@
-// Fixture of the boot-time apply tests: a sandbox root with fresh stores, registered schemas, rows
-// written with SQL and read back as text. Calls run on one connection with the schema store attached,
-// inside a transaction, as the boot load runs them.
+// Fixture of the staging and boot-time apply tests: a sandbox root with fresh stores, schemas of
+// component "qor" registered, and one connection to the store, the schema store attached, on which
+// rows are written with SQL and read back as text.
 #pragma once
 
 #include <functional>
@@ -15,33 +15,14 @@
 #include "tests/support/StoreDump.h"
 #include "tests/support/StoreRows.h"
 
-namespace bootapply {
+namespace storetest {
 
-// Schema-file elements of component "qor". nuknics: instanced, shared with the SmartNIC, "vmk0" and
-// "vmk9" preserved. hostname: a shared singleton. dns: instanced, shared, objects without a user value
-// survive a desired configuration. user_accounts: instanced. syslog: outside the desired-state process
-// and not shared. rules: generated instance ids.
-inline const std::vector<std::string> kSchemas = {
-    R"({"component": "qor", "group": "network", "key": "nuknics", "version": "1.0", "singleton": false,
-    "dspIntegrated": true, "preserveInstanceIds": ["vmk0", "vmk9"], "smartnic": {"schema": "qor-shared"},
-    "schema": {"type": "object", "required": ["name"], "properties": {"name": {"type": "string", "instanceId": true},
-    "mtu": {"type": "integer", "minimum": 1280, "maximum": 9000}, "mac": {"type": "string", "vital": true},
-    "stats": {"type": "string", "cached": true}}}})",
-    R"({"component": "qor", "group": "system", "key": "hostname", "version": "2.0", "dspIntegrated": true,
-    "smartnic": {"schema": "qor-shared"}, "schema": {"type": "object", "properties": {"name": {"type": "string"}}}})",
-    R"({"component": "qor", "group": "network", "key": "dns", "version": "1.1", "singleton": false,
-    "dspIntegrated": true, "preserveNonUser": true, "mutableDefaultConfig": true, "smartnic": {"schema": "qor-shared"},
-    "schema": {"type": "object", "properties": {"server": {"type": "string", "instanceId": true}}}})",
-    R"({"component": "qor", "group": "authentication", "key": "user_accounts", "version": "1.0", "singleton": false,
-    "dspIntegrated": true, "schema": {"type": "object", "properties": {"name": {"type": "string", "instanceId": true}}}})",
-    R"({"component": "qor", "group": "logging", "key": "syslog", "version": "3.0", "singleton": false,
-    "dspIntegrated": false, "schema": {"type": "object", "properties": {"host": {"type": "string", "instanceId": true}}}})",
-    R"({"component": "qor", "group": "firewall", "key": "rules", "version": "1.1", "dspIntegrated": true,
-    "schema": {"type": "object", "properties": {"cs_generated_id": {"type": "string", "instanceId": true,
-    "generatedId": true}, "port": {"type": "integer", "minimum": 1}}}})",
+// A registered key of component "qor": group, key, version, extra members, the schema object's body.
+struct Element {
+  const char *group, *key, *version, *extra, *schema;
 };
 
-class BootApplyTest : public cstest::SandboxTest {
+class StoreTest : public cstest::SandboxTest {
  protected:
   void SetUp() override {
     SandboxTest::SetUp();
@@ -54,16 +35,17 @@ class BootApplyTest : public cstest::SandboxTest {
     SandboxTest::TearDown();
   }
 
-  // One registration of the given schema-file elements (all of kSchemas by default), replacing earlier ones.
-  static void RegisterSchemas(const std::vector<std::string>& elements = kSchemas) {
+  // Registers `elements` in place of everything registered before.
+  static void Register(const std::vector<Element>& elements) {
     auto store = QorSchemaStore::SchemaStore::GetStore(true);
     store->BeginUpdate();
     store->ResetSchemas();
-    for (const std::string& text : elements) {
-      rapidjson::Document element;
-      ASSERT_FALSE(element.Parse(text.c_str()).HasParseError()) << text;
-      QorSchemaStore::SetSchema("test-kit-1.0", "qor", element["group"].GetString(), element["key"].GetString(), text,
-                                store, element.HasMember("smartnic"));
+    for (const Element& e : elements) {
+      const std::string text = std::string(R"({"component": "qor", "group": ")") + e.group + R"(", "key": ")" + e.key +
+                               R"(", "version": ")" + e.version + "\", " + e.extra +
+                               R"("schema": {"type": "object", )" + e.schema + "}}";
+      QorSchemaStore::SetSchema("test-kit-1.0", "qor", e.group, e.key, text, store,
+                                std::string(e.extra).find("smartnic") != std::string::npos);
     }
     store->CommitUpdate();
   }
@@ -97,6 +79,11 @@ class BootApplyTest : public cstest::SandboxTest {
         "VitalValue, CachedValue" +
         more + " FROM Config ORDER BY ConfigGroup, Name, Identifier");
   }
+  std::string BootMode() const {
+    std::string mode;
+    EXPECT_EQ(DBStore::ReadKeyValue("BOOT_MODE", &mode, conn_), 0);
+    return mode;
+  }
 
   // As the boot load: the routine inside a transaction that is committed.
   void Apply(const std::function<void(const DBStore::Connection&)>& routine) {
@@ -127,4 +114,30 @@ class BootApplyTest : public cstest::SandboxTest {
   DBStore::Connection conn_;
 };
 
-}  // namespace bootapply
+// The boot-time apply tests' keys. nuknics: instanced, shared with the SmartNIC, "vmk0" and "vmk9"
+// preserved. hostname: a shared singleton. dns: instanced, shared, objects without a user value survive
+// a desired configuration. user_accounts: instanced. syslog: outside the desired-state process and not
+// shared. rules: generated instance ids.
+inline const std::vector<Element> kBootSchemas = {
+    {"network", "nuknics", "1.0",
+     R"("singleton": false, "dspIntegrated": true, "preserveInstanceIds": ["vmk0", "vmk9"], "smartnic": {"schema":
+     "qor-shared"}, )",
+     R"("required": ["name"], "properties": {"name": {"type": "string", "instanceId": true}, "mtu": {"type": "integer",
+     "minimum": 1280, "maximum": 9000}, "mac": {"type": "string", "vital": true}, "stats": {"type": "string",
+     "cached": true}})"},
+    {"system", "hostname", "2.0", R"("dspIntegrated": true, "smartnic": {"schema": "qor-shared"}, )",
+     R"("properties": {"name": {"type": "string"}})"},
+    {"network", "dns", "1.1",
+     R"("singleton": false, "dspIntegrated": true, "preserveNonUser": true, "mutableDefaultConfig": true,
+     "smartnic": {"schema": "qor-shared"}, )",
+     R"("properties": {"server": {"type": "string", "instanceId": true}})"},
+    {"authentication", "user_accounts", "1.0", R"("singleton": false, "dspIntegrated": true, )",
+     R"("properties": {"name": {"type": "string", "instanceId": true}})"},
+    {"logging", "syslog", "3.0", R"("singleton": false, "dspIntegrated": false, )",
+     R"("properties": {"host": {"type": "string", "instanceId": true}})"},
+    {"firewall", "rules", "1.1", R"("dspIntegrated": true, )",
+     R"("properties": {"cs_generated_id": {"type": "string", "instanceId": true, "generatedId": true}, "port":
+     {"type": "integer", "minimum": 1}})"},
+};
+
+}  // namespace storetest

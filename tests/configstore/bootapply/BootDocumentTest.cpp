@@ -98,14 +98,5 @@ TEST_F(BootDocumentTest, RewriteKeepsTheObjectsOwnStoredParts) {
   EXPECT_TRUE(Logged("Default configuration for qor/network/dns will be deleted.", CSLogger::PRIO_INFO));
 }
 
-TEST_F(BootDocumentTest, UnreadableDocumentFailsWith1081) {
-  for (const char* text : {"", "{", R"({"qor": {},})", "{\"a\": 1} trailing"}) {
-    SCOPED_TRACE(text);
-    WriteFile(kBootConfigurationDocument, text);
-    EXPECT_THAT(cstest::Thrown([&] { ProcessBootConfigurationDocument(conn_); }),
-                testing::AllOf(testing::StartsWith("1081 "), testing::HasSubstr(Path(kBootConfigurationDocument))));
-  }
-}
-
 }  // namespace
 }  // namespace QorConfigStore

@@ -107,39 +107,6 @@ TEST_F(DefaultConfigTest, OnlyTheNewestFileOfAPackageIsReadWithVersioning) {
   EXPECT_EQ(Query("SELECT Identifier FROM DefaultConfig ORDER BY Identifier"), (Strings{"nuk-new", "nuk-old"}));
 }
 
-TEST_F(DefaultConfigTest, BadDocumentsCancelTheWholeRun) {
-  WriteBase(Defaults("dns", R"({"domain": "kept"})"));
-  ASSERT_TRUE(ProcessDefaultConfiguration(false));
-  const Strings before = DefaultRows();
-
-  struct Case {
-    const char* what;
-    std::string content;
-    const char* message;  // start of the logged text after "DefaultConfiguration Failed "
-  };
-  const std::string meta = R"("metadata": {"kitname": "zz-kit", "kitversion": "1.0.0_0.0"})";
-  const Case cases[] = {
-      {"not JSON", "{\"data\": [", ""},
-      // Valid by the default rules, which accept unknown members, but the split needs every member described.
-      {"undescribed member",
-       "{" + meta + R"(, "data": [{"component": "qor", "group": "network", "key": "dns", "config": {"extra": 1}}]})",
-       "JSON error:"},
-  };
-  for (bool versioning : {true, false}) {
-    SetSwitches(versioning, true);
-    for (const Case& c : cases) {
-      SCOPED_TRACE(std::string(c.what) + (versioning ? ", versioning on" : ", versioning off"));
-      // Listed beside a good file that is processed first or after: either way nothing stays.
-      WriteBase(Defaults("dns", R"({"domain": "changed"})") + "," + Defaults("nics", R"({"name": "n"})"));
-      WriteRawDefaultFile("zz.json", c.content);
-      log_.Clear();
-      EXPECT_FALSE(ProcessDefaultConfiguration(false));
-      EXPECT_EQ(DefaultRows(), before);
-      EXPECT_EQ(log_.Count(std::string("DefaultConfiguration Failed ") + c.message), 1u);
-    }
-  }
-}
-
 // A failed instance write loses that instance only (every fault point is swept with the store
 // checked in tests/reliability/sweeps): the table is cleared, the schema of "nics" read (steps 2
 // and 3), and its first instance written.

@@ -69,9 +69,6 @@ TEST_F(BootDocumentTest, EmptyInvalidAndMisshapenValuesWriteNothing) {
       {R"({"qor": {"network": {"nuknics": [{"name": "vmk0"}, {"mtu": 1500}]}}})",
        "Validation failed for qor/network/nuknics, skipping"},
       {R"({"qor": {"system": {"hostname": [{"name": "a"}]}}})", "Validation failed for qor/system/hostname, skipping"},
-      // A document that is no object ends the run early.
-      {"[1, 2]", "Failed to process, document should be an object"},
-      {R"({"profile": ["qor"]})", "Failed to process, \"profile\" should be an object"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c[0]);
@@ -79,7 +76,7 @@ TEST_F(BootDocumentTest, EmptyInvalidAndMisshapenValuesWriteNothing) {
     EXPECT_TRUE(ConfigRows().empty());
     EXPECT_TRUE(Logged(c[1], CSLogger::PRIO_ERROR));
     EXPECT_FALSE(Logged("Schema not found"));
-    EXPECT_EQ(Logged("Boot document processed."), std::string(c[1]).rfind("Failed to process", 0) != 0);
+    EXPECT_TRUE(Logged("Boot document processed."));
   }
 }
 

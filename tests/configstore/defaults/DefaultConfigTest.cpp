@@ -46,7 +46,9 @@ class DefaultConfigTest : public cstest::SchemaHostTest {
 };
 
 // Instances are split into user, vital and cached parts; a DPU takes qorio_config where there is one.
+// With versioning only the newest file of a package is read, without it every file.
 TEST_F(DefaultConfigTest, ValidInstancesAreSplitAndWritten) {
+  WriteDefaultFile("base-old.json", cstest::kBaseKit, "8.0.1_0.0", Defaults("nics", R"({"name": "nuk-old"})"));
   WriteBase(R"({"component": "qor", "group": "network", "key": "nics", "qorio_config": [{"name": "nuk5"}], "config":
             [{"name": "nuk0", "mtu": 1500, "mac": "aa", "speed": 10}, {"name": "nuk1"}]},)" +
             Defaults("dns", R"({"domain": "lab", "servers": ["a"]})") + "," +
@@ -65,6 +67,10 @@ TEST_F(DefaultConfigTest, ValidInstancesAreSplitAndWritten) {
   EXPECT_FALSE(Exists("/var/run/talvex/files/errors-base.json"));
   EXPECT_TRUE(ProcessDefaultConfiguration(true));
   EXPECT_EQ(Query("SELECT Identifier FROM DefaultConfig WHERE Name = 'nics'"), Strings{"nuk5"});
+  SetSwitches(false, true);
+  EXPECT_TRUE(ProcessDefaultConfiguration(false));
+  EXPECT_EQ(Query("SELECT Identifier FROM DefaultConfig WHERE Name = 'nics' ORDER BY 1"),
+            (Strings{"nuk-old", "nuk0", "nuk1"}));
 }
 
 // Invalid instances and unknown keys go to the package's error file and the valid rest is written.
@@ -94,17 +100,6 @@ TEST_F(DefaultConfigTest, EachRunReplacesTheTableAndItsErrorFile) {
     EXPECT_EQ(DefaultRows(), run.rows);
     EXPECT_EQ(ReadFile("/var/run/talvex/files/errors-base.json"), run.errors);
   }
-}
-
-TEST_F(DefaultConfigTest, OnlyTheNewestFileOfAPackageIsReadWithVersioning) {
-  WriteDefaultFile("base-old.json", cstest::kBaseKit, "8.0.1_0.0", Defaults("nics", R"({"name": "nuk-old"})"));
-  WriteDefaultFile("base-new.json", cstest::kBaseKit, cstest::kBaseVersion, Defaults("nics", R"({"name": "nuk-new"})"));
-  EXPECT_TRUE(ProcessDefaultConfiguration(false));
-  EXPECT_EQ(Query("SELECT Identifier FROM DefaultConfig"), Strings{"nuk-new"});
-
-  SetSwitches(false, true);
-  EXPECT_TRUE(ProcessDefaultConfiguration(false));
-  EXPECT_EQ(Query("SELECT Identifier FROM DefaultConfig ORDER BY Identifier"), (Strings{"nuk-new", "nuk-old"}));
 }
 
 // A failed instance write loses that instance only (every fault point is swept with the store

@@ -106,10 +106,8 @@ TEST_F(DesiredTest, StagesEveryObjectAsSetWithItsSchemaVersion) {
                   Row(nullptr, "dpu", "mode", "", "default", R"({"mode":"offload"})", "dv", "dc"),
                   MatchesRegex("SET\\|qor\\|firewall\\|rules\\|" + uuid +
                                "\\|1.1\\|\\{\"port\":22,\"cs_generated_id\":\"" + uuid + "\"\\}\\|-\\|-")));
-  EXPECT_EQ(cstest::JoinedRows(conn_,
-                               "SELECT COUNT(*) FROM DesiredUserConfig WHERE Name = 'rules' AND Identifier = "
-                               "json_extract(Value, '$.cs_generated_id')",
-                               "-"),
+  EXPECT_EQ(Query("SELECT COUNT(*) FROM DesiredUserConfig WHERE Name = 'rules' AND Identifier = "
+                  "json_extract(Value, '$.cs_generated_id')"),
             std::vector<std::string>{"2"});
   EXPECT_EQ(BootMode(), "1");
   EXPECT_TRUE(log_.Contains("Schema not found for id='qor/network/bogus'", CSLogger::PRIO_WARNING));

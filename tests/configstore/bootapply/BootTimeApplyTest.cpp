@@ -123,7 +123,6 @@ TEST_F(BootTimeApplyTest, EachFailingStatementThrowsItsMessage) {
   } cases[] = {
       {host, K::Step, 1, "Failed to mark configurations with BootAction=DELETE_INSTANCE for deletion"},
       {nic, K::Prepare, 1, "Failed to process BootAction=DELETE"},
-      {gen, K::Prepare, 1, "Failed to read preserved instance ids"},
       {gen, K::Prepare, 2, "Failed to mark user configuration for delete"},
       {gen, K::Prepare, 4, "Failed to mark user configuration for delete"},
       {gen, K::Prepare, 5, "Failed to insert desired configuration to config table"},

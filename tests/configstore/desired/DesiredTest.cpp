@@ -6,7 +6,6 @@
 #include <set>
 
 #include "configstore/desired/DesiredConfig.h"
-#include "configstore/frame/CallFrame.h"
 #include "configstore/frame/Documents.h"
 #include "tests/configstore/bootapply/StoreFixture.h"
 #include "tests/support/Ctl.h"
@@ -115,8 +114,6 @@ TEST_F(DesiredTest, StagesEveryObjectAsSetWithItsSchemaVersion) {
 
 // Every refusal leaves the stores as they were, the earlier staging and boot mode included.
 TEST_F(DesiredTest, BadDocumentOrUnreadableCurrentObjectIsRefusedWhole) {
-  const std::string idMissing =
-      "1032 SetDesiredUserConfig failed: " + QorConfigStore::Format(ErrorMessageForId(1032), "name");
   const std::string failed = "2000 SetDesiredUserConfig failed: ";
   const std::string empty = R"({"profile": {}})";
   struct Case {
@@ -124,8 +121,6 @@ TEST_F(DesiredTest, BadDocumentOrUnreadableCurrentObjectIsRefusedWhole) {
     std::string document;
     std::string thrown;
   } cases[] = {
-      // The first instance is written before the second is refused: both go.
-      {nullptr, R"({"profile": {"qor": {"network": {"nuknics": [{"name": "nuk0"}, {"mtu": 1500}]}}}})", idMissing},
       {"('network_zsw', 'switches', 'sw', '{not json', NULL, NULL)", empty,
        failed + "Failed to preserve ZSW configruation."},
       {"('network', 'nuknics', 'nuk9', 'not json', NULL, NULL)",
@@ -152,8 +147,6 @@ TEST_F(DesiredTest, BadDocumentOrUnreadableCurrentObjectIsRefusedWhole) {
     EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
   }
 }
-
-// ---- What a desired document carries over.
 
 // The host configuration file decides between carrying current networking over whole and the
 // switch rule, which stages again (compact, with the schema's version) every switch the document drops
@@ -221,17 +214,7 @@ TEST_F(DesiredTest, CurrentConfigurationIsCarriedOver) {
     for (const std::string& key : c.keys) rows.merge(Staged(key));
     EXPECT_EQ(rows, c.rows);
   }
-  // Without the accounts key no permission is a solution user's.
-  std::vector<Element> withoutAccounts;
-  for (const Element& e : kSchemas) {
-    if (std::string(e.key) != "user_accounts") withoutAccounts.push_back(e);
-  }
-  Register(withoutAccounts);
-  Stage(R"({"profile": {}})");
-  EXPECT_TRUE(Staged("authorization|permissions").empty());
 }
-
-// ---- SmartNIC staging and host-API deletion.
 
 // Shared keys the document leaves out start from their default; an invalid document is refused whole.
 TEST_F(DesiredTest, SmartnicStagingStartsLeftOutSharedKeysFromTheirDefault) {
@@ -279,16 +262,12 @@ TEST_F(DesiredTest, HostApiDeletionStagesADeleteRowBesideEarlierRows) {
   EXPECT_EQ(BootMode(), "4");
   EXPECT_EQ(Staged("ntp|servers"),
             (Rows{"SET|qor|ntp|servers|earlier|new|{}|-|-", Row("DELETE", "ntp", "servers", "-", nullptr, nullptr)}));
-  EXPECT_TRUE(QorConfigStore::CheckDesiredObjectExists({"servers", "qor", "ntp", "any"}, conn_));
-  EXPECT_FALSE(QorConfigStore::CheckDesiredObjectExists({"hostname", "qor", "ntp", "any"}, conn_));
 
   const cstest::StoreDump before = cstest::DumpStores();
   EXPECT_EQ(Thrown([] { QorConfigStore::DeleteHostAPIConfiguration("qor", "ntp", "nothing"); }),
             "1005 desired configuration for component qor group ntp key nothing");
   EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));
 }
-
-// ---- configstorectl: what the tool adds to the library.
 
 // The failure line names the file and the problem, not the library's function or "logs".
 TEST_F(DesiredTest, SetSmartnicNamesTheFileAndTheProblem) {

@@ -112,7 +112,6 @@ TEST_F(LoadStoreTest, UpgradeBootRunsTheModulesAndPrunesObjectsAndFilesWithoutSc
 TEST_F(LoadStoreTest, AnUnreadableFailureListIsFatal) {
   PrepareOrdinaryBoot();
   WriteFile("/var/run/talvex/files/loadStoreErrors.json", "{");
-  log_.Clear();
   EXPECT_EQ(LoadStore(false), 1);
   EXPECT_THAT(RecordedAlerts().back(), StartsWith("Generic ConfigStore Failure: "));
   const auto lines = log_.Lines();

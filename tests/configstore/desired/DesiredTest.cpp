@@ -1,6 +1,6 @@
 // Staging of desired, SmartNIC and host-API configuration: the rows written, what of the current
-// configuration is carried over, refusal of bad documents, and the staging subcommands of
-// configstorectl run as a process.
+// configuration is carried over, refusal of bad documents, and the report of a refused SmartNIC
+// document by configstorectl run as a process.
 #include <gmock/gmock.h>
 
 #include <set>
@@ -117,7 +117,7 @@ TEST_F(DesiredTest, BadDocumentOrUnreadableCurrentObjectIsRefusedWhole) {
   const std::string failed = "2000 SetDesiredUserConfig failed: ";
   const std::string empty = R"({"profile": {}})";
   struct Case {
-    const char* current;  // a current object as a Config tuple, unless null
+    const char* current;  // a current object as a Config tuple
     std::string document;
     std::string thrown;
   } cases[] = {
@@ -141,7 +141,7 @@ TEST_F(DesiredTest, BadDocumentOrUnreadableCurrentObjectIsRefusedWhole) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.document);
     Sql("DELETE FROM Config");
-    if (c.current != nullptr) AddConfig(c.current);
+    AddConfig(c.current);
     const cstest::StoreDump before = cstest::DumpStores();
     EXPECT_EQ(Thrown([&] { Stage(c.document); }), c.thrown);
     EXPECT_EQ("", cstest::DiffStores(before, cstest::DumpStores()));

@@ -153,7 +153,6 @@ TEST_F(PlonshTest, ToolsAnswerUsageAndRefuseBadRoots) {
       {{"--bogus"}, 2, "", "TOOL: unknown argument: --bogus\nusage: TOOL "},
       {{"--root"}, 2, "", "TOOL: --root needs a value\n"},
       {{"--root", "/tmp/bad root"}, 2, "", "TOOL: host root \"/tmp/bad root\" holds the character ' '"},
-      {{"--root", root_ + "/none"}, 2, "", "TOOL: host root \"" + root_ + "/none\" does not exist\n"},
       {{"--root", root_ + "/file"}, 2, "", "TOOL: host root \"" + root_ + "/file\" is not a directory\n"},
       {{"--help"}, 0, "usage: TOOL [--root DIR] ", ""},
       {{"--version"}, 0, "TOOL " CONFIGSTORE_VERSION "\n", ""},
@@ -173,23 +172,23 @@ TEST_F(PlonshTest, ToolsAnswerUsageAndRefuseBadRoots) {
   }
 }
 
-// Each client has its own directory; an oversize request closes only its connection; a node that
-// is not a regular file is an error at once (a FIFO used to block the whole daemon); SIGTERM
-// removes the socket.
+// One daemon, a cap of three clients and a one-second idle time-out; the clients connect at their
+// first row. Each client has its own directory; an oversize request closes only its connection; a
+// node that is not a regular file is an error at once (a FIFO used to block the whole daemon); past
+// the cap a client is refused, and a place freed is taken by the next; an idle client is told and
+// closed; SIGTERM removes the socket.
 TEST_F(PlonshTest, DaemonServesClientsEachWithItsOwnDirectory) {
   for (const char* node : {"/sys/plon/system/bootMAC", "/sys/plon/system/lumafs/ramdisks/tmp/memUsageLimit"}) {
     Remove(node);
     ASSERT_EQ(::mkfifo(Path(node).c_str(), 0644), 0);
   }
-  daemon_ = Spawn("plonshd", {"--root", root_, "--socket", Path("/s")}, "daemon");
-  int a = Connect(), b = Connect(), big = Connect();
-  ASSERT_TRUE(a >= 0 && b >= 0 && big >= 0);
-  struct stat st;
-  ASSERT_EQ(::stat(Path("/s").c_str(), &st), 0);
-  EXPECT_TRUE(S_ISSOCK(st.st_mode) && (st.st_mode & 0777) == 0600);
+  daemon_ = Spawn("plonshd", {"--root", root_, "--socket", Path("/s"), "--max-clients", "3", "--idle-timeout", "1"},
+                  "daemon");
+  enum { a, b, big, refused, next };
+  int fds[] = {-1, -1, -1, -1, -1};
   const std::string y(4000, 'y');
   const struct {
-    int fd;
+    int client;
     std::string request, reply;
   } cases[] = {
       {a, "cd /system", "ok"},
@@ -200,16 +199,30 @@ TEST_F(PlonshTest, DaemonServesClientsEachWithItsOwnDirectory) {
       {a, "set lumafs/ramdisks/tmp/memUsageLimit 70 90",
        "error cannot set node: /system/lumafs/ramdisks/tmp/memUsageLimit"},
       {b, "get /" + y, "error unknown node: /" + y},  // long, still fits
+      {big, "pwd", "ok /"},
+      {refused, "", "error too many clients"},
+      {refused, "", "<eof>"},
       {big, "get " + std::string(5000, 'x'), "error request longer than 4096 bytes"},
       {big, "", "<eof>"},
+      {next, "pwd", "ok /"},
       {a, "set /system/sysAlert from the socket\npwd", "ok"},  // two requests in one write: two replies in order
       {a, "", "ok /system"},
       {a, "quit", "ok"},
       {a, "", "<eof>"},
       {b, "pwd", "ok /"},
+      {b, "", "error idle time-out"},
+      {b, "", "<eof>"},
   };
-  for (const auto& c : cases) EXPECT_EQ(Ask(c.fd, c.request), c.reply) << c.request;
+  for (const auto& c : cases) {
+    fds[c.client] = fds[c.client] < 0 ? Connect() : fds[c.client];
+    ASSERT_GE(fds[c.client], 0) << "the daemon does not listen";
+    EXPECT_EQ(Ask(fds[c.client], c.request), c.reply) << c.request;
+  }
+  for (int fd : fds) ::close(fd);
   EXPECT_EQ(RecordedAlerts(), std::vector<std::string>{"from the socket"});
+  struct stat st;
+  ASSERT_EQ(::stat(Path("/s").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISSOCK(st.st_mode) && (st.st_mode & 0777) == 0600);
 
   ASSERT_EQ(::kill(daemon_, SIGTERM), 0);
   int wstatus = -1;
@@ -217,28 +230,6 @@ TEST_F(PlonshTest, DaemonServesClientsEachWithItsOwnDirectory) {
   daemon_ = -1;
   EXPECT_TRUE(WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0) << ReadFile("/daemon.err");
   EXPECT_FALSE(Exists("/s"));
-  EXPECT_EQ(Ask(b), "<eof>");
-  for (int fd : {a, b, big}) ::close(fd);
-}
-
-// Past the cap a client is refused, and a place freed is taken by the next; an idle client is told
-// and closed.
-TEST_F(PlonshTest, DaemonRefusesClientsPastTheCapAndClosesIdleOnes) {
-  daemon_ = Spawn("plonshd", {"--root", root_, "--socket", Path("/s"), "--max-clients", "2", "--idle-timeout", "1"},
-                  "daemon");
-  int a = Connect(), b = Connect();
-  ASSERT_TRUE(a >= 0 && b >= 0);
-  EXPECT_EQ(Ask(a, "pwd"), "ok /");
-  int c = Connect();
-  EXPECT_EQ(Ask(c), "error too many clients");
-  EXPECT_EQ(Ask(c), "<eof>");
-  EXPECT_EQ(Ask(a, "quit"), "ok");
-  EXPECT_EQ(Ask(a), "<eof>");
-  int d = Connect();
-  EXPECT_EQ(Ask(d, "pwd"), "ok /");
-  EXPECT_EQ(Ask(b), "error idle time-out");
-  EXPECT_EQ(Ask(b), "<eof>");
-  for (int fd : {a, b, c, d}) ::close(fd);
 }
 
 }  // namespace

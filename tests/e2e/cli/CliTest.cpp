@@ -11,7 +11,6 @@
 
 #include "errors/Json.h"
 #include "platform/dbstore/DBStore.h"
-#include "platform/plon/Plon.h"
 #include "platform/schemastore/SchemaStore.h"
 #include "tests/support/Ctl.h"
 #include "tests/support/Sandbox.h"
@@ -192,11 +191,11 @@ TEST_F(CliTest, EverySubcommandAnswersHelpAndBadUsageExitsTwo) {
   EXPECT_EQ(cstest::DiffStores(before, cstest::DumpStores()), "") << "bad usage changes nothing";
 }
 
-// Each failure line names the cause and the file. The root changes as the table goes: no store,
-// then a run-time directory that cannot be made (var/run is a regular file: root itself cannot
+// Each failure line names the cause and the file (the examples of docs/operator-guide.md show a
+// host without a store). The root changes as the table goes: a run-time directory that cannot be made (var/run is a regular file: root itself cannot
 // create anything under a file).
 TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
-  const std::string store = Path("/etc/talvex/configstore/current-store-1"), run = Path("/var/run");
+  const std::string run = Path("/var/run");
   const std::string imageLock = "Cannot open the image database lock file " + run + "/liveimgdb.pid: Not a directory";
   struct Case {
     std::function<void()> arrange;  // run before the command, when given
@@ -205,7 +204,6 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
     std::string line;  // part of standard error, or of standard output for a load that ran on
   } cases[] = {
       // clang-format off
-      {nullptr, {"get"}, 1, "configstorectl get: error 2000: no configuration store at " + store + " (it is made at"},
       // A root that is not a directory is named as the cause, wherever --root stands.
       {nullptr, {"get", "--root", root_ + "/no"}, 2, "configstorectl: host root \"" + root_ + "/no\" does not exist\n"},
       {[&] {
@@ -248,30 +246,21 @@ TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
 
 // Each flag set is read back by its getter. With another writer holding the store past the busy
 // time-out, the library's setters drop the write without a word; the command line reads back and
-// fails, naming the key and what the store holds. A question of boot-kind that fails shows its
-// error in its place.
+// fails, naming the key and what the store holds.
 TEST_F(CliTest, BootFlagsRoundTripOrSayTheStoreDidNotTakeThem) {
   ASSERT_EQ(DBStore::CreateDatabases(), 0);
-  ASSERT_TRUE(PLON_WriteSignature() && PLON_WriteNodeFile("/system/bootCmdLine", "BOOT_IMAGE=/b.b00 ro") &&
-              PLON_WriteNodeFile("/system/bootOption", std::string(4, '\0')) &&
-              PLON_WriteNodeFile("/system/bootMAC", ""));
   const std::string held = " was not written: the store holds \"";
   const struct {
     std::vector<std::string> set;
     std::string get, out, unwritten;
   } cases[] = {
-      {{"boot-mode", "set", "3"},
-       "boot-mode get",
-       "3 (BOOT_MODE_SMARTNIC_CONFIG)\n",
-       "BOOT_MODE" + held + "0\", not \"3\""},
+      {{"boot-mode", "set", "3"}, "boot-mode get", "3 (BOOT_MODE_SMARTNIC_CONFIG)\n", "BOOT_MODE" + held + "0\", not \"3\""},
       {{"install-info", "set", "b-42"}, "install-info", "b-42\n", "CS_INST_INFO_KEY" + held + "\", not \"b-42\""},
-      {{"autoconf", "start"}, "autoconf status", "true\n", "IS_BOOT" + held + "\", not \"true\""},
-      {{"apply-record", "set", "done"}, "apply-record get", "\"done\"", "BOOT_APPLY_RESULT" + held},
   };
   DBStore::Connection writer = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
   ASSERT_EQ(DBStore::BeginTransaction(writer), 0);
   std::vector<cstest::CtlProcess> running;  // all at once: each waits out the busy time-out
-  for (const auto& c : cases) running.push_back(cstest::StartCtl(root_, c.set, c.set[0] + c.set[1]));
+  for (const auto& c : cases) running.push_back(cstest::StartCtl(root_, c.set, c.set[0]));
   for (size_t i = 0; i < running.size(); ++i) {
     CtlResult r = cstest::WaitCtl(running[i]);
     EXPECT_EQ(r.status, 1);
@@ -280,13 +269,8 @@ TEST_F(CliTest, BootFlagsRoundTripOrSayTheStoreDidNotTakeThem) {
   writer.reset();
   for (const auto& c : cases) {
     EXPECT_EQ(Ctl(c.set).status, 0) << c.get;
-    EXPECT_NE(Ctl(c.get).out.find(c.out), std::string::npos) << c.get;
+    EXPECT_EQ(Ctl(c.get).out, c.out) << c.get;
   }
-  CtlResult r = Ctl("--json boot-kind");  // no /system/bootFsUUID
-  rapidjson::Document d = Json(r);
-  EXPECT_EQ(r.status, 1);
-  EXPECT_TRUE(d["bootbankChanged"]["error"]["message"] == "Failed to get boot fs uuid.") << r.out;
-  EXPECT_TRUE(d["installed"].IsTrue() && d["upgrade"].IsFalse()) << "the upgrade check answers false on failure";
 }
 
 }  // namespace

@@ -19,7 +19,6 @@
 #include "platform/plon/Plon.h"
 #include "tests/support/Ctl.h"
 #include "tests/support/Sandbox.h"
-#include "tools/plonsh/PlonCommands.h"
 
 namespace {
 
@@ -89,54 +88,6 @@ class PlonshTest : public cstest::SandboxTest {
   pid_t daemon_ = -1;
 };
 
-// One session runs the rows in order: the current directory carries from row to row.
-TEST_F(PlonshTest, CommandsOfOneSession) {
-  WriteFile("/etc/secret", "password");
-  std::filesystem::create_symlink(Path("/nowhere"), Path("/sys/plon/system/lumafs/ramdisks/x"));
-  const std::string ramdisks = "/system/lumafs/ramdisks/", limit = ramdisks + "tmp/memUsageLimit",
-                    inodes = "/system/lumafs/inodes/";
-  struct Case {
-    std::string line, reply;  // "ok" or "error", then the text
-  } cases[] = {
-      {"ls", "ok system/"},  // the signature file is hidden
-      // Files present plus the known nodes without files (sysAlert can only be set).
-      {"ls /system", "ok bootCmdLine\nbootFsUUID\nbootMAC\nbootOption\nlumafs/\nsysAlert"},
-      {"cd system/./lumafs//inodes/", "ok"},
-      {"ls 12", "ok stats"},
-      {"cd 12/stats", "error not a directory: /system/lumafs/inodes/12/stats"},
-      {"cd /system", "ok"},
-      {"cd nowhere", "error no such directory in the node tree: /system/nowhere"},
-      {"set lumafs/ramdisks/x/memUsageLimit 1 2",
-       "error refused: " + ramdisks + "x/memUsageLimit leads out of the node tree"},
-      {"get bootMAC", "ok 00:50:56:aa:bb:cc"},
-      {"set /system/sysAlert disk  \"almost full; act now\"", "ok"},
-      {"set " + limit + " 70 90", "ok"},
-      {"set " + limit + " 90 80",
-       "error bad arguments: limits are 0..100 per cent with the warning not above the error"},
-      {"set " + limit + " 80", "error bad arguments: memUsageLimit takes a warning and an error per cent (integers)"},
-      {"set /system/bootMAC 00:11", "error node cannot be set: /system/bootMAC"},
-      {"get /system/sysAlert", "error node cannot be read: /system/sysAlert (it can only be set)"},
-      {"get " + inodes + "../../bootMAC", "error '..' is not allowed in node paths: " + inodes + "../../bootMAC"},
-      {"get /etc/secret", "error unknown node: /etc/secret"},
-      {"get " + inodes + "abc/stats", "error unknown node: " + inodes + "abc/stats"},
-      {"get " + inodes + "stats 1 2", "error unknown node: " + inodes + "stats with 2 instance argument(s)"},
-      {"get " + inodes + "stats ../12", "error bad arguments: instance '../12' is not a single path element"},
-      {"get /system/bootFsUUID", "error node does not exist: /system/bootFsUUID"},
-      {std::string("get /system/boot\0MAC", 20), "error bad arguments: the command holds a NUL byte"},
-      {"pwd", "ok /system"},
-  };
-  plonsh::Session session;
-  for (const Case& c : cases) {
-    plonsh::Reply reply = session.Execute(c.line);
-    EXPECT_EQ((reply.ok ? "ok" : "error") + (reply.text.empty() ? "" : " " + reply.text), c.reply) << c.line;
-  }
-  EXPECT_EQ(plonsh::Session().Execute("pwd").text, "/") << "another session starts at the top";
-  EXPECT_EQ(RecordedAlerts(), std::vector<std::string>{"disk almost full; act now"});
-  EXPECT_EQ(ReadFile("/sys/plon" + limit), "70 90\n") << "the refused limits left the recorded ones alone";
-  EXPECT_EQ(plonsh::SplitCommands("set /system/sysAlert 'a; b'; pwd"),
-            (std::vector<std::string>{"set /system/sysAlert 'a; b'", " pwd"}));
-}
-
 // Standard input without a terminal, then usage and refused roots, alike in both tools ("TOOL"
 // stands for each). The daemon never gets as far as its socket in these.
 TEST_F(PlonshTest, ToolsAnswerUsageAndRefuseBadRoots) {
@@ -166,43 +117,63 @@ TEST_F(PlonshTest, ToolsAnswerUsageAndRefuseBadRoots) {
 }
 
 // One daemon, a cap of three clients and a one-second idle time-out; the clients connect at their
-// first row. Each client has its own directory; an oversize request closes only its connection; a
-// node that is not a regular file is an error at once (a FIFO used to block the whole daemon); past
-// the cap a client is refused, and a place freed is taken by the next; an idle client is told and
-// closed; SIGTERM removes the socket.
-TEST_F(PlonshTest, DaemonServesClientsEachWithItsOwnDirectory) {
-  for (const char* node : {"/sys/plon/system/bootMAC", "/sys/plon/system/lumafs/ramdisks/tmp/memUsageLimit"}) {
-    Remove(node);
+// first row, and each has its own session whose current directory carries from row to row. An
+// oversize request closes only its connection; a node that is not a regular file is an error at
+// once (a FIFO used to block the whole daemon); past the cap a client is refused, and a place freed
+// is taken by the next; an idle client is told and closed; SIGTERM removes the socket.
+TEST_F(PlonshTest, DaemonServesClientsEachWithItsOwnSession) {
+  for (const char* node : {"/sys/plon/system/bootCmdLine", "/sys/plon/system/lumafs/ramdisks/fifo/memUsageLimit"}) {
+    std::filesystem::create_directories(std::filesystem::path(Path(node)).parent_path());
     ASSERT_EQ(::mkfifo(Path(node).c_str(), 0644), 0);
   }
+  WriteFile("/etc/secret", "password");
+  std::filesystem::create_symlink(Path("/nowhere"), Path("/sys/plon/system/lumafs/ramdisks/x"));
+  const std::string ramdisks = "/system/lumafs/ramdisks/", limit = ramdisks + "tmp/memUsageLimit",
+                    inodes = "/system/lumafs/inodes/", y(4000, 'y');
   daemon_ = Spawn("plonshd", {"--root", root_, "--socket", Path("/s"), "--max-clients", "3", "--idle-timeout", "1"},
                   "daemon");
   enum { a, b, big, refused, next };
   int fds[] = {-1, -1, -1, -1, -1};
-  const std::string y(4000, 'y');
   const struct {
     int client;
-    std::string request, reply;
+    std::string request, reply;  // "ok" or "error", then the text, its lines escaped on one line
   } cases[] = {
-      {a, "cd /system", "ok"},
+      {a, "ls", "ok system/"},  // the signature file is hidden
       {b, "pwd", "ok /"},
-      {a, "pwd", "ok /system"},
-      {b, "ls /system/lumafs", "ok inodes/\\nramdisks/"},  // lines escaped on one reply line
-      {a, "get bootMAC", "error cannot read node: /system/bootMAC"},
-      {a, "set lumafs/ramdisks/tmp/memUsageLimit 70 90",
-       "error cannot set node: /system/lumafs/ramdisks/tmp/memUsageLimit"},
-      {b, "get /" + y, "error unknown node: /" + y},  // long, still fits
       {big, "pwd", "ok /"},
       {refused, "", "error too many clients"},
       {refused, "", "<eof>"},
       {big, "get " + std::string(5000, 'x'), "error request longer than 4096 bytes"},
       {big, "", "<eof>"},
       {next, "pwd", "ok /"},
-      {a, "set /system/sysAlert from the socket\npwd", "ok"},  // two requests in one write: two replies in order
+      // Files present plus the known nodes without files (sysAlert can only be set).
+      {a, "ls /system", R"(ok bootCmdLine\nbootFsUUID\nbootMAC\nbootOption\nlumafs/\nsysAlert)"},
+      {a, "cd system/./lumafs//inodes/", "ok"},
+      {b, "get /" + y, "error unknown node: /" + y},  // long, still fits
+      {a, "ls 12", "ok stats"},
+      {a, "cd 12/stats", "error not a directory: /system/lumafs/inodes/12/stats"},
+      {a, "cd /system", "ok"},
+      {a, "cd nowhere", "error no such directory in the node tree: /system/nowhere"},
+      {a, "get bootCmdLine", "error cannot read node: /system/bootCmdLine"},
+      {a, "set " + ramdisks + "fifo/memUsageLimit 70 90", "error cannot set node: " + ramdisks + "fifo/memUsageLimit"},
+      {a, "set lumafs/ramdisks/x/memUsageLimit 1 2", "error refused: " + ramdisks + "x/memUsageLimit leads out of the node tree"},
+      {a, "get bootMAC", "ok 00:50:56:aa:bb:cc"},
+      {a, "set /system/sysAlert disk  \"almost full; act now\"\npwd", "ok"},  // two requests in one write
       {a, "", "ok /system"},
+      {a, "set " + limit + " 70 90", "ok"},
+      {a, "set " + limit + " 90 80", "error bad arguments: limits are 0..100 per cent with the warning not above the error"},
+      {a, "set " + limit + " 80", "error bad arguments: memUsageLimit takes a warning and an error per cent (integers)"},
+      {a, "set /system/bootMAC 00:11", "error node cannot be set: /system/bootMAC"},
+      {a, "get /system/sysAlert", "error node cannot be read: /system/sysAlert (it can only be set)"},
+      {a, "get " + inodes + "../../bootMAC", "error '..' is not allowed in node paths: " + inodes + "../../bootMAC"},
+      {a, "get /etc/secret", "error unknown node: /etc/secret"},
+      {a, "get " + inodes + "abc/stats", "error unknown node: " + inodes + "abc/stats"},
+      {a, "get " + inodes + "stats 1 2", "error unknown node: " + inodes + "stats with 2 instance argument(s)"},
+      {a, "get " + inodes + "stats ../12", "error bad arguments: instance '../12' is not a single path element"},
+      {a, "get /system/bootFsUUID", "error node does not exist: /system/bootFsUUID"},
+      {a, std::string("get /system/boot\0MAC", 20), "error bad arguments: the command holds a NUL byte"},
       {a, "quit", "ok"},
       {a, "", "<eof>"},
-      {b, "pwd", "ok /"},
       {b, "", "error idle time-out"},
       {b, "", "<eof>"},
   };
@@ -212,7 +183,8 @@ TEST_F(PlonshTest, DaemonServesClientsEachWithItsOwnDirectory) {
     EXPECT_EQ(Ask(fds[c.client], c.request), c.reply) << c.request;
   }
   for (int fd : fds) ::close(fd);
-  EXPECT_EQ(RecordedAlerts(), std::vector<std::string>{"from the socket"});
+  EXPECT_EQ(RecordedAlerts(), std::vector<std::string>{"disk almost full; act now"});
+  EXPECT_EQ(ReadFile("/sys/plon" + limit), "70 90\n") << "the refused limits left the recorded ones alone";
   struct stat st;
   ASSERT_EQ(::stat(Path("/s").c_str(), &st), 0);
   EXPECT_TRUE(S_ISSOCK(st.st_mode) && (st.st_mode & 0777) == 0600);

@@ -118,16 +118,16 @@ TEST_F(CliTest, GetAndMetricsShowWhatTheStoreHolds) {
 
 // The command list comes from the tool itself, so a subcommand added later is covered too: each
 // answers --help and -h with its usage; before "--" an option it does not take is bad usage; after
-// it every word is a value, and the "--" itself never is one.
-// Bad usage exits 2 with two lines on standard error: what is wrong, then the usage line or where
-// to find it. With --json the error is also a JSON document on standard output.
+// it every word is a value, and the "--" itself never is one. Bad usage exits 2 with two lines on
+// standard error: what is wrong, then the usage line or where to find it; with --json the error is
+// also a JSON document on standard output.
 TEST_F(CliTest, EverySubcommandAnswersHelpAndBadUsageExitsTwo) {
   ASSERT_EQ(DBStore::CreateDatabases(), 0);
   std::vector<std::string> bad = {"", "no-such-subcommand", "--bogus get", "get a b c d e", "cleanup store --json",
                                   "--json cleanup autoconf", "metrics extra", "metrics -- --rows", "--json --bogus",
-                                  "get --json --root", "--json no-such-subcommand", "boot-mode set 9",
-                                  "boot-mode set -1", "boot-mode set 03", "boot-mode set", "boot-mode reset",
-                                  "autoconf", "live-install maybe", "install-info set", "boot-state", "boot-kind extra"};
+                                  "get --json --root", "--json no-such-subcommand", "boot-mode set 9", "boot-mode set",
+                                  "boot-mode set -1", "boot-mode set 03", "boot-mode reset", "autoconf", "boot-state",
+                                  "live-install maybe", "install-info set", "boot-kind extra"};
   rapidjson::Document d = Json(Ctl("--json --help"));
   ASSERT_TRUE(d.IsArray() && d.Size() >= 20);
   for (const auto& c : d.GetArray()) {
@@ -166,8 +166,8 @@ TEST_F(CliTest, EverySubcommandAnswersHelpAndBadUsageExitsTwo) {
 }
 
 // Each failure line names the cause and the file (the examples of docs/operator-guide.md show a
-// host without a store). The root changes as the table goes: a run-time directory that cannot be made (var/run is a regular file: root itself cannot
-// create anything under a file).
+// host without a store). The root changes as the table goes: a run-time directory that cannot be
+// made (var/run is a regular file: root itself cannot create anything under a file), then none.
 TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
   const std::string run = Path("/var/run");
   const std::string imageLock = "Cannot open the image database lock file " + run + "/liveimgdb.pid: Not a directory";

@@ -1,12 +1,10 @@
 // The examples of the documentation, run top to bottom on a fresh copy of the sample host and
-// compared with what they show.
-//
-// A fenced block whose first line begins with "$ " is an example: each "$ " line is a command, run
-// through /bin/sh, and the lines up to the next "$ " line are its standard output and error. A
-// ```sh block is a step that shows no output (the guide's first one copies the sample host), run
-// through /bin/sh as it stands. Every other block is left alone. "/tmp/" stands for a scratch
-// directory (the guide's host root is /tmp/host, and TALVEX_ROOT names it); what differs from run
-// to run (times, durations) is masked.
+// compared with what they show. A fenced block whose first line begins with "$ " is an example:
+// each "$ " line is a command, run through /bin/sh, and the lines up to the next "$ " line are its
+// standard output and error. A ```sh block is a step that shows no output (the guide's first one
+// copies the sample host), run through /bin/sh as it stands. Every other block is left alone.
+// "/tmp/" stands for a scratch directory (the guide's host root is /tmp/host, and TALVEX_ROOT
+// names it); what differs from run to run (times, durations) is masked.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -32,8 +30,8 @@ std::string Masked(const std::string& text) {
 // Runs `script` through /bin/sh in the source tree, with `status` (the previous step's exit status,
 // then this one's) as $?; its output, masked, with the scratch directory shown as /tmp/.
 std::string Shell(const std::string& script, const std::string& scratch, int& status) {
-  std::ofstream(scratch + "/.step.sh") << "cd '" << cstest::SourcePath("") << "' || exit 99\n(exit " << status
-                                       << ")\n" << std::regex_replace(script, std::regex("/tmp/"), scratch + "/") << "\n";
+  std::ofstream(scratch + "/.step.sh") << "cd '" << cstest::SourcePath("") << "' || exit 99\n(exit " << status << ")\n"
+                                       << std::regex_replace(script, std::regex("/tmp/"), scratch + "/") << "\n";
   FILE* pipe = popen(("/bin/sh '" + scratch + "/.step.sh' 2>&1").c_str(), "r");
   std::string out;
   char buffer[4096];

@@ -1,4 +1,4 @@
-// The plonsh commands on a sandbox node tree, then the built plonsh and plonshd as real processes.
+// The built plonsh and plonshd as real processes on a sandbox node tree.
 // The hex dump, "-c" and a link out of the tree are also checked by the examples of docs/plonsh.md.
 #include <fcntl.h>
 #include <gtest/gtest.h>

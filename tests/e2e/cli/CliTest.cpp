@@ -1,4 +1,4 @@
-// configstorectl as a process: get, schemas, metrics, the boot flags, and the rules every
+// configstorectl as a process: get, metrics, the failures, the boot flags, and the rules every
 // subcommand shares (help, --, --json, exit status, no colour on a pipe). Arguments go to the
 // process as they are, without a shell.
 #include <gmock/gmock.h>
@@ -167,7 +167,7 @@ TEST_F(CliTest, EverySubcommandAnswersHelpAndBadUsageExitsTwo) {
 
 // Each failure line names the cause and the file (the examples of docs/operator-guide.md show a
 // host without a store). The root changes as the table goes: a run-time directory that cannot be
-// made (var/run is a regular file: root itself cannot create anything under a file), then none.
+// made (var/run is a regular file: root itself cannot create anything under a file), then removed.
 TEST_F(CliTest, FailureExitsOneWithTheErrorCodeAndCause) {
   const std::string run = Path("/var/run");
   const std::string imageLock = "Cannot open the image database lock file " + run + "/liveimgdb.pid: Not a directory";

@@ -1,4 +1,4 @@
-// The plonsh commands on a sandbox node tree, then the built plonsh and plonshd as real processes.
+// The built plonsh and plonshd as real processes on a sandbox node tree.
 // The hex dump, "-c" and a link out of the tree are also checked by the examples of docs/plonsh.md.
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -12,12 +12,13 @@
 
 #include <cstring>
 #include <filesystem>
+#include <regex>
 #include <string>
 #include <vector>
 
 #include "platform/plon/Plon.h"
+#include "tests/support/Ctl.h"
 #include "tests/support/Sandbox.h"
-#include "tools/plonsh/PlonCommands.h"
 
 namespace {
 
@@ -49,10 +50,7 @@ class PlonshTest : public cstest::SandboxTest {
     int in = ::open(Path("/stdin").c_str(), O_RDONLY), out = ::creat(Path("/" + tag + ".out").c_str(), 0600),
         err = ::creat(Path("/" + tag + ".err").c_str(), 0600);
     if (in < 0 || out < 0 || err < 0 || ::dup2(in, 0) < 0 || ::dup2(out, 1) < 0 || ::dup2(err, 2) < 0) ::_exit(127);
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    ::execv(argv[0], argv.data());
+    ::execv(args[0].c_str(), cstest::ExecPointers(args).data());
     ::_exit(127);
   }
   // Runs a tool to its end: its exit status (-1 when it did not exit), standard output and error.
@@ -90,126 +88,108 @@ class PlonshTest : public cstest::SandboxTest {
   pid_t daemon_ = -1;
 };
 
-// One session runs the rows in order: the current directory carries from row to row.
-TEST_F(PlonshTest, CommandsOfOneSession) {
-  WriteFile("/etc/secret", "password");
-  std::filesystem::create_symlink(Path("/nowhere"), Path("/sys/plon/system/lumafs/ramdisks/x"));
-  const std::string ramdisks = "/system/lumafs/ramdisks/", limit = ramdisks + "tmp/memUsageLimit",
-                    inodes = "/system/lumafs/inodes/";
-  struct Case {
-    std::string line, reply;  // "ok" or "error", then the text
-  } cases[] = {
-      {"ls", "ok system/"},  // the signature file is hidden
-      // Files present plus the known nodes without files (sysAlert can only be set).
-      {"ls /system", "ok bootCmdLine\nbootFsUUID\nbootMAC\nbootOption\nlumafs/\nsysAlert"},
-      {"cd system/./lumafs//inodes/", "ok"},
-      {"ls 12", "ok stats"},
-      {"cd 12/stats", "error not a directory: /system/lumafs/inodes/12/stats"},
-      {"cd /system", "ok"},
-      {"cd nowhere", "error no such directory in the node tree: /system/nowhere"},
-      {"set lumafs/ramdisks/x/memUsageLimit 1 2",
-       "error refused: " + ramdisks + "x/memUsageLimit leads out of the node tree"},
-      {"get bootMAC", "ok 00:50:56:aa:bb:cc"},
-      {"set /system/sysAlert disk  \"almost full; act now\"", "ok"},
-      {"set " + limit + " 70 90", "ok"},
-      {"set " + limit + " 90 80",
-       "error bad arguments: limits are 0..100 per cent with the warning not above the error"},
-      {"set " + limit + " 80", "error bad arguments: memUsageLimit takes a warning and an error per cent (integers)"},
-      {"set /system/bootMAC 00:11", "error node cannot be set: /system/bootMAC"},
-      {"get /system/sysAlert", "error node cannot be read: /system/sysAlert (it can only be set)"},
-      {"get " + inodes + "../../bootMAC", "error '..' is not allowed in node paths: " + inodes + "../../bootMAC"},
-      {"get /etc/secret", "error unknown node: /etc/secret"},
-      {"get " + inodes + "abc/stats", "error unknown node: " + inodes + "abc/stats"},
-      {"get " + inodes + "stats 1 2", "error unknown node: " + inodes + "stats with 2 instance argument(s)"},
-      {"get " + inodes + "stats ../12", "error bad arguments: instance '../12' is not a single path element"},
-      {"get /system/bootFsUUID", "error node does not exist: /system/bootFsUUID"},
-      {std::string("get /system/boot\0MAC", 20), "error bad arguments: the command holds a NUL byte"},
-      {"pwd", "ok /system"},
-  };
-  plonsh::Session session;
-  for (const Case& c : cases) {
-    plonsh::Reply reply = session.Execute(c.line);
-    EXPECT_EQ((reply.ok ? "ok" : "error") + (reply.text.empty() ? "" : " " + reply.text), c.reply) << c.line;
-  }
-  EXPECT_EQ(plonsh::Session().Execute("pwd").text, "/") << "another session starts at the top";
-  EXPECT_EQ(RecordedAlerts(), std::vector<std::string>{"disk almost full; act now"});
-  EXPECT_EQ(ReadFile("/sys/plon" + limit), "70 90\n") << "the refused limits left the recorded ones alone";
-  EXPECT_EQ(plonsh::SplitCommands("set /system/sysAlert 'a; b'; pwd"),
-            (std::vector<std::string>{"set /system/sysAlert 'a; b'", " pwd"}));
-}
-
-// Standard input without a terminal, then usage, the version and refused roots, alike in both
-// tools ("TOOL" stands for each). The daemon never gets as far as its socket in these.
+// Standard input without a terminal, then usage and refused roots, alike in both tools ("TOOL"
+// stands for each). The daemon never gets as far as its socket in these.
 TEST_F(PlonshTest, ToolsAnswerUsageAndRefuseBadRoots) {
   WriteFile("/stdin", "cd /system/lumafs\nls\nquit\nget /system/nothing\n");
   EXPECT_EQ(Run("plonsh", {"--root", root_}), (std::vector<std::string>{"0", "inodes/\nramdisks/\n", ""}))
       << "no prompt, and quit stops reading";
   WriteFile("/file", "");
-  struct Case {
+  const struct {
     std::vector<std::string> args;
     int status;
-    std::string out, errStart;
+    std::string start;  // of standard output, or of standard error when the tool fails
   } cases[] = {
-      {{"--bogus"}, 2, "", "TOOL: unknown argument: --bogus\nusage: TOOL "},
-      {{"--root"}, 2, "", "TOOL: --root needs a value\n"},
-      {{"--root", "/tmp/bad root"}, 2, "", "TOOL: host root \"/tmp/bad root\" holds the character ' '"},
-      {{"--root", root_ + "/none"}, 2, "", "TOOL: host root \"" + root_ + "/none\" does not exist\n"},
-      {{"--root", root_ + "/file"}, 2, "", "TOOL: host root \"" + root_ + "/file\" is not a directory\n"},
-      {{"--help"}, 0, "usage: TOOL [--root DIR] ", ""},
-      {{"--version"}, 0, "TOOL " CONFIGSTORE_VERSION "\n", ""},
+      {{"--bogus"}, 2, "TOOL: unknown argument: --bogus\nusage: TOOL "},
+      {{"--root", "/tmp/bad root"}, 2, "TOOL: host root \"/tmp/bad root\" holds the character ' '"},
+      {{"--root", root_ + "/file"}, 2, "TOOL: host root \"" + root_ + "/file\" is not a directory\n"},
+      {{"--help"}, 0, "usage: TOOL [--root DIR] "},
   };
   for (const std::string tool : {"plonsh", "plonshd"}) {
-    auto named = [&](std::string text) {
-      for (size_t at; (at = text.find("TOOL")) != std::string::npos;) text.replace(at, 4, tool);
-      return text;
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
       std::vector<std::string> args = c.args;
       if (tool == "plonshd" && args.size() == 2) args.insert(args.end(), {"--socket", Path("/s")});
       std::vector<std::string> r = Run(tool, args);
       EXPECT_EQ(r[0], std::to_string(c.status)) << tool << " " << testing::PrintToString(args);
-      EXPECT_TRUE(r[1].starts_with(named(c.out)) && r[2].starts_with(named(c.errStart))) << r[1] << r[2];
+      EXPECT_TRUE(r[c.status == 0 ? 1 : 2].starts_with(std::regex_replace(c.start, std::regex("TOOL"), tool))) << r[2];
     }
   }
 }
 
-// Each client has its own directory; an oversize request closes only its connection; a node that
-// is not a regular file is an error at once (a FIFO used to block the whole daemon); SIGTERM
-// removes the socket.
-TEST_F(PlonshTest, DaemonServesClientsEachWithItsOwnDirectory) {
-  for (const char* node : {"/sys/plon/system/bootMAC", "/sys/plon/system/lumafs/ramdisks/tmp/memUsageLimit"}) {
-    Remove(node);
+// One daemon, a cap of three clients and a one-second idle time-out; the clients connect at their
+// first row, and each has its own session whose current directory carries from row to row. An
+// oversize request closes only its connection; a node that is not a regular file is an error at
+// once (a FIFO used to block the whole daemon); past the cap a client is refused, and a place freed
+// is taken by the next; an idle client is told and closed; SIGTERM removes the socket.
+TEST_F(PlonshTest, DaemonServesClientsEachWithItsOwnSession) {
+  for (const char* node : {"/sys/plon/system/bootCmdLine", "/sys/plon/system/lumafs/ramdisks/fifo/memUsageLimit"}) {
+    std::filesystem::create_directories(std::filesystem::path(Path(node)).parent_path());
     ASSERT_EQ(::mkfifo(Path(node).c_str(), 0644), 0);
   }
-  daemon_ = Spawn("plonshd", {"--root", root_, "--socket", Path("/s")}, "daemon");
-  int a = Connect(), b = Connect(), big = Connect();
-  ASSERT_TRUE(a >= 0 && b >= 0 && big >= 0);
+  WriteFile("/etc/secret", "password");
+  std::filesystem::create_symlink(Path("/nowhere"), Path("/sys/plon/system/lumafs/ramdisks/x"));
+  const std::string ramdisks = "/system/lumafs/ramdisks/", limit = ramdisks + "tmp/memUsageLimit",
+                    inodes = "/system/lumafs/inodes/", y(4000, 'y');
+  daemon_ = Spawn("plonshd", {"--root", root_, "--socket", Path("/s"), "--max-clients", "3", "--idle-timeout", "1"},
+                  "daemon");
+  enum { a, b, big, refused, next };
+  int fds[] = {-1, -1, -1, -1, -1};
+  const struct {
+    int client;
+    std::string request, reply;  // "ok" or "error", then the text, its lines escaped on one line
+  } cases[] = {
+      {a, "ls", "ok system/"},  // the signature file is hidden
+      {b, "pwd", "ok /"},
+      {big, "pwd", "ok /"},
+      {refused, "", "error too many clients"},
+      {refused, "", "<eof>"},
+      {big, "get " + std::string(5000, 'x'), "error request longer than 4096 bytes"},
+      {big, "", "<eof>"},
+      {next, "pwd", "ok /"},
+      // Files present plus the known nodes without files (sysAlert can only be set).
+      {a, "ls /system", R"(ok bootCmdLine\nbootFsUUID\nbootMAC\nbootOption\nlumafs/\nsysAlert)"},
+      {a, "cd system/./lumafs//inodes/", "ok"},
+      {b, "get /" + y, "error unknown node: /" + y},  // long, still fits
+      {a, "ls 12", "ok stats"},
+      {a, "cd 12/stats", "error not a directory: /system/lumafs/inodes/12/stats"},
+      {a, "cd /system", "ok"},
+      {a, "cd nowhere", "error no such directory in the node tree: /system/nowhere"},
+      {a, "get bootCmdLine", "error cannot read node: /system/bootCmdLine"},
+      {a, "set " + ramdisks + "fifo/memUsageLimit 70 90", "error cannot set node: " + ramdisks + "fifo/memUsageLimit"},
+      {a, "set lumafs/ramdisks/x/memUsageLimit 1 2",
+       "error refused: " + ramdisks + "x/memUsageLimit leads out of the node tree"},
+      {a, "get bootMAC", "ok 00:50:56:aa:bb:cc"},
+      {a, "set /system/sysAlert disk  \"almost full; act now\"\npwd", "ok"},  // two requests in one write
+      {a, "", "ok /system"},
+      {a, "set " + limit + " 70 90", "ok"},
+      {a, "set " + limit + " 90 80",
+       "error bad arguments: limits are 0..100 per cent with the warning not above the error"},
+      {a, "set " + limit + " 80",
+       "error bad arguments: memUsageLimit takes a warning and an error per cent (integers)"},
+      {a, "set /system/bootMAC 00:11", "error node cannot be set: /system/bootMAC"},
+      {a, "get /system/sysAlert", "error node cannot be read: /system/sysAlert (it can only be set)"},
+      {a, "get " + inodes + "../../bootMAC", "error '..' is not allowed in node paths: " + inodes + "../../bootMAC"},
+      {a, "get /etc/secret", "error unknown node: /etc/secret"},
+      {a, "get " + inodes + "stats 1 2", "error unknown node: " + inodes + "stats with 2 instance argument(s)"},
+      {a, "get " + inodes + "stats ../12", "error bad arguments: instance '../12' is not a single path element"},
+      {a, "get /system/bootFsUUID", "error node does not exist: /system/bootFsUUID"},
+      {a, std::string("get /system/boot\0MAC", 20), "error bad arguments: the command holds a NUL byte"},
+      {a, "quit", "ok"},
+      {a, "", "<eof>"},
+      {b, "", "error idle time-out"},
+      {b, "", "<eof>"},
+  };
+  for (const auto& c : cases) {
+    fds[c.client] = fds[c.client] < 0 ? Connect() : fds[c.client];
+    ASSERT_GE(fds[c.client], 0) << "the daemon does not listen";
+    EXPECT_EQ(Ask(fds[c.client], c.request), c.reply) << c.request;
+  }
+  for (int fd : fds) ::close(fd);
+  EXPECT_EQ(RecordedAlerts(), std::vector<std::string>{"disk almost full; act now"});
+  EXPECT_EQ(ReadFile("/sys/plon" + limit), "70 90\n") << "the refused limits left the recorded ones alone";
   struct stat st;
   ASSERT_EQ(::stat(Path("/s").c_str(), &st), 0);
   EXPECT_TRUE(S_ISSOCK(st.st_mode) && (st.st_mode & 0777) == 0600);
-  const std::string y(4000, 'y');
-  const struct {
-    int fd;
-    std::string request, reply;
-  } cases[] = {
-      {a, "cd /system", "ok"},
-      {b, "pwd", "ok /"},
-      {a, "pwd", "ok /system"},
-      {b, "ls /system/lumafs", "ok inodes/\\nramdisks/"},  // lines escaped on one reply line
-      {a, "get bootMAC", "error cannot read node: /system/bootMAC"},
-      {a, "set lumafs/ramdisks/tmp/memUsageLimit 70 90",
-       "error cannot set node: /system/lumafs/ramdisks/tmp/memUsageLimit"},
-      {b, "get /" + y, "error unknown node: /" + y},  // long, still fits
-      {big, "get " + std::string(5000, 'x'), "error request longer than 4096 bytes"},
-      {big, "", "<eof>"},
-      {a, "set /system/sysAlert from the socket\npwd", "ok"},  // two requests in one write: two replies in order
-      {a, "", "ok /system"},
-      {a, "quit", "ok"},
-      {a, "", "<eof>"},
-      {b, "pwd", "ok /"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(Ask(c.fd, c.request), c.reply) << c.request;
-  EXPECT_EQ(RecordedAlerts(), std::vector<std::string>{"from the socket"});
 
   ASSERT_EQ(::kill(daemon_, SIGTERM), 0);
   int wstatus = -1;
@@ -217,28 +197,6 @@ TEST_F(PlonshTest, DaemonServesClientsEachWithItsOwnDirectory) {
   daemon_ = -1;
   EXPECT_TRUE(WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0) << ReadFile("/daemon.err");
   EXPECT_FALSE(Exists("/s"));
-  EXPECT_EQ(Ask(b), "<eof>");
-  for (int fd : {a, b, big}) ::close(fd);
-}
-
-// Past the cap a client is refused, and a place freed is taken by the next; an idle client is told
-// and closed.
-TEST_F(PlonshTest, DaemonRefusesClientsPastTheCapAndClosesIdleOnes) {
-  daemon_ = Spawn("plonshd", {"--root", root_, "--socket", Path("/s"), "--max-clients", "2", "--idle-timeout", "1"},
-                  "daemon");
-  int a = Connect(), b = Connect();
-  ASSERT_TRUE(a >= 0 && b >= 0);
-  EXPECT_EQ(Ask(a, "pwd"), "ok /");
-  int c = Connect();
-  EXPECT_EQ(Ask(c), "error too many clients");
-  EXPECT_EQ(Ask(c), "<eof>");
-  EXPECT_EQ(Ask(a, "quit"), "ok");
-  EXPECT_EQ(Ask(a), "<eof>");
-  int d = Connect();
-  EXPECT_EQ(Ask(d, "pwd"), "ok /");
-  EXPECT_EQ(Ask(b), "error idle time-out");
-  EXPECT_EQ(Ask(b), "<eof>");
-  for (int fd : {a, b, c, d}) ::close(fd);
 }
 
 }  // namespace

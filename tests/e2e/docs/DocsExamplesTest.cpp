@@ -1,12 +1,10 @@
 // The examples of the documentation, run top to bottom on a fresh copy of the sample host and
-// compared with what they show.
-//
-// A fenced block whose first line begins with "$ " is an example: each "$ " line is a command, run
-// through /bin/sh, and the lines up to the next "$ " line are its standard output and error. A
-// ```sh block is a step that shows no output (the guide's first one copies the sample host), run
-// through /bin/sh as it stands. Every other block is left alone. "/tmp/" stands for a scratch
-// directory (the guide's host root is /tmp/host, and TALVEX_ROOT names it); what differs from run
-// to run (times, durations) is masked.
+// compared with what they show. A fenced block whose first line begins with "$ " is an example:
+// each "$ " line is a command, run through /bin/sh, and the lines up to the next "$ " line are its
+// standard output and error. A ```sh block is a step that shows no output (the guide's first one
+// copies the sample host), run through /bin/sh as it stands. Every other block is left alone.
+// "/tmp/" stands for a scratch directory (the guide's host root is /tmp/host, and TALVEX_ROOT
+// names it); what differs from run to run (times, durations) is masked.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -15,52 +13,11 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
-#include <vector>
 
 #include "tests/support/Sandbox.h"
 
 namespace {
-
-struct Step {
-  int line;             // of the command in the markdown
-  std::string command;  // "" for a ```sh block, whose text is in `script`
-  std::string script;
-  std::string expected;
-};
-
-std::vector<Step> Examples(const std::string& markdown) {
-  std::vector<Step> steps;
-  std::istringstream in(markdown);
-  std::string line, fence;
-  int number = 0;
-  bool first = false, example = false;
-  while (std::getline(in, line)) {
-    ++number;
-    if (line.rfind("```", 0) == 0) {
-      fence = fence.empty() ? line : "";
-      first = fence == "```";
-      example = false;
-      if (fence == "```sh") steps.push_back({number + 1, "", "", ""});
-    } else if (fence == "```sh") {
-      steps.back().script += line + "\n";
-    } else if (first || example) {
-      if (first) example = line.rfind("$ ", 0) == 0;
-      first = false;
-      if (example && line.rfind("$ ", 0) == 0) steps.push_back({number, line.substr(2), "", ""});
-      else if (example) steps.back().expected += line + "\n";
-    }
-  }
-  return steps;
-}
-
-std::string Replace(std::string text, const std::string& from, const std::string& to) {
-  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
-    text.replace(at, from.size(), to);
-  }
-  return text;
-}
 
 // Times, dates and durations masked (with the blanks around a duration, whose width varies in a
 // table); trailing blanks dropped.
@@ -70,27 +27,23 @@ std::string Masked(const std::string& text) {
   return std::regex_replace(masked, trailing, "\n");
 }
 
-// Runs `script` through /bin/sh in the source tree, with the previous exit status as $?.
-std::pair<int, std::string> Shell(const std::string& script, const std::string& scratch, int previous) {
-  std::string file = scratch + "/.step.sh";
-  std::ofstream(file) << "cd '" << cstest::SourcePath("") << "' || exit 99\n(exit " << previous << ")\n"
-                      << script << "\n";
-  FILE* pipe = popen(("/bin/sh '" + file + "' 2>&1").c_str(), "r");
+// Runs `script` through /bin/sh in the source tree, with `status` (the previous step's exit status,
+// then this one's) as $?; its output, masked, with the scratch directory shown as /tmp/.
+std::string Shell(const std::string& script, const std::string& scratch, int& status) {
+  std::ofstream(scratch + "/.step.sh") << "cd '" << cstest::SourcePath("") << "' || exit 99\n(exit " << status << ")\n"
+                                       << std::regex_replace(script, std::regex("/tmp/"), scratch + "/") << "\n";
+  FILE* pipe = popen(("/bin/sh '" + scratch + "/.step.sh' 2>&1").c_str(), "r");
   std::string out;
   char buffer[4096];
   for (size_t n; pipe != nullptr && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
-  int status = pipe == nullptr ? -1 : pclose(pipe);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+  const int wstatus = pipe == nullptr ? -1 : pclose(pipe);
+  status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+  return Masked(std::regex_replace(out, std::regex(scratch + "/"), "/tmp/"));
 }
 
 class DocsExamplesTest : public testing::TestWithParam<const char*> {};
 
 TEST_P(DocsExamplesTest, EveryExampleShowsWhatTheToolsPrint) {
-  std::ifstream file(cstest::SourcePath(GetParam()));
-  std::string markdown((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  std::vector<Step> steps = Examples(markdown);
-  ASSERT_FALSE(steps.empty()) << GetParam() << " has no examples";
-
   char pattern[] = "/tmp/cs-docs-XXXXXX";
   ASSERT_NE(mkdtemp(pattern), nullptr);
   const std::string scratch = pattern;
@@ -99,18 +52,38 @@ TEST_P(DocsExamplesTest, EveryExampleShowsWhatTheToolsPrint) {
   setenv("TALVEX_ROOT", (scratch + "/host").c_str(), 1);
   unsetenv("NO_COLOR");  // output goes to a pipe: never coloured anyway
 
-  int status = 0;
-  for (const Step& step : steps) {
-    const std::string text = step.command.empty() ? step.script : step.command;
-    auto [exit, out] = Shell(Replace(text, "/tmp/", scratch + "/"), scratch, status);
-    status = exit;
-    std::string shown = Masked(Replace(out, scratch + "/", "/tmp/"));
-    if (step.command.empty()) {
-      EXPECT_EQ(exit, 0) << GetParam() << ":" << step.line << ": the step failed:\n" << text << shown;
-    } else {
-      EXPECT_EQ(shown, Masked(step.expected)) << GetParam() << ":" << step.line << ": $ " << step.command;
+  std::ifstream file(cstest::SourcePath(GetParam()));
+  std::string line, fence, command, shows;  // the step being read: its command, and what it shows
+  int number = 0, opened = 0, at = 0, status = 0, steps = 0;
+  bool example = false;
+  auto run = [&] {  // the step read so far, if any
+    if (command.empty()) return;
+    const std::string out = Shell(command, scratch, status), where = GetParam() + (":" + std::to_string(at));
+    EXPECT_TRUE(fence == "```sh" ? status == 0 : out == Masked(shows)) << where << ": $ " << command << "\n" << out;
+    command = shows = "";
+    ++steps;
+  };
+  while (std::getline(file, line)) {
+    ++number;
+    if (line.starts_with("```")) {
+      run();
+      fence = fence.empty() ? line : "";
+      opened = at = number;
+      example = false;
+    } else if (fence == "```sh") {
+      command += line + "\n";
+    } else if (fence == "```") {
+      example = number == opened + 1 ? line.starts_with("$ ") : example;
+      if (example && line.starts_with("$ ")) {
+        run();
+        command = line.substr(2);
+        at = number;
+      } else if (example) {
+        shows += line + "\n";
+      }
     }
   }
+  EXPECT_GT(steps, 0) << GetParam() << " has no examples";
   std::filesystem::remove_all(scratch);
 }
 

@@ -142,56 +142,31 @@ TEST_F(PlanCliTest, PlanChangesNothingAndAgreesWithTheLoad) {
   }
 }
 
-// last-boot shows the last load's report, failed ones included; boots lists the history the loads
-// keep, skipping an unreadable file; a report that cannot be kept never fails the boot.
+// last-boot shows the last load's report; boots lists the history the loads keep, skipping an
+// unreadable file; a report that cannot be kept never fails the boot. The examples of
+// docs/operator-guide.md show a failed boot read back from the history.
 TEST_F(PlanCliTest, BootReportsAndTheirHistory) {
   EXPECT_NE(Ctl("last-boot").err.find("error 2000: No boot report"), std::string::npos);
   FirstBoot();
-  const std::string history = "/var/run/talvex/files/boot-history/";
-  WriteFile(history + "boot-000009.json.tmp", "{");  // left by a write a crash cut short
-  WriteFile("/var/run/talvex/files/loadStoreErrors.json", R"({"zebs":[{"zebMsg":"Disk %s lost","zebArgs":["sda"]}]})");
   CtlResult load = Ctl("--json load --no-restore");
   ASSERT_EQ(load.status, 0) << load.err;
-  EXPECT_FALSE(Exists(history + "boot-000009.json.tmp")) << "a load removes what a killed write left";
-  rapidjson::Document report = Json(Ctl("last-boot --json"));
-  EXPECT_TRUE(report == Json(load)) << "load --json and the kept report are one document";
-  EXPECT_STREQ(report["alerts"][0].GetString(), "Disk sda lost");
-
-  // An error file that is no JSON ends the load early: a fatal failure, reported.
-  WriteFile("/var/run/talvex/files/loadStoreErrors.json", "{");
-  EXPECT_EQ(Ctl("load --no-restore --force").status, 1);
-  CtlResult failed = Ctl("last-boot");
-  EXPECT_NE(failed.out.find("fatal failure: error 1081: "), std::string::npos) << failed.out;
-  EXPECT_NE(failed.out.find("  Generic ConfigStore Failure: "), std::string::npos) << failed.out;
-  Remove("/var/run/talvex/files/loadStoreErrors.json");
-  // An empty TALVEX_BOOT_HISTORY keeps the default number; 2 keeps two.
+  EXPECT_TRUE(Json(Ctl("last-boot --json")) == Json(load)) << "load --json and the kept report are one document";
+  // TALVEX_BOOT_HISTORY=1 keeps one; an empty one keeps the default number.
   const struct {
     const char* env;
     unsigned kept;
-  } sizes[] = {{"TALVEX_BOOT_HISTORY=", 3}, {"TALVEX_BOOT_HISTORY=2", 2}};
+  } sizes[] = {{"TALVEX_BOOT_HISTORY=1", 1}, {"TALVEX_BOOT_HISTORY=", 2}};
   for (const auto& s : sizes) {
-    WriteFile(history + "boot-000001.json.tmp", "");
     ASSERT_EQ(cstest::RunCtl(root_, {"load", "--no-restore", "--force"}, {s.env}).status, 0);
     EXPECT_EQ(Json(Ctl("boots --json"))["boots"].Size(), s.kept) << s.env;
   }
-  EXPECT_EQ(Json(Ctl("last-boot --json 2"))["fatal"].IsNull(), true);
-  EXPECT_TRUE(Json(Ctl("last-boot 1 --json")) == Json(Ctl("last-boot --json")));
+  const std::string history = "/var/run/talvex/files/boot-history/";
   WriteFile(Json(Ctl("boots --json"))["boots"][1]["file"].GetString(), "{");
   CtlResult skipping = Ctl("boots");
   EXPECT_EQ(skipping.status, 0);
   EXPECT_NE(skipping.err.find("skipped " + history), std::string::npos) << skipping.err;
-  const struct {
-    const char* args;
-    int status;
-    std::string err;
-  } lookups[] = {{"last-boot 2", 1, history + "boot-"},
-                 {"last-boot 3", 1, "No boot 3 in the history: "},
-                 {"last-boot 0", 2, "usage"}};
-  for (const auto& l : lookups) {
-    CtlResult r = Ctl(l.args);
-    EXPECT_EQ(r.status, l.status) << l.args;
-    EXPECT_NE(r.err.find(l.err), std::string::npos) << r.err;
-  }
+  EXPECT_NE(Ctl("last-boot 2").err.find(history + "boot-"), std::string::npos) << "the unreadable file, named";
+  EXPECT_NE(Ctl("last-boot 3").err.find("error 2000: No boot 3 in the history: "), std::string::npos);
 
   WriteFile("/var/run/talvex/files/last-boot.json", R"({"startTime":"x","status":"0"})");
   EXPECT_NE(Ctl("last-boot").err.find("member \"restore\""), std::string::npos);
@@ -202,7 +177,7 @@ TEST_F(PlanCliTest, BootReportsAndTheirHistory) {
   EXPECT_NE(unkept.err.find("Failed to save the boot report"), std::string::npos) << unkept.err;
 }
 
-TEST_F(PlanCliTest, ExportStagedBackPlansNoChange) {
+TEST_F(PlanCliTest, ExportLeavesOutWhatCannotBeStagedBack) {
   FirstBoot();
   DBStore::Connection conn = DBStore::GetConnection(DBStore::CONFIG_STORE, true);
   // An instance whose id member names another: no document can stage it back.
@@ -217,30 +192,16 @@ TEST_F(PlanCliTest, ExportStagedBackPlansNoChange) {
             0);
   conn.reset();
   // On the installed host, whose mutable default instances are not in the store yet: they and the
-  // two objects above are left out, named on standard error, and the plan adds the defaults.
+  // two objects above are left out, named on standard error. The examples of docs/operator-guide.md
+  // stage an export back on another host.
   CtlResult exported = Ctl("export --json -o " + Path("/export.json"));
   ASSERT_EQ(exported.status, 0) << exported.err;
   EXPECT_EQ(Ctl("export").out, ReadFile("/export.json")) << "two exports of one store are the same bytes";
-  const Objects defaults = {"qor/advanced_options/user_vars/Agent_LogLevel",
-                            "qor/advanced_options/user_vars/Agent_RetrySeconds",
-                            "qor/system/advanced_options/Net.TcpipHeapSize"};
-  Objects leftOut = defaults;
-  leftOut.insert({"qor/network/nuknics/nuk9", "qor/authentication/user_accounts/admin"});
-  EXPECT_EQ(PlanList(Json(exported), "leftOut"), leftOut);
+  EXPECT_EQ(PlanList(Json(exported), "leftOut"),
+            (Objects{"qor/advanced_options/user_vars/Agent_LogLevel", "qor/network/nuknics/nuk9",
+                     "qor/advanced_options/user_vars/Agent_RetrySeconds", "qor/authentication/user_accounts/admin",
+                     "qor/system/advanced_options/Net.TcpipHeapSize"}));
   EXPECT_NE(exported.err.find("nuk9"), std::string::npos) << exported.err;
-  ASSERT_EQ(Ctl("set-desired " + Path("/export.json")).status, 0);
-  rapidjson::Document plan = Json(Ctl("plan --json"));
-  EXPECT_EQ(PlanList(plan, "added"), defaults);
-  EXPECT_EQ(PlanList(plan, "removed"), Objects{"qor/network/nuknics/nuk9"});
-  EXPECT_EQ(PlanList(plan, "changed"), Objects{});
-  // After that boot an export stages back to no change (the examples of docs/operator-guide.md
-  // check so across hosts).
-  ASSERT_EQ(Ctl("load --no-restore --force").status, 0);
-  ASSERT_EQ(Ctl("export -o " + Path("/export.json")).status, 0);
-  EXPECT_EQ(Ctl("diff " + Path("/export.json") + " " + Path("/etc/talvex/configstore/current-store-1")).status, 0);
-  CtlResult none = Ctl("export qor nosuch");
-  EXPECT_EQ(none.status, 3);
-  EXPECT_EQ(none.err, "configstorectl export: nothing matches qor/nosuch\n");
 }
 
 }  // namespace

@@ -140,6 +140,7 @@ TEST_F(PlonshTest, DaemonServesClientsEachWithItsOwnSession) {
   } cases[] = {
       {a, "ls", "ok system/"},  // the signature file is hidden
       {b, "pwd", "ok /"},
+      {b, "get /" + y, "error unknown node: /" + y},  // long, still fits
       {big, "pwd", "ok /"},
       {refused, "", "error too many clients"},
       {refused, "", "<eof>"},
@@ -149,7 +150,6 @@ TEST_F(PlonshTest, DaemonServesClientsEachWithItsOwnSession) {
       // Files present plus the known nodes without files (sysAlert can only be set).
       {a, "ls /system", R"(ok bootCmdLine\nbootFsUUID\nbootMAC\nbootOption\nlumafs/\nsysAlert)"},
       {a, "cd system/./lumafs//inodes/", "ok"},
-      {b, "get /" + y, "error unknown node: /" + y},  // long, still fits
       {a, "ls 12", "ok stats"},
       {a, "cd 12/stats", "error not a directory: /system/lumafs/inodes/12/stats"},
       {a, "cd /system", "ok"},

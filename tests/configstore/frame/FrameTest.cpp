@@ -1,10 +1,9 @@
-// The call frame, size metrics and documents.
+// The call frame, the boot lock and documents.
 #include <gmock/gmock.h>
 
 #include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 #include "configstore/frame/Documents.h"
-#include "configstore/frame/Metrics.h"
 #include "platform/host/HostRoot.h"
 #include "platform/validator/ConfigStoreDocument.h"
 #include "tests/support/Sandbox.h"
@@ -13,19 +12,6 @@ namespace QorConfigStore {
 namespace {
 
 using FrameTest = cstest::SandboxTest;
-
-TEST_F(FrameTest, ConnectionsAndFileRemoval) {
-  EXPECT_FALSE(GetDBConnection(DBStore::CONFIG_STORE, false));
-  EXPECT_EQ(cstest::Thrown([] { GetDBConnection(DBStore::CONFIG_STORE, true); }),
-            "2000 Failed to connect to database: " + Path("/etc/talvex/configstore/current-store-1") +
-                " does not exist");
-
-  WriteFile("/tmp/f", "x");
-  EXPECT_TRUE(RemoveFile(Path("/tmp/f").c_str()));
-  EXPECT_FALSE(FileExists(Path("/tmp/f").c_str()));
-  EXPECT_FALSE(RemoveFile(Path("/tmp/f").c_str()));
-  EXPECT_TRUE(log_.Contains("Failed to remove: " + Path("/tmp/f") + ", err: 2", CSLogger::PRIO_ERROR));
-}
 
 // Another process's hold is waited for, then refused by name; this process's own holds nest freely.
 TEST_F(FrameTest, BootLockWaitsForOthersAndNestsInItsOwnProcess) {
@@ -62,22 +48,6 @@ TEST_F(FrameTest, ExecCommandReportsHowTheChildEndedAndAlertsAreCut) {
 
   SetLSSysAlert(std::string(2047, 'a') + "Z" + std::string(3000, 'b'));
   EXPECT_EQ(RecordedAlerts(), std::vector<std::string>{std::string(2047, 'a') + "Z"});
-}
-
-// Size metrics: NULL values sum to zero, a total past int32 throws rather than wrapping.
-TEST_F(FrameTest, MetricsCountNullAsZeroAndThrowPastInt32) {
-  ASSERT_EQ(DBStore::CreateDatabases(), 0);
-  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
-  ASSERT_EQ(DBStore::Exec(conn, "INSERT INTO Config (Identifier, Name, ConfigGroup, Component, UserValue, VitalValue) "
-                                "VALUES ('', 'k1', 'g', 'c', '{}', NULL), ('', 'k2', 'g', 'c', NULL, '[1]')"),
-            0);
-  EXPECT_THAT(GetConfigMetrics(), testing::UnorderedElementsAre("c,g,k1,0,2,0", "c,g,k2,3,0,0"));
-  // 3 GB of real values would take minutes to write: a view with zero-filled blobs has the same lengths.
-  ASSERT_EQ(DBStore::Exec(conn, "DROP TABLE Config"), 0);
-  ASSERT_EQ(DBStore::Exec(conn, "CREATE VIEW Config AS SELECT zeroblob(1000000000) AS UserValue "
-                                "FROM (SELECT 1 UNION ALL SELECT 2 UNION ALL SELECT 3)"),
-            0);
-  EXPECT_THROW(GetUserConfigSize(), std::out_of_range);
 }
 
 using DocumentsTest = cstest::SandboxTest;

@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 
 #include <signal.h>
-#include <sqlite3.h>
 #include <sys/resource.h>
 
 #include <cstdlib>
@@ -24,7 +23,6 @@ namespace QorConfigStore {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using Strings = std::vector<std::string>;
 
 constexpr const char* kStore = "/etc/talvex/configstore/current-store-1";
@@ -132,43 +130,45 @@ TEST_F(StoreRestoreTest, ABackupIsRestoredWithItsBootModeElseANewStoreIsMade) {
   EXPECT_FALSE(Exists(kDataFileStore));
 }
 
-// A copy that fails part way (a ramdisk too small) leaves nothing: a new store is made in its place.
-TEST_F(StoreRestoreTest, FailedConfigStoreCopyCreatesNewStore) {
-  WriteBackup(DBStore::CONFIG_STORE, kBackup, "backup");
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open(Path(kBackup).c_str(), &db), SQLITE_OK);
-  EXPECT_EQ(sqlite3_exec(db, "INSERT INTO KeyValue VALUES ('filler', randomblob(400000))", nullptr, nullptr, nullptr),
-            SQLITE_OK);
-  sqlite3_close(db);
-  rlimit saved{};
-  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
-  rlimit limited{128 * 1024, saved.rlim_max};  // the copy gets EFBIG, as on a full ramdisk
-  auto oldHandler = signal(SIGXFSZ, SIG_IGN);
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
-  const bool created = RestoreOrCreateStore(true);
-  setrlimit(RLIMIT_FSIZE, &saved);
-  signal(SIGXFSZ, oldHandler);
+// A copy that fails part way (a ramdisk too small) or is blocked leaves nothing: a new store is made in its place.
+TEST_F(StoreRestoreTest, FailedCopiesCreateNewStores) {
+  const struct {
+    const char* blocker;  // a directory in the copy's way; nullptr: files are limited to 128 KiB
+    Strings configRows, events;
+    std::string line;
+  } cases[] = {
+      {nullptr, {}, {kCopyEvent},
+       "Cannot copy ConfigStore from backup [" + Path(kBackup) + "], creating new ConfigStore."},
+      // cp refuses to put a file over a directory of the same name inside the target directory;
+      // nor is a store created over it.
+      {"/etc/talvex/configstore/datafile-store/datafile-store", {"config"}, {kDataFileEvent, kDbEvent},
+       "Cannot copy DataFileStore from backup [" + Path(kDataFileBackup) + "], will create new DataFileStore."},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
+    Remove("/etc");
+    Remove("/var");
+    ASSERT_EQ(DBStore::CreateDatabases(), 0);
+    ASSERT_EQ(DBStore::WriteKeyValue("filler", std::string(400000, 'f'), GetDBConnection(DBStore::CONFIG_STORE, true)),
+              0);
+    WriteBackup(DBStore::CONFIG_STORE, kBackup, "config");
+    WriteBackup(DBStore::DATAFILE_STORE, kDataFileBackup, "data.bin");
+    if (c.blocker != nullptr) fs::create_directories(Path(c.blocker));
+    rlimit saved{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+    const rlimit limited{c.blocker != nullptr ? saved.rlim_cur : 128 * 1024, saved.rlim_max};
+    auto oldHandler = signal(SIGXFSZ, SIG_IGN);  // the copy gets EFBIG, as on a full ramdisk
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+    const bool created = RestoreOrCreateStore(true);
+    setrlimit(RLIMIT_FSIZE, &saved);
+    signal(SIGXFSZ, oldHandler);
 
-  EXPECT_TRUE(created);
-  EXPECT_EQ(DBStore::Check(Path(kStore)), 0);
-  EXPECT_THAT(Rows(DBStore::CONFIG_STORE), IsEmpty());
-  EXPECT_TRUE(log_.Contains("Cannot copy ConfigStore from backup [" + Path(kBackup) + "], creating new ConfigStore.",
-                            CSLogger::PRIO_ERROR));
-  EXPECT_THAT(EventIds(), ElementsAre(kCopyEvent));
-}
-
-TEST_F(StoreRestoreTest, CopiesBlockedByADirectory) {
-  WriteBackup(DBStore::CONFIG_STORE, kBackup, "config");
-  WriteBackup(DBStore::DATAFILE_STORE, kDataFileBackup, "data.bin");
-  // cp refuses to put a file over a directory of the same name inside the target directory.
-  fs::create_directories(Path(kDataFileStore) + "/datafile-store");
-
-  EXPECT_FALSE(RestoreOrCreateStore(true));
-
-  EXPECT_THAT(Rows(DBStore::CONFIG_STORE), ElementsAre("config"));
-  EXPECT_TRUE(log_.Contains("Cannot copy DataFileStore from backup [" + Path(kDataFileBackup) +
-                            "], will create new DataFileStore."));
-  EXPECT_THAT(EventIds(), ElementsAre(kDataFileEvent, kDbEvent));  // nor created over the directory
+    EXPECT_EQ(created, c.configRows.empty());
+    EXPECT_EQ(DBStore::Check(Path(kStore)), 0);
+    EXPECT_EQ(Rows(DBStore::CONFIG_STORE), c.configRows);
+    EXPECT_TRUE(log_.Contains(c.line, CSLogger::PRIO_ERROR));
+    EXPECT_EQ(EventIds(), c.events);
+  }
 
   // A working store that cannot be deleted ends in the connection failure.
   Remove("/etc");

@@ -41,13 +41,10 @@ class StoreRestoreTest : public cstest::SandboxTest {
   void WriteBackup(DBStore::Type type, const std::string& hostPath, const std::string& marker) {
     const bool config = type == DBStore::CONFIG_STORE;
     ASSERT_EQ(DBStore::CreateDatabases(), 0);
-    ASSERT_EQ(DBStore::Exec(GetDBConnection(type, true),
-                            config ? "INSERT INTO Config (Identifier, Name, ConfigGroup, Component, UserValue) VALUES "
-                                     "('', 'k', 'g', 'c', ?1)"
-                                   : "INSERT INTO DataFileMetadata (Component, KEY, DirName, FileName) "
-                                     "VALUES ('c', 'k', 'dir', ?1)",
-                            marker),
-              0);
+    cstest::InsertRows(GetDBConnection(type, true),
+                       config ? "Config (Identifier, Name, ConfigGroup, Component, UserValue)"
+                              : "DataFileMetadata (Component, KEY, DirName, FileName)",
+                       {config ? DBStore::Values{"", "k", "g", "c", marker} : DBStore::Values{"c", "k", "dir", marker}});
     if (config) {
       ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", GetDBConnection(type, true)), 0);
     }

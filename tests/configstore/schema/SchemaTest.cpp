@@ -25,22 +25,37 @@ class SchemaFilesTest : public cstest::SchemaHostTest {
   std::string Dir() const { return Path(kSchemaDir); }
 };
 
-TEST_F(SchemaFilesTest, IdentifiersFromMetadataWithNamesAndVersions) {
+// A file's identifier is "<kitname>-<kitversion>" of its metadata: a file without both is left out,
+// with an event. With versioning only the newest file of each schema is taken (1.10 after 1.9, ties
+// in listing order); without, files are not even parsed and each is taken in listing order.
+TEST_F(SchemaFilesTest, IdentifiedFilesAndTheNewestVersionOfEachSchemaAreTaken) {
   for (const char* name : {"a.json", "schema.JSON", "x.json.bak"}) WriteRawSchemaFile(name, "{}");
   EXPECT_EQ(GetSchemaFiles(Dir()), Strings{"a.json"});
-
-  auto parse = [](const std::string& text) {
-    rapidjson::Document d;
-    d.Parse(text.c_str());
-    return d;
-  };
-  EXPECT_EQ(GetSchemaIDfromFile("f.json", parse(R"({"data": [], "metadata": {"kitname": "k", "kitversion": "1"}})")),
-            "k-1");
-  for (const char* text : {R"({"data": [], "metadata": {"kitname": "k"}})",
-                           R"({"data": [], "metadata": {"kitversion": "1"}})", R"({"data": []})"}) {
-    EXPECT_EQ(GetSchemaIDfromFile("bad.json", parse(text)), "") << text;
+  WriteSchemaFile("old.json", "net-core", "1.9.0_0.0", "");
+  WriteSchemaFile("new.json", "net-core", "1.10.0_0.1", "");
+  WriteSchemaFile("copy.json", "net-core", "1.10.0_0.1", "");
+  WriteSchemaFile("one.json", "plain", "7", "");  // no schema name in "plain-7": never skipped
+  WriteSchemaFile("two.json", "plain", "7", "");
+  WriteRawSchemaFile("nometa.json", R"({"data": []})");
+  WriteRawSchemaFile("noversion.json", R"({"data": [], "metadata": {"kitname": "k"}})");
+  WriteRawSchemaFile("noname.json", R"({"data": [], "metadata": {"kitversion": "1"}})");
+  WriteRawSchemaFile("broken.json", "not json");
+  const Strings listing = {"old.json", "one.json", "nometa.json", "noversion.json", "new.json",
+                           "noname.json", "copy.json", "two.json"};
+  for (bool versioning : {true, false}) {
+    SchemaFileSelection selection(Dir(), listing, versioning);
+    Strings taken;
+    for (const auto& f : selection.Files()) {
+      if (selection.Select(f)) taken.push_back(f);
+    }
+    EXPECT_EQ(taken, versioning ? Strings({"new.json", "one.json", "two.json"}) : listing);
   }
-  EXPECT_EQ(EventList(), Strings(3, "zeb.user.cs.schema.metadata.error:bad.json"));
+  EXPECT_EQ(EventList(), (Strings{"zeb.user.cs.schema.metadata.error:nometa.json",
+                                  "zeb.user.cs.schema.metadata.error:noversion.json",
+                                  "zeb.user.cs.schema.metadata.error:noname.json"}));
+  EXPECT_TRUE(Logged("Skipping schema file 'copy.json' since latest version already processed.", 2));
+  EXPECT_THROW(SchemaFileSelection(Dir(), {"broken.json"}, true), InvalidArgumentException);
+  EXPECT_EQ(SchemaFileSelection(Dir(), {"broken.json"}, false).Files(), Strings{"broken.json"});
 
   const std::tuple<std::string, std::string, SchemaVersion> ids[] = {
       {"kit-007.01.2_03.4", "kit", {7, 1, 2, 3, 4}},
@@ -53,30 +68,6 @@ TEST_F(SchemaFilesTest, IdentifiersFromMetadataWithNamesAndVersions) {
     EXPECT_EQ(ExtractVersionFromSchemaId(id), version) << id;
   }
   EXPECT_THROW(ExtractVersionFromSchemaId("kit-2147483648.0.0_0.0"), std::out_of_range);
-}
-
-// With versioning only the newest file of each schema is taken (1.10 after 1.9, ties in listing
-// order); without, files are not even parsed and each is taken in listing order.
-TEST_F(SchemaFilesTest, NewestVersionOfEachSchemaIsTaken) {
-  WriteSchemaFile("old.json", "net-core", "1.9.0_0.0", "");
-  WriteSchemaFile("new.json", "net-core", "1.10.0_0.1", "");
-  WriteSchemaFile("copy.json", "net-core", "1.10.0_0.1", "");
-  WriteSchemaFile("one.json", "plain", "7", "");  // no schema name in "plain-7": never skipped
-  WriteSchemaFile("two.json", "plain", "7", "");
-  WriteRawSchemaFile("nometa.json", R"({"data": []})");
-  WriteRawSchemaFile("broken.json", "not json");
-  const Strings listing = {"old.json", "one.json", "nometa.json", "new.json", "copy.json", "two.json"};
-  for (bool versioning : {true, false}) {
-    SchemaFileSelection selection(Dir(), listing, versioning);
-    Strings taken;
-    for (const auto& f : selection.Files()) {
-      if (selection.Select(f)) taken.push_back(f);
-    }
-    EXPECT_EQ(taken, versioning ? Strings({"new.json", "one.json", "two.json"}) : listing);
-  }
-  EXPECT_TRUE(Logged("Skipping schema file 'copy.json' since latest version already processed.", 2));
-  EXPECT_THROW(SchemaFileSelection(Dir(), {"broken.json"}, true), InvalidArgumentException);
-  EXPECT_EQ(SchemaFileSelection(Dir(), {"broken.json"}, false).Files(), Strings{"broken.json"});
 }
 
 constexpr const char* kImageProfile = "/var/db/talvex/imgdb/profile.xml";

@@ -94,11 +94,10 @@ TEST_F(DocumentsTest, SplitSeparatesUserVitalAndCachedParts) {
             "1082");
 }
 
-TEST_F(DocumentsTest, ParsingRefusesBadAndHostileText) {
+// Refusals of bad text in general are the conformance and hostile-document suites'; these are the limits.
+TEST_F(DocumentsTest, ParsingRefusesTextPastTheLimits) {
   const std::string depth(kMaxJsonDepth, '[');
   const std::pair<std::string, bool> cases[] = {
-      {std::string("{\"a\":1}\0", 8), false},
-      {std::string(100000, '[') + std::string(100000, ']'), false},  // refused, not a stack overflow
       {depth + std::string(kMaxJsonDepth, ']'), true},
       {"[\"" + std::string(5000, '[') + "\"]", true},  // brackets inside strings do not count
       {"[{\"mtu\":21e308}]", false},                    // past the double range: would be read as infinity
@@ -109,8 +108,6 @@ TEST_F(DocumentsTest, ParsingRefusesBadAndHostileText) {
   }
   EXPECT_THAT(cstest::Thrown([&] { CreateDocumentFromFile(Path("/etc/none.json")); }),
               testing::AllOf(testing::StartsWith("1081 "), testing::HasSubstr(Path("/etc/none.json"))));
-  WriteFile("/etc/trailing.json", "{} x");
-  EXPECT_THROW(CreateDocumentFromFile(Path("/etc/trailing.json")), InvalidArgumentException);
 }
 
 TEST_F(DocumentsTest, NavigationFollowsMembersAndInstances) {

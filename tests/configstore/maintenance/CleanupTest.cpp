@@ -85,13 +85,6 @@ TEST_F(MaintenanceTest, AutomaticValuesGoAndRowsWithoutValuesWithThem) {
          {{"c", "g", "autoOnly", "", "a", no, no, no, no}, {"c", "g", "empty", "", no, no, no, no, no},
           {"c", "g", "user", "", "a", "u", no, no, no}, {"c", "g", "vital", "", "a", no, "v", no, no},
           {"c", "g", "cached", "", "a", no, no, "c", no}, {"c", "g", "desired", "", "a", no, no, no, "d"}});
-  // The update of the automatic values, then the delete of the rows left empty.
-  for (const auto& [nth, message] : {std::pair{1, "2000 Error removing auto configuration value."},
-                                     std::pair{2, "2000 Error cleaning up config."}}) {
-    DBStore::faults::Arm(Kind::Prepare, nth, false);
-    EXPECT_EQ(cstest::Thrown(CleanupAutoConfig), message);
-    DBStore::faults::Disarm();
-  }
   CleanupAutoConfig();
   EXPECT_THAT(Rows(DBStore::CONFIG_STORE, "SELECT Name, AutoConfValue, UserValue, VitalValue, CachedValue, DesiredValue FROM Config"),
               testing::ElementsAre("cached|-|-|-|c|-", "desired|-|-|-|-|d", "user|-|u|-|-|-", "vital|-|-|v|-|-"));
@@ -182,12 +175,9 @@ TEST_F(MaintenanceTest, EachFailureIsNamedAndEndsOnlyItsOwnPart) {
   } cases[] = {
       {store, "current-store-1", Kind::Attach, 0, "ConfigStore cleanup failed: could not connect", false, true},
       {store, "", Kind::Attach, 1, "ConfigStore cleanup failed: could not attach to SchemaStore", false, true},
-      {store, "", Kind::Prepare, 1, "ConfigStore cleanup failed: SQL command unsuccessful", false, true},
       {store, "datafile-store", Kind::Attach, 0, "Datafile store cleanup failed: could not connect", true, true},
       {store, "", Kind::Attach, 2, "Datafile store cleanup failed: could not attach to data file schemas", true, true},
       {store, "", Kind::Prepare, 2, "Datafile live cleanup failed: read dir SQL command unsuccessful", true, true},
-      {[] { CleanupStore(true); }, "", Kind::Prepare, 2, "Datafile cleanup failed: SQL command unsuccessful", true,
-       true},
       {CleanupDataFiles, "datafile-store", Kind::Prepare, 0, "Datafile store cleanup failed: could not connect", true,
        true},
       {CleanupDataFiles, "", Kind::Prepare, 1, "CleanupDataFiles read sql command failed", true, true},

@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <tuple>
 
 #include "configstore/boot/RamDisk.h"
@@ -127,22 +128,31 @@ TEST_F(StoreRestoreTest, ABackupIsRestoredWithItsBootModeElseANewStoreIsMade) {
   EXPECT_FALSE(Exists(kDataFileStore));
 }
 
-// A copy that fails part way (a ramdisk too small) or is blocked leaves nothing: a new store is made in its place.
+// A copy that fails part way (a ramdisk too small) or is blocked leaves no store behind: a new one is
+// made in its place, unless the working store itself cannot be removed, which ends in the connection failure.
 TEST_F(StoreRestoreTest, FailedCopiesCreateNewStores) {
-  const struct {
-    const char* blocker;  // a directory in the copy's way; nullptr: files are limited to 128 KiB
-    Strings configRows, events;
-    std::string line;
-  } cases[] = {
-      {nullptr, {}, {kCopyEvent},
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+  auto oldHandler = signal(SIGXFSZ, SIG_IGN);  // a write past the limit gets EFBIG, as on a full ramdisk
+  // what blocks, what is thrown, the configuration rows, the events, the error logged
+  const std::tuple<std::function<void()>, std::string, Strings, Strings, std::string> cases[] = {
+      {[&saved] {
+         const rlimit limited{128 * 1024, saved.rlim_max};
+         ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+       },
+       "no exception", {}, {kCopyEvent},
        "Cannot copy ConfigStore from backup [" + Path(kBackup) + "], creating new ConfigStore."},
       // cp refuses to put a file over a directory of the same name inside the target directory;
       // nor is a store created over it.
-      {"/etc/talvex/configstore/datafile-store/datafile-store", {"config"}, {kDataFileEvent, kDbEvent},
+      {[this] { fs::create_directories(Path(kDataFileStore) + "/datafile-store"); }, "no exception", {"config"},
+       {kDataFileEvent, kDbEvent},
        "Cannot copy DataFileStore from backup [" + Path(kDataFileBackup) + "], will create new DataFileStore."},
+      {[this] { fs::create_directories(Path(kStore) + "/current-store-1"); },
+       "2000 Failed to connect to database: " + Path(kStore) + " is a directory", {}, {kCopyEvent, kDbEvent},
+       "Error removing sticky ConfigStore file"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.line);
+  for (const auto& [block, thrown, configRows, events, line] : cases) {
+    SCOPED_TRACE(line);
     Remove("/etc");
     Remove("/var");
     ASSERT_EQ(DBStore::CreateDatabases(), 0);
@@ -150,32 +160,19 @@ TEST_F(StoreRestoreTest, FailedCopiesCreateNewStores) {
               0);
     WriteBackup(DBStore::CONFIG_STORE, kBackup, "config");
     WriteBackup(DBStore::DATAFILE_STORE, kDataFileBackup, "data.bin");
-    if (c.blocker != nullptr) fs::create_directories(Path(c.blocker));
-    rlimit saved{};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
-    const rlimit limited{c.blocker != nullptr ? saved.rlim_cur : 128 * 1024, saved.rlim_max};
-    auto oldHandler = signal(SIGXFSZ, SIG_IGN);  // the copy gets EFBIG, as on a full ramdisk
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
-    const bool created = RestoreOrCreateStore(true);
+    block();
+    bool created = false;
+    EXPECT_EQ(cstest::Thrown([&created] { created = RestoreOrCreateStore(true); }), thrown);
     setrlimit(RLIMIT_FSIZE, &saved);
-    signal(SIGXFSZ, oldHandler);
-
-    EXPECT_EQ(created, c.configRows.empty());
-    EXPECT_EQ(DBStore::Check(Path(kStore)), 0);
-    EXPECT_EQ(Rows(DBStore::CONFIG_STORE), c.configRows);
-    EXPECT_TRUE(log_.Contains(c.line, CSLogger::PRIO_ERROR));
-    EXPECT_EQ(EventIds(), c.events);
+    EXPECT_TRUE(log_.Contains(line, CSLogger::PRIO_ERROR));
+    EXPECT_EQ(EventIds(), events);
+    if (thrown == "no exception") {
+      EXPECT_EQ(created, configRows.empty());
+      EXPECT_EQ(DBStore::Check(Path(kStore)), 0);
+      EXPECT_EQ(Rows(DBStore::CONFIG_STORE), configRows);
+    }
   }
-
-  // A working store that cannot be deleted ends in the connection failure.
-  Remove("/etc");
-  Remove("/var/log");
-  Remove(kDataFileBackup);
-  fs::create_directories(Path(kStore) + "/current-store-1");
-  EXPECT_EQ(cstest::Thrown([] { RestoreOrCreateStore(true); }),
-            "2000 Failed to connect to database: " + Path(kStore) + " is a directory");
-  EXPECT_TRUE(log_.Contains("Error removing sticky ConfigStore file", CSLogger::PRIO_ERROR));
-  EXPECT_THAT(EventIds(), ElementsAre(kCopyEvent, kDbEvent));
+  signal(SIGXFSZ, oldHandler);
 }
 
 // The live-install refresh: schemas first, then the live-install modules, and what stops it.

@@ -13,7 +13,6 @@
 #include "configstore/schema/SchemaRegistration.h"
 #include "platform/host/HostRoot.h"
 #include "tests/configstore/schema/SchemaHostFixture.h"
-#include "tests/support/StoreDump.h"
 
 namespace {
 
@@ -70,7 +69,6 @@ TEST_F(SchemaFilesTest, IdentifiedFilesAndTheNewestVersionOfEachSchemaAreTaken) 
   EXPECT_THROW(ExtractVersionFromSchemaId("kit-2147483648.0.0_0.0"), std::out_of_range);
 }
 
-constexpr const char* kImageProfile = "/var/db/talvex/imgdb/profile.xml";
 const std::string kValueSchema = R"({"type": "object", "properties": {"v": {"type": "string"}}})";
 
 class SchemaRegistrationTest : public cstest::SchemaHostTest {
@@ -124,26 +122,6 @@ TEST_F(SchemaRegistrationTest, BadFilesFailAloneAndTheOthersRegister) {
   EXPECT_EQ(events, (Strings{"zeb.user.cs.schema.file.error:extra.json", "zeb.user.cs.schema.file.error:partial.json",
                              "zeb.user.cs.schema.file.error:refused.json",
                              "zeb.user.cs.schema.validation.error:extra.json"}));
-}
-
-// A pass that cannot finish is cancelled as a whole: every store reads as before it.
-TEST_F(SchemaRegistrationTest, AFailedPassKeepsTheEarlierRegistration) {
-  WriteInstalledKits();
-  ASSERT_TRUE(ProcessSchemaFiles({}, false));
-  const cstest::StoreDump before = cstest::DumpStores();
-  // A pass that went through would replace one kit's key.
-  WriteSchemaFile("net-core.json", cstest::kNetKit, cstest::kNetVersion, Element("qor/network/other", kValueSchema));
-  for (bool versioning : {true, false}) {
-    SetSwitches(versioning, true);
-    WriteRawSchemaFile("broken.json", R"({"metadata": )");
-    EXPECT_FALSE(ProcessSchemaFiles({cstest::kBaseKit}, false));
-    EXPECT_EQ(cstest::DiffStores(before, cstest::DumpStores()), "");
-  }
-  Remove("/usr/lib/talvex/configmanager/schemas/broken.json");
-  Remove(kImageProfile);
-  EXPECT_FALSE(ProcessSchemaFiles({cstest::kBaseKit}, false));
-  EXPECT_EQ(cstest::DiffStores(before, cstest::DumpStores()), "");
-  EXPECT_EQ(log_.Count("[SchemaProcessor] Error processing schemas - '"), 3u);
 }
 
 }  // namespace

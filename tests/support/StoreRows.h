@@ -28,8 +28,10 @@ std::vector<std::string> JoinedRows(const DBStore::Connection& conn, std::string
   return rows;
 }
 
-// Inserts each of `rows` into `into` ("Table (Column, ...)"), its values bound in order. A failed insert fails the test.
-inline void InsertRows(const DBStore::Connection& conn, const std::string& into, const std::vector<DBStore::Values>& rows) {
+// Inserts each of `rows` into `into` ("Table (Column, ...)"), its values bound in order.
+// A failed insert fails the test.
+inline void InsertRows(const DBStore::Connection& conn, const std::string& into,
+                       const std::vector<DBStore::Values>& rows) {
   for (const DBStore::Values& row : rows) {
     std::string marks = "?";
     for (size_t i = 1; i < row.size(); ++i) marks += ", ?";

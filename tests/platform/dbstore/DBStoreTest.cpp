@@ -53,8 +53,6 @@ TEST_F(DBStoreTest, StoresAreCreatedOnceAndOpenedOnlyWhenThere) {
   EXPECT_EQ(DBStore::Check(Path(kConfigStore)), 0);
   EXPECT_EQ(ReadKv(Open(), "BOOT_MODE"), "2");
 
-  EXPECT_FALSE(DBStore::GetConnection(static_cast<DBStore::Type>(1), true));
-  EXPECT_TRUE(log_.Contains("unknown store database type 1", CSLogger::PRIO_ERROR));
   Remove(kConfigStore);
   EXPECT_FALSE(DBStore::GetConnection(DBStore::CONFIG_STORE, false));
   EXPECT_FALSE(Exists(kConfigStore));

@@ -154,8 +154,6 @@ TEST_F(BootStateTest, UpgradeCheckFailureAnswersFalseWithEventWhileOthersThrow) 
   const std::tuple<std::function<void()>, std::string, bool> rows[] = {
       // what breaks, the error, whether HasBootbankChanged needs the same fact
       {[this] { Remove("/sys/plon/.signature"); }, "Failed to invoke PLON_CheckSig", true},
-      {[this] { RemoveStore(); },
-       "Failed to connect to database. " + Path("/etc/talvex/configstore/current-store-1") + " does not exist", true},
       {[] { DBStore::faults::Arm(Kind::KvRead, 1, false); },
        "Failed to read value for key POST_LIVE_INSTALL_BOOT", false},
   };

@@ -174,12 +174,9 @@ TEST_F(MaintenanceTest, EachFailureIsNamedAndEndsOnlyItsOwnPart) {
     bool dirBLeft, strayLeft;
   } cases[] = {
       {store, "current-store-1", Kind::Attach, 0, "ConfigStore cleanup failed: could not connect", false, true},
-      {store, "", Kind::Attach, 1, "ConfigStore cleanup failed: could not attach to SchemaStore", false, true},
       {store, "datafile-store", Kind::Attach, 0, "Datafile store cleanup failed: could not connect", true, true},
       {store, "", Kind::Attach, 2, "Datafile store cleanup failed: could not attach to data file schemas", true, true},
       {store, "", Kind::Prepare, 2, "Datafile live cleanup failed: read dir SQL command unsuccessful", true, true},
-      {CleanupDataFiles, "datafile-store", Kind::Prepare, 0, "Datafile store cleanup failed: could not connect", true,
-       true},
       {CleanupDataFiles, "", Kind::Prepare, 1, "CleanupDataFiles read sql command failed", true, true},
       {CleanupDataFiles, "", Kind::Prepare, 2, "CleanupDataFiles failed to clearup metadata", true, false},
   };

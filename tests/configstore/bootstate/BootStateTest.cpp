@@ -76,8 +76,6 @@ TEST_F(BootStateTest, WritersStoreTheirExactTexts) {
   EXPECT_EQ(GetBootMode(), BOOT_MODE_DEFAULT) << "a store that never had a mode";
   // what runs, the key it writes, the text stored, a line logged
   const std::tuple<std::function<void()>, const char*, const char*, const char*> rows[] = {
-      {[] { SetBootMode(BOOT_MODE_SMARTNIC_CONFIG); }, "BOOT_MODE", "3", "Next boot mode set to 3"},
-      {StartAutoConf, "IS_BOOT", "true", "ConfigStore autoconf start"},
       {[] { EnableNexdNotification(false); }, "NOTIFY_NEXD", "false", "ConfigStore nexd notification enabled = 0"},
       {[] { SetLiveInstallBoot("true"); }, POST_LIVE_INSTALL_BOOT, "true", "POST_LIVE_INSTALL_BOOT=true completed"},
       {[] { SetLiveInstallBoot("True"); }, POST_LIVE_INSTALL_BOOT, "false", "not valid value True"},
@@ -89,7 +87,6 @@ TEST_F(BootStateTest, WritersStoreTheirExactTexts) {
     EXPECT_EQ(Stored(key), stored) << logged;
     EXPECT_TRUE(log_.Contains(logged)) << logged;
   }
-  EXPECT_EQ(GetBootMode(), BOOT_MODE_SMARTNIC_CONFIG);
   Store("IS_BOOT", "TRUE");
   EXPECT_FALSE(IsAutoConf()) << "only the exact text counts";
   // The flag writers ignore a missing store and create none.

@@ -45,7 +45,8 @@ class StoreRestoreTest : public cstest::SandboxTest {
     cstest::InsertRows(GetDBConnection(type, true),
                        config ? "Config (Identifier, Name, ConfigGroup, Component, UserValue)"
                               : "DataFileMetadata (Component, KEY, DirName, FileName)",
-                       {config ? DBStore::Values{"", "k", "g", "c", marker} : DBStore::Values{"c", "k", "dir", marker}});
+                       {config ? DBStore::Values{"", "k", "g", "c", marker}
+                               : DBStore::Values{"c", "k", "dir", marker}});
     if (config) {
       ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", GetDBConnection(type, true)), 0);
     }

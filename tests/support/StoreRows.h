@@ -1,4 +1,4 @@
-// Rows of a statement as text, for tests that compare store contents.
+// Rows of a statement as text, and rows written, for tests that compare store contents.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -26,6 +26,17 @@ std::vector<std::string> JoinedRows(const DBStore::Connection& conn, std::string
   };
   EXPECT_EQ(DBStore::QueryEach(conn, sql, keep, args...), 0) << sql;
   return rows;
+}
+
+// Inserts each of `rows` into `into` ("Table (Column, ...)"), its values bound in order.
+// A failed insert fails the test.
+inline void InsertRows(const DBStore::Connection& conn, const std::string& into,
+                       const std::vector<DBStore::Values>& rows) {
+  for (const DBStore::Values& row : rows) {
+    std::string marks = "?";
+    for (size_t i = 1; i < row.size(); ++i) marks += ", ?";
+    EXPECT_EQ(DBStore::Exec(conn, "INSERT INTO " + into + " VALUES (" + marks + ")", row), 0) << into;
+  }
 }
 
 }  // namespace cstest

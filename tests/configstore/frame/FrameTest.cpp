@@ -1,31 +1,16 @@
-// The call frame, size metrics and documents.
+// The call frame, the boot lock and documents.
 #include <gmock/gmock.h>
 
 #include "configstore/frame/BootLock.h"
 #include "configstore/frame/CallFrame.h"
 #include "configstore/frame/Documents.h"
-#include "configstore/frame/Metrics.h"
 #include "platform/host/HostRoot.h"
-#include "platform/validator/ConfigStoreDocument.h"
 #include "tests/support/Sandbox.h"
 
 namespace QorConfigStore {
 namespace {
 
 using FrameTest = cstest::SandboxTest;
-
-TEST_F(FrameTest, ConnectionsAndFileRemoval) {
-  EXPECT_FALSE(GetDBConnection(DBStore::CONFIG_STORE, false));
-  EXPECT_EQ(cstest::Thrown([] { GetDBConnection(DBStore::CONFIG_STORE, true); }),
-            "2000 Failed to connect to database: " + Path("/etc/talvex/configstore/current-store-1") +
-                " does not exist");
-
-  WriteFile("/tmp/f", "x");
-  EXPECT_TRUE(RemoveFile(Path("/tmp/f").c_str()));
-  EXPECT_FALSE(FileExists(Path("/tmp/f").c_str()));
-  EXPECT_FALSE(RemoveFile(Path("/tmp/f").c_str()));
-  EXPECT_TRUE(log_.Contains("Failed to remove: " + Path("/tmp/f") + ", err: 2", CSLogger::PRIO_ERROR));
-}
 
 // Another process's hold is waited for, then refused by name; this process's own holds nest freely.
 TEST_F(FrameTest, BootLockWaitsForOthersAndNestsInItsOwnProcess) {
@@ -64,22 +49,6 @@ TEST_F(FrameTest, ExecCommandReportsHowTheChildEndedAndAlertsAreCut) {
   EXPECT_EQ(RecordedAlerts(), std::vector<std::string>{std::string(2047, 'a') + "Z"});
 }
 
-// Size metrics: NULL values sum to zero, a total past int32 throws rather than wrapping.
-TEST_F(FrameTest, MetricsCountNullAsZeroAndThrowPastInt32) {
-  ASSERT_EQ(DBStore::CreateDatabases(), 0);
-  DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
-  ASSERT_EQ(DBStore::Exec(conn, "INSERT INTO Config (Identifier, Name, ConfigGroup, Component, UserValue, VitalValue) "
-                                "VALUES ('', 'k1', 'g', 'c', '{}', NULL), ('', 'k2', 'g', 'c', NULL, '[1]')"),
-            0);
-  EXPECT_THAT(GetConfigMetrics(), testing::UnorderedElementsAre("c,g,k1,0,2,0", "c,g,k2,3,0,0"));
-  // 3 GB of real values would take minutes to write: a view with zero-filled blobs has the same lengths.
-  ASSERT_EQ(DBStore::Exec(conn, "DROP TABLE Config"), 0);
-  ASSERT_EQ(DBStore::Exec(conn, "CREATE VIEW Config AS SELECT zeroblob(1000000000) AS UserValue "
-                                "FROM (SELECT 1 UNION ALL SELECT 2 UNION ALL SELECT 3)"),
-            0);
-  EXPECT_THROW(GetUserConfigSize(), std::out_of_range);
-}
-
 using DocumentsTest = cstest::SandboxTest;
 
 std::shared_ptr<JsonDoc> Parse(const std::string& text) { return CreateDocumentFromString(text); }
@@ -111,24 +80,16 @@ TEST_F(DocumentsTest, SplitSeparatesUserVitalAndCachedParts) {
     auto parts = SplitConfig(*value->document, *schema->document);
     EXPECT_EQ(parts, (std::unordered_map<std::string, std::string>{{"user", c[1]}, {"vital", c[2]}, {"cached", c[3]}}));
     EXPECT_TRUE(*value->document == *Parse(c[0])->document) << "the input is left alone";
-    // Pruning a copy in place gives the same parts.
-    for (const char* part : {"user", "vital", "cached"}) {
-      auto copy = Parse(c[0]);
-      std::string text;
-      if (ProcessConfig(*copy->document, *schema->document, part)) ConfigStoreDocument::SerializeValue(*copy->document, text);
-      EXPECT_EQ(text, parts[part]) << part;
-    }
   }
   EXPECT_EQ(cstest::Thrown([&] { SplitConfig(*Parse(R"({"name":"nic0","unknown":1})")->document, *schema->document); })
                 .substr(0, 4),
             "1082");
 }
 
-TEST_F(DocumentsTest, ParsingRefusesBadAndHostileText) {
+// Refusals of bad text in general are the conformance and hostile-document suites'; these are the limits.
+TEST_F(DocumentsTest, ParsingRefusesTextPastTheLimits) {
   const std::string depth(kMaxJsonDepth, '[');
   const std::pair<std::string, bool> cases[] = {
-      {std::string("{\"a\":1}\0", 8), false},
-      {std::string(100000, '[') + std::string(100000, ']'), false},  // refused, not a stack overflow
       {depth + std::string(kMaxJsonDepth, ']'), true},
       {"[\"" + std::string(5000, '[') + "\"]", true},  // brackets inside strings do not count
       {"[{\"mtu\":21e308}]", false},                    // past the double range: would be read as infinity
@@ -139,8 +100,6 @@ TEST_F(DocumentsTest, ParsingRefusesBadAndHostileText) {
   }
   EXPECT_THAT(cstest::Thrown([&] { CreateDocumentFromFile(Path("/etc/none.json")); }),
               testing::AllOf(testing::StartsWith("1081 "), testing::HasSubstr(Path("/etc/none.json"))));
-  WriteFile("/etc/trailing.json", "{} x");
-  EXPECT_THROW(CreateDocumentFromFile(Path("/etc/trailing.json")), InvalidArgumentException);
 }
 
 TEST_F(DocumentsTest, NavigationFollowsMembersAndInstances) {
@@ -156,7 +115,6 @@ TEST_F(DocumentsTest, NavigationFollowsMembersAndInstances) {
 TEST_F(DocumentsTest, ValidationLogsEveryErrorAndPassesOnlyTheDeleteMarker) {
   auto schema = Parse(R"({"type":"object","properties":{"mtu":{"type":"integer","maximum":9000},
       "mode":{"type":"string","enum":["a","b"]}}})");
-  EXPECT_TRUE(ValidateUserObject(*schema->document, *Parse(R"({"mtu":1500})")->document, "k", false));
   EXPECT_FALSE(ValidateUserObject(*schema->document, *Parse(R"({"mtu":12000,"mode":"c"})")->document, "k", false));
   EXPECT_EQ(log_.Count("[1083]"), 2u) << "both errors are logged, not only the first";
   auto marker = Parse(R"("DELETE_DEFAULT")");

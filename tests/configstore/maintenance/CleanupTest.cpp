@@ -7,7 +7,6 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "configstore/frame/CallFrame.h"
@@ -29,37 +28,18 @@ class MaintenanceTest : public cstest::SandboxTest {
  protected:
   using Strings = std::vector<std::string>;
   static constexpr const char* kDataFileRoot = "/var/cache/datafiles";
+  static constexpr const char* kDataFiles = "DataFileMetadata (Component, KEY, DirName, FileName)";
 
   void SetUp() override {
     SandboxTest::SetUp();
     ASSERT_EQ(DBStore::CreateDatabases(), 0);
   }
 
-  // A row of the schema store's ConfigSchema ({component, group, key}) or DataFileSchema ({component, key}).
-  void AddSchema(const Strings& columns) {
-    DBStore::Connection conn = GetDBConnection(DBStore::CONFIG_STORE, true);
+  // Rows into `into` ("Table (Column, ...)") on the store of `type`, the schema store attached as "ss".
+  void Insert(DBStore::Type type, const std::string& into, const std::vector<DBStore::Values>& rows) {
+    DBStore::Connection conn = GetDBConnection(type, true);
     ASSERT_EQ(DBStore::AttachSchemaStore(conn), 0);
-    ASSERT_EQ(DBStore::Exec(conn,
-                            columns.size() == 3
-                                ? "INSERT INTO ss.ConfigSchema (Component, ConfigGroup, Name) VALUES (?, ?, ?)"
-                                : "INSERT INTO ss.DataFileSchema (Component, KEY) VALUES (?, ?)",
-                            columns),
-              0);
-  }
-  // {component, group, key, id}, then AutoConfValue, UserValue, VitalValue, CachedValue, DesiredValue.
-  void AddConfigRow(const Strings& name, std::vector<std::optional<std::string>> values = {}) {
-    values.resize(5);
-    ASSERT_EQ(DBStore::Exec(GetDBConnection(DBStore::CONFIG_STORE, true),
-                            "INSERT INTO Config (Component, ConfigGroup, Name, Identifier, AutoConfValue, UserValue, "
-                            "VitalValue, CachedValue, DesiredValue) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)",
-                            name[0], name[1], name[2], name[3], values),
-              0);
-  }
-  void AddDataFileRow(const Strings& columns) {
-    ASSERT_EQ(DBStore::Exec(GetDBConnection(DBStore::DATAFILE_STORE, true),
-                            "INSERT INTO DataFileMetadata (Component, KEY, DirName, FileName) VALUES (?, ?, ?, ?)",
-                            columns),
-              0);
+    cstest::InsertRows(conn, into, rows);
   }
   // The rows of `sql` on the store of `type`, columns "|"-joined (NULL as "-"), sorted.
   Strings Rows(DBStore::Type type, const char* sql) {
@@ -77,18 +57,15 @@ class MaintenanceTest : public cstest::SandboxTest {
   // Configuration rows with a schema and rows that miss one by one column each; data-file records
   // (dirA/gone deleted by hand, dirB's key without a schema, dirC not on disk) and unrecorded files.
   void Populate() {
-    AddSchema({"comp", "net", "nics"});
-    AddSchema({"comp", "net", "routes"});
-    AddSchema({"comp", "kept"});
-    for (const auto& [component, group, key, id] : {std::tuple{"comp", "net", "nics", "eth0"}, {"comp", "net", "nics", "eth1"},
-                                                    {"comp", "net", "routes", ""}, {"comp", "net", "gone", ""},
-                                                    {"comp", "other", "nics", ""}, {"other", "net", "nics", ""}}) {
-      AddConfigRow({component, group, key, id}, {std::nullopt, "u"});
-    }
-    for (const auto& [component, key, dir, file] : {std::tuple{"comp", "kept", "dirA", "a1"}, {"comp", "kept", "dirA", "gone"},
-                                                    {"comp", "old", "dirB", "b1"}, {"other", "kept", "dirC", "c1"}}) {
-      AddDataFileRow({component, key, dir, file});
-    }
+    Insert(DBStore::CONFIG_STORE, "ss.ConfigSchema (Component, ConfigGroup, Name)",
+           {{"comp", "net", "nics"}, {"comp", "net", "routes"}});
+    Insert(DBStore::CONFIG_STORE, "ss.DataFileSchema (Component, KEY)", {{"comp", "kept"}});
+    Insert(DBStore::CONFIG_STORE, "Config (Component, ConfigGroup, Name, Identifier, UserValue)",
+           {{"comp", "net", "nics", "e0", "u"}, {"comp", "net", "routes", "", "u"}, {"comp", "other", "nics", "", "u"},
+            {"comp", "net", "nics", "e1", "u"}, {"comp", "net", "gone", "", "u"}, {"other", "net", "nics", "", "u"}});
+    Insert(DBStore::DATAFILE_STORE, kDataFiles,
+           {{"comp", "kept", "dirA", "a1"}, {"comp", "kept", "dirA", "gone"}, {"comp", "old", "dirB", "b1"},
+            {"other", "kept", "dirC", "c1"}});
     for (const char* file : {"dirA/a1", "dirA/extra", "dirA/subdir/deep", "dirB/b1", "dirOrphan/x/y", "stray"}) {
       AddDataFile(file);
     }
@@ -101,19 +78,13 @@ TEST_F(MaintenanceTest, AutomaticValuesGoAndRowsWithoutValuesWithThem) {
   EXPECT_TRUE(log_.Contains("Cleanup failed: could not connect to ConfigStore", CSLogger::PRIO_ERROR));
   ASSERT_EQ(DBStore::CreateDatabases(), 0);
 
-  const std::optional<std::string> no;
-  for (const auto& [key, values] : std::vector<std::pair<std::string, std::vector<std::optional<std::string>>>>{
-           {"autoOnly", {"a"}}, {"empty", {}}, {"user", {"a", "u"}}, {"vital", {"a", no, "v"}},
-           {"cached", {"a", no, no, "c"}}, {"desired", {"a", no, no, no, "d"}}}) {
-    AddConfigRow({"c", "g", key, ""}, values);
-  }
-  // The update of the automatic values, then the delete of the rows left empty.
-  for (const auto& [nth, message] : {std::pair{1, "2000 Error removing auto configuration value."},
-                                     std::pair{2, "2000 Error cleaning up config."}}) {
-    DBStore::faults::Arm(Kind::Prepare, nth, false);
-    EXPECT_EQ(cstest::Thrown(CleanupAutoConfig), message);
-    DBStore::faults::Disarm();
-  }
+  const std::nullopt_t no = std::nullopt;
+  Insert(DBStore::CONFIG_STORE,
+         "Config (Component, ConfigGroup, Name, Identifier, AutoConfValue, UserValue, VitalValue, CachedValue, "
+         "DesiredValue)",
+         {{"c", "g", "autoOnly", "", "a", no, no, no, no}, {"c", "g", "empty", "", no, no, no, no, no},
+          {"c", "g", "user", "", "a", "u", no, no, no}, {"c", "g", "vital", "", "a", no, "v", no, no},
+          {"c", "g", "cached", "", "a", no, no, "c", no}, {"c", "g", "desired", "", "a", no, no, no, "d"}});
   CleanupAutoConfig();
   EXPECT_THAT(Rows(DBStore::CONFIG_STORE, "SELECT Name, AutoConfValue, UserValue, VitalValue, CachedValue, DesiredValue FROM Config"),
               testing::ElementsAre("cached|-|-|-|c|-", "desired|-|-|-|-|d", "user|-|u|-|-|-", "vital|-|-|v|-|-"));
@@ -125,7 +96,6 @@ TEST_F(MaintenanceTest, DataFileDiskAndRecordsAreReconciledBothWays) {
   EXPECT_EQ(DataFileRows(), (Strings{"comp|kept|dirA|a1", "comp|old|dirB|b1"}));
   for (const char* file : {"dirA/a1", "dirB/b1"}) EXPECT_TRUE(DataFileExists(file)) << file;
   for (const char* file : {"dirA/extra", "dirA/subdir", "dirOrphan", "stray"}) EXPECT_FALSE(DataFileExists(file)) << file;
-  EXPECT_TRUE(log_.Contains("CleanupDataFiles completed", CSLogger::PRIO_INFO));
   EXPECT_FALSE(log_.Contains("", CSLogger::PRIO_ERROR));
 
   // A regular file in place of the root is no directory: the table is emptied, nothing touched.
@@ -141,8 +111,7 @@ TEST_F(MaintenanceTest, DataFileDiskAndRecordsAreReconciledBothWays) {
 TEST_F(MaintenanceTest, DataFileLinksAreRemovedAsLinksNeverFollowed) {
   const std::string root = Path(kDataFileRoot) + "/";
   WriteFile("/outside/victim", "keep me");
-  AddDataFileRow({"comp", "k", "linked", "victim"});
-  AddDataFileRow({"comp", "k", "dirA", "inner"});
+  Insert(DBStore::DATAFILE_STORE, kDataFiles, {{"comp", "k", "linked", "victim"}, {"comp", "k", "dirA", "inner"}});
   AddDataFile("dirA/inner");
   fs::create_directory_symlink(Path("/outside"), root + "linked");
   fs::create_symlink(Path("/outside/victim"), root + "dirA/link");
@@ -172,7 +141,7 @@ TEST_F(MaintenanceTest, StoreRowsWithoutSchemaGoAndOutsideBootTheirDirectories) 
     log_.Clear();
     CleanupStore(atBoot);
     EXPECT_EQ(Rows(DBStore::CONFIG_STORE, "SELECT Component, ConfigGroup, Name, Identifier FROM Config"),
-              (Strings{"comp|net|nics|eth0", "comp|net|nics|eth1", "comp|net|routes|"}));
+              (Strings{"comp|net|nics|e0", "comp|net|nics|e1", "comp|net|routes|"}));
     EXPECT_EQ(DataFileRows(), (Strings{"comp|kept|dirA|a1", "comp|kept|dirA|gone"}));
     EXPECT_TRUE(DataFileExists("dirA/a1"));
     EXPECT_EQ(DataFileExists("dirB"), atBoot);
@@ -182,7 +151,9 @@ TEST_F(MaintenanceTest, StoreRowsWithoutSchemaGoAndOutsideBootTheirDirectories) 
   }
   // Directory names that leave the data-file root are not removed.
   WriteFile("/var/cache/sibling/keep", "x");
-  for (const char* dir : {"", ".", "..", "../sibling", "dirA/.."}) AddDataFileRow({"comp", "old", dir, "f"});
+  for (const char* dir : {"", ".", "..", "../sibling", "dirA/.."}) {
+    Insert(DBStore::DATAFILE_STORE, kDataFiles, {{"comp", "old", dir, "f"}});
+  }
   CleanupStore(false);
   EXPECT_TRUE(DataFileExists("dirA/a1"));
   EXPECT_TRUE(Exists("/var/cache/sibling/keep"));
@@ -202,15 +173,9 @@ TEST_F(MaintenanceTest, EachFailureIsNamedAndEndsOnlyItsOwnPart) {
     bool dirBLeft, strayLeft;
   } cases[] = {
       {store, "current-store-1", Kind::Attach, 0, "ConfigStore cleanup failed: could not connect", false, true},
-      {store, "", Kind::Attach, 1, "ConfigStore cleanup failed: could not attach to SchemaStore", false, true},
-      {store, "", Kind::Prepare, 1, "ConfigStore cleanup failed: SQL command unsuccessful", false, true},
       {store, "datafile-store", Kind::Attach, 0, "Datafile store cleanup failed: could not connect", true, true},
       {store, "", Kind::Attach, 2, "Datafile store cleanup failed: could not attach to data file schemas", true, true},
       {store, "", Kind::Prepare, 2, "Datafile live cleanup failed: read dir SQL command unsuccessful", true, true},
-      {[] { CleanupStore(true); }, "", Kind::Prepare, 2, "Datafile cleanup failed: SQL command unsuccessful", true,
-       true},
-      {CleanupDataFiles, "datafile-store", Kind::Prepare, 0, "Datafile store cleanup failed: could not connect", true,
-       true},
       {CleanupDataFiles, "", Kind::Prepare, 1, "CleanupDataFiles read sql command failed", true, true},
       {CleanupDataFiles, "", Kind::Prepare, 2, "CleanupDataFiles failed to clearup metadata", true, false},
   };

@@ -41,7 +41,6 @@ TEST_F(PackageFilesTest, DeclaredFilesAndArchivesDecide) {
                             R"("path":"/etc/net/net.conf"},{"category":"config","path":"/opt/x/vital/y"}]})",
                             store, false);
   store->CommitUpdate();
-  EXPECT_THAT(GetKitFiles()["config"], ElementsAre("/etc/net/net.conf", "/opt/x/vital/y"));
 
   const std::string skipList = "/var/run/talvex/files/skip-backup-list";
 

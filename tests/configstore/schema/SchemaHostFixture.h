@@ -19,17 +19,12 @@ inline constexpr const char* kNetVersion = "1.2.3_4.5";
 class SchemaHostTest : public SandboxTest {
  protected:
   void SetUp() override;
-  void TearDown() override {
-    DBStore::faults::Disarm();
-    SandboxTest::TearDown();
-  }
 
   // Writes the feature-state file: schema versioning (62) and SmartNIC filtering (70).
   void SetSwitches(bool versioning, bool smartnicFiltering) const {
     WriteFile("/etc/talvex/features", std::string("62=") + (versioning ? "on" : "off") + "\n70=" +
                                           (smartnicFiltering ? "on" : "off") + "\n");
   }
-  void SetQorio(bool qorio) const { qorio ? WriteFile("/etc/.qorio", "") : Remove("/etc/.qorio"); }
 
   // {"metadata": {"kitname", "kitversion"}, "data": [<data>]} as "<dir>/<file>".
   void WriteSchemaFile(const std::string& file, const std::string& kit, const std::string& version,

@@ -13,34 +13,45 @@
 #include "configstore/schema/SchemaRegistration.h"
 #include "platform/host/HostRoot.h"
 #include "tests/configstore/schema/SchemaHostFixture.h"
-#include "tests/support/StoreDump.h"
 
 namespace {
 
 using namespace QorConfigStore;
 using cstest::Strings;
 
-class SchemaFilesTest : public cstest::SchemaHostTest {
- protected:
-  std::string Dir() const { return Path(kSchemaDir); }
-};
+using SchemaFilesTest = cstest::SchemaHostTest;
 
-TEST_F(SchemaFilesTest, IdentifiersFromMetadataWithNamesAndVersions) {
+// A file's identifier is "<kitname>-<kitversion>" of its metadata: a file without both is left out,
+// with an event. With versioning only the newest file of each schema is taken (1.10 after 1.9, ties
+// in listing order); without, files are not even parsed and each is taken in listing order.
+TEST_F(SchemaFilesTest, IdentifiedFilesAndTheNewestVersionOfEachSchemaAreTaken) {
   for (const char* name : {"a.json", "schema.JSON", "x.json.bak"}) WriteRawSchemaFile(name, "{}");
-  EXPECT_EQ(GetSchemaFiles(Dir()), Strings{"a.json"});
-
-  auto parse = [](const std::string& text) {
-    rapidjson::Document d;
-    d.Parse(text.c_str());
-    return d;
-  };
-  EXPECT_EQ(GetSchemaIDfromFile("f.json", parse(R"({"data": [], "metadata": {"kitname": "k", "kitversion": "1"}})")),
-            "k-1");
-  for (const char* text : {R"({"data": [], "metadata": {"kitname": "k"}})",
-                           R"({"data": [], "metadata": {"kitversion": "1"}})", R"({"data": []})"}) {
-    EXPECT_EQ(GetSchemaIDfromFile("bad.json", parse(text)), "") << text;
+  EXPECT_EQ(GetSchemaFiles(Path(kSchemaDir)), Strings{"a.json"});
+  WriteSchemaFile("old.json", "net-core", "1.9.0_0.0", "");
+  WriteSchemaFile("new.json", "net-core", "1.10.0_0.1", "");
+  WriteSchemaFile("copy.json", "net-core", "1.10.0_0.1", "");
+  WriteSchemaFile("one.json", "plain", "7", "");  // no schema name in "plain-7": never skipped
+  WriteSchemaFile("two.json", "plain", "7", "");
+  WriteRawSchemaFile("nometa.json", R"({"data": []})");
+  WriteRawSchemaFile("noversion.json", R"({"data": [], "metadata": {"kitname": "k"}})");
+  WriteRawSchemaFile("noname.json", R"({"data": [], "metadata": {"kitversion": "1"}})");
+  WriteRawSchemaFile("broken.json", "not json");
+  const Strings listing = {"old.json", "one.json", "nometa.json", "noversion.json", "new.json",
+                           "noname.json", "copy.json", "two.json"};
+  for (bool versioning : {true, false}) {
+    SchemaFileSelection selection(Path(kSchemaDir), listing, versioning);
+    Strings taken;
+    for (const auto& f : selection.Files()) {
+      if (selection.Select(f)) taken.push_back(f);
+    }
+    EXPECT_EQ(taken, versioning ? Strings({"new.json", "one.json", "two.json"}) : listing);
   }
-  EXPECT_EQ(EventList(), Strings(3, "zeb.user.cs.schema.metadata.error:bad.json"));
+  EXPECT_EQ(EventList(), (Strings{"zeb.user.cs.schema.metadata.error:nometa.json",
+                                  "zeb.user.cs.schema.metadata.error:noversion.json",
+                                  "zeb.user.cs.schema.metadata.error:noname.json"}));
+  EXPECT_TRUE(Logged("Skipping schema file 'copy.json' since latest version already processed.", 2));
+  EXPECT_THROW(SchemaFileSelection(Path(kSchemaDir), {"broken.json"}, true), InvalidArgumentException);
+  EXPECT_EQ(SchemaFileSelection(Path(kSchemaDir), {"broken.json"}, false).Files(), Strings{"broken.json"});
 
   const std::tuple<std::string, std::string, SchemaVersion> ids[] = {
       {"kit-007.01.2_03.4", "kit", {7, 1, 2, 3, 4}},
@@ -55,42 +66,9 @@ TEST_F(SchemaFilesTest, IdentifiersFromMetadataWithNamesAndVersions) {
   EXPECT_THROW(ExtractVersionFromSchemaId("kit-2147483648.0.0_0.0"), std::out_of_range);
 }
 
-// With versioning only the newest file of each schema is taken (1.10 after 1.9, ties in listing
-// order); without, files are not even parsed and each is taken in listing order.
-TEST_F(SchemaFilesTest, NewestVersionOfEachSchemaIsTaken) {
-  WriteSchemaFile("old.json", "net-core", "1.9.0_0.0", "");
-  WriteSchemaFile("new.json", "net-core", "1.10.0_0.1", "");
-  WriteSchemaFile("copy.json", "net-core", "1.10.0_0.1", "");
-  WriteSchemaFile("one.json", "plain", "7", "");  // no schema name in "plain-7": never skipped
-  WriteSchemaFile("two.json", "plain", "7", "");
-  WriteRawSchemaFile("nometa.json", R"({"data": []})");
-  WriteRawSchemaFile("broken.json", "not json");
-  const Strings listing = {"old.json", "one.json", "nometa.json", "new.json", "copy.json", "two.json"};
-  for (bool versioning : {true, false}) {
-    SchemaFileSelection selection(Dir(), listing, versioning);
-    Strings taken;
-    for (const auto& f : selection.Files()) {
-      if (selection.Select(f)) taken.push_back(f);
-    }
-    EXPECT_EQ(taken, versioning ? Strings({"new.json", "one.json", "two.json"}) : listing);
-  }
-  EXPECT_TRUE(Logged("Skipping schema file 'copy.json' since latest version already processed.", 2));
-  EXPECT_THROW(SchemaFileSelection(Dir(), {"broken.json"}, true), InvalidArgumentException);
-  EXPECT_EQ(SchemaFileSelection(Dir(), {"broken.json"}, false).Files(), Strings{"broken.json"});
-}
-
-constexpr const char* kImageProfile = "/var/db/talvex/imgdb/profile.xml";
 const std::string kValueSchema = R"({"type": "object", "properties": {"v": {"type": "string"}}})";
 
-class SchemaRegistrationTest : public cstest::SchemaHostTest {
- protected:
-  // qor-base and net-core, the two schemas the sample image expects, with one key each.
-  void WriteInstalledKits() const {
-    WriteSchemaFile("qor-base.json", cstest::kBaseKit, cstest::kBaseVersion, Element("qor/network/dns", kValueSchema));
-    WriteSchemaFile("net-core.json", cstest::kNetKit, cstest::kNetVersion, Element("qor/network/nuknics", kValueSchema));
-  }
-  const Strings installed_ = {"qor/network/dns qor-base-8.0.2_1.0 1.0", "qor/network/nuknics net-core-1.2.3_4.5 1.0"};
-};
+using SchemaRegistrationTest = cstest::SchemaHostTest;
 
 TEST_F(SchemaRegistrationTest, SmartnicPlacementDecidesWhereAnElementApplies) {
   // element, applies on the ordinary host / on the DPU variant with switch 70 on
@@ -118,41 +96,23 @@ TEST_F(SchemaRegistrationTest, SmartnicPlacementDecidesWhereAnElementApplies) {
 
 // Unexpected identifiers, elements without a key and refused schemas fail their own file only.
 TEST_F(SchemaRegistrationTest, BadFilesFailAloneAndTheOthersRegister) {
-  WriteInstalledKits();
+  // qor-base and net-core, the two schemas the sample image expects, with one key each.
+  WriteSchemaFile("qor-base.json", cstest::kBaseKit, cstest::kBaseVersion, Element("qor/network/dns", kValueSchema));
+  WriteSchemaFile("net-core.json", cstest::kNetKit, cstest::kNetVersion, Element("qor/network/nuknics", kValueSchema));
   WriteSchemaFile("extra.json", "extra-kit", "1.0.0_1.0", Element("qor/extra/thing", kValueSchema));
   WriteSchemaFile("partial.json", "partial-kit", "1.0.0_0.0",
                   Element("qor/partial/first", kValueSchema) + R"(, {"component": "qor", "key": "second"})");
   WriteSchemaFile("refused.json", "refused-kit", "1.0.0_0.0", Element("qor/refused/x", "5"));
 
   EXPECT_FALSE(ProcessSchemaFiles({"partial-kit-1.0.0_0.0", "refused-kit-1.0.0_0.0"}, false));
-  Strings registered = installed_;
-  registered.push_back("qor/partial/first partial-kit-1.0.0_0.0 1.0");
-  EXPECT_EQ(Registered(), registered);
+  EXPECT_EQ(Registered(), (Strings{"qor/network/dns qor-base-8.0.2_1.0 1.0",
+                                   "qor/network/nuknics net-core-1.2.3_4.5 1.0",
+                                   "qor/partial/first partial-kit-1.0.0_0.0 1.0"}));
   Strings events = EventList();
   std::sort(events.begin(), events.end());
   EXPECT_EQ(events, (Strings{"zeb.user.cs.schema.file.error:extra.json", "zeb.user.cs.schema.file.error:partial.json",
                              "zeb.user.cs.schema.file.error:refused.json",
                              "zeb.user.cs.schema.validation.error:extra.json"}));
-}
-
-// A pass that cannot finish is cancelled as a whole: every store reads as before it.
-TEST_F(SchemaRegistrationTest, AFailedPassKeepsTheEarlierRegistration) {
-  WriteInstalledKits();
-  ASSERT_TRUE(ProcessSchemaFiles({}, false));
-  const cstest::StoreDump before = cstest::DumpStores();
-  // A pass that went through would replace one kit's key.
-  WriteSchemaFile("net-core.json", cstest::kNetKit, cstest::kNetVersion, Element("qor/network/other", kValueSchema));
-  for (bool versioning : {true, false}) {
-    SetSwitches(versioning, true);
-    WriteRawSchemaFile("broken.json", R"({"metadata": )");
-    EXPECT_FALSE(ProcessSchemaFiles({cstest::kBaseKit}, false));
-    EXPECT_EQ(cstest::DiffStores(before, cstest::DumpStores()), "");
-  }
-  Remove("/usr/lib/talvex/configmanager/schemas/broken.json");
-  Remove(kImageProfile);
-  EXPECT_FALSE(ProcessSchemaFiles({cstest::kBaseKit}, false));
-  EXPECT_EQ(cstest::DiffStores(before, cstest::DumpStores()), "");
-  EXPECT_EQ(log_.Count("[SchemaProcessor] Error processing schemas - '"), 3u);
 }
 
 }  // namespace

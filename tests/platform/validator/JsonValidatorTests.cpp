@@ -101,6 +101,7 @@ TEST_F(JsonValidatorTest, PatternsAreEnforcedWithEcmaMeanings) {
       {"^[]a]$", "a", false},  // [] matches nothing
       {"^[^]$", "\n", true},   // [^] matches anything
       {"^\\da$", "1a", true},  // an escape before a letter is no control escape
+      {"^\\u00e9$", "\u00e9", true},
   };
   for (const auto& [pattern, text, matches] : cases) {
     rapidjson::Document schema;
@@ -210,7 +211,8 @@ TEST(ConfigStoreDocumentTest, ValueExistsOnlyForMembersOfObjects) {
       {"object", "name", true}, {"object", "", true},    {"object", "other", false},
       {"object", nullptr, false}, {"array", "name", false}, {"text", "name", false}};
   for (const auto& [path, name, exists] : cases) {
-    EXPECT_EQ(ConfigStoreDocument::ValueExists(doc[path], name), exists) << path << " " << (name ? name : "(null)");
+    EXPECT_EQ(ConfigStoreDocument::ValueExists(doc[path], name), exists)
+        << path << " " << (name ? name : "(null)");
   }
 }
 

@@ -23,8 +23,7 @@ std::string Slurp(const std::string& path) {
   return text.str();
 }
 
-}  // namespace
-
+// NULL-terminated pointers into `strings`, for posix_spawn.
 std::vector<char*> ExecPointers(std::vector<std::string>& strings) {
   std::vector<char*> p;
   for (std::string& s : strings) p.push_back(s.data());
@@ -32,12 +31,7 @@ std::vector<char*> ExecPointers(std::vector<std::string>& strings) {
   return p;
 }
 
-std::vector<std::string> CtlArgv(const std::string& root, const std::vector<std::string>& args) {
-  std::vector<std::string> argv = {BinaryPath("tools/configstorectl/configstorectl"), "--root", root};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return argv;
-}
-
+// This process's environment without NO_COLOR, plus `extra` entries ("NAME=VALUE").
 std::vector<std::string> CtlEnvironment(const std::vector<std::string>& extra) {
   std::vector<std::string> env;
   for (char** e = environ; *e != nullptr; ++e) {
@@ -47,9 +41,13 @@ std::vector<std::string> CtlEnvironment(const std::vector<std::string>& extra) {
   return env;
 }
 
+}  // namespace
+
 CtlProcess StartCtl(const std::string& root, const std::vector<std::string>& args, const std::string& tag,
                     const std::vector<std::string>& env) {
-  std::vector<std::string> argv = CtlArgv(root, args), envp = CtlEnvironment(env);
+  std::vector<std::string> argv = {BinaryPath("tools/configstorectl/configstorectl"), "--root", root};
+  argv.insert(argv.end(), args.begin(), args.end());
+  std::vector<std::string> envp = CtlEnvironment(env);
   std::vector<char*> argvp = ExecPointers(argv), envpp = ExecPointers(envp);
   CtlProcess process{-1, root + "/" + tag + ".out", root + "/" + tag + ".err"};
   posix_spawn_file_actions_t actions;

@@ -14,14 +14,6 @@ struct CtlResult {
   std::string err;
 };
 
-// argv of configstorectl on `root` followed by `args`.
-std::vector<std::string> CtlArgv(const std::string& root, const std::vector<std::string>& args);
-// This process's environment without NO_COLOR, plus `extra` entries ("NAME=VALUE").
-std::vector<std::string> CtlEnvironment(const std::vector<std::string>& extra);
-
-// NULL-terminated pointers into `strings`, for exec and spawn.
-std::vector<char*> ExecPointers(std::vector<std::string>& strings);
-
 // A configstorectl process started and not yet waited for.
 struct CtlProcess {
   int pid = -1;

@@ -2,7 +2,7 @@
 // store looks like after a disk error. Install() registers it as the process's default VFS (once;
 // later calls do nothing), so every connection opened afterwards goes through it.
 //
-// Calls of every kind are counted from the last Arm/Disarm/ResetCounts, armed or not. An armed
+// Calls of every kind are counted from the last Arm or Disarm, armed or not. An armed
 // kind fails its Nth call (1-based), or that call and every later one, the way a failing disk
 // would: xWrite gives SQLITE_IOERR_WRITE, xSync SQLITE_IOERR_FSYNC, xTruncate SQLITE_IOERR_TRUNCATE
 // (the file is left untouched), xOpen SQLITE_CANTOPEN (nothing is opened). One kind is armed at a
@@ -14,12 +14,9 @@ namespace faultvfs {
 
 enum class Kind { Write, Sync, Truncate, Open, Count_ };
 
-const char* Name(Kind kind);
-
 void Install();
 void Arm(Kind kind, int nth, bool persistent);  // also sets every count to zero; nth < 1 arms nothing
 void Disarm();                                  // nothing armed, counters to zero
 int Calls(Kind kind);
-void ResetCounts();
 
 }  // namespace faultvfs

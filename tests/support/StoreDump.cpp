@@ -1,10 +1,11 @@
 #include "tests/support/StoreDump.h"
 
 #include <sqlite3.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <cctype>
+#include <filesystem>
+#include <memory>
+#include <regex>
 #include <set>
 #include <stdexcept>
 
@@ -13,53 +14,29 @@
 namespace cstest {
 namespace {
 
-struct Db {
-  sqlite3* handle = nullptr;
-  ~Db() { sqlite3_close(handle); }
-};
-
-std::vector<std::vector<std::string>> Query(sqlite3* db, const std::string& sql, const std::string& path) {
+// The first column of every row `sql` gives.
+std::vector<std::string> Query(sqlite3* db, const std::string& sql, const std::string& path) {
   sqlite3_stmt* stmt = nullptr;
   if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
     throw std::runtime_error(path + ": " + sqlite3_errmsg(db));
   }
-  std::vector<std::vector<std::string>> rows;
+  std::vector<std::string> rows;
   int rc;
   while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
-    std::vector<std::string> row;
-    for (int i = 0; i < sqlite3_column_count(stmt); ++i) {
-      const unsigned char* text = sqlite3_column_text(stmt, i);
-      row.emplace_back(text != nullptr ? reinterpret_cast<const char*>(text) : "");
-    }
-    rows.push_back(std::move(row));
+    const unsigned char* text = sqlite3_column_text(stmt, 0);
+    rows.emplace_back(text != nullptr ? reinterpret_cast<const char*>(text) : "");
   }
   sqlite3_finalize(stmt);
   if (rc != SQLITE_DONE) throw std::runtime_error(path + ": " + sqlite3_errmsg(db));
   return rows;
 }
 
-// Replaces every stretch of `text` shaped like `shape` ('x' a hex digit, '9' a decimal digit, any
-// other character itself) by `mark`.
-void Mask(std::string& text, const std::string& shape, const std::string& mark) {
-  auto fits = [&](size_t at) {
-    for (size_t i = 0; i < shape.size(); ++i) {
-      auto c = static_cast<unsigned char>(text[at + i]);
-      bool ok = shape[i] == 'x' ? std::isxdigit(c) != 0 : shape[i] == '9' ? std::isdigit(c) != 0 : c == shape[i];
-      if (!ok) return false;
-    }
-    return true;
-  };
-  for (size_t at = 0; at + shape.size() <= text.size(); ++at) {
-    if (fits(at)) text.replace(at, shape.size(), mark);
-  }
-}
-
 }  // namespace
 
 std::string MaskRunToRun(std::string row) {
-  Mask(row, "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx", "<id>");
-  Mask(row, "9999-99-99 99:99:99", "<time>");
-  return row;
+  static const std::regex kId("[0-9a-fA-F]{8}-[0-9a-fA-F]{4}-[0-9a-fA-F]{4}-[0-9a-fA-F]{4}-[0-9a-fA-F]{12}");
+  static const std::regex kTime("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}");
+  return std::regex_replace(std::regex_replace(row, kId, "<id>"), kTime, "<time>");
 }
 
 StoreDump MaskRunToRun(StoreDump dump) {
@@ -72,24 +49,20 @@ StoreDump MaskRunToRun(StoreDump dump) {
 
 StoreDump DumpStoreFile(const std::string& path, const std::string& storeName) {
   StoreDump dump;
-  struct stat st;
-  if (stat(path.c_str(), &st) != 0) return dump;
-  Db db;
-  if (sqlite3_open_v2(path.c_str(), &db.handle, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-    throw std::runtime_error(path + ": cannot open");
-  }
-  sqlite3_busy_timeout(db.handle, DBStore::kTimeoutMs);
-  for (const auto& table : Query(db.handle, "SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name", path)) {
-    const std::string& name = table[0];
+  if (!std::filesystem::exists(path)) return dump;
+  sqlite3* handle = nullptr;
+  const int rc = sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READONLY, nullptr);
+  std::unique_ptr<sqlite3, int (*)(sqlite3*)> db(handle, sqlite3_close);
+  if (rc != SQLITE_OK) throw std::runtime_error(path + ": cannot open");
+  sqlite3_busy_timeout(db.get(), DBStore::kTimeoutMs);
+  for (const auto& name : Query(db.get(), "SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name", path)) {
     // One quote() per column keeps types apart: 1 and '1' and NULL dump differently.
     std::string columns;
-    for (const auto& column : Query(db.handle, "SELECT name FROM pragma_table_info('" + name + "')", path)) {
-      columns += (columns.empty() ? "quote(\"" : " || '|' || quote(\"") + column[0] + "\")";
+    for (const auto& column : Query(db.get(), "SELECT name FROM pragma_table_info('" + name + "')", path)) {
+      columns += (columns.empty() ? "quote(\"" : " || '|' || quote(\"") + column + "\")";
     }
     std::vector<std::string>& rows = dump[storeName + "." + name];
-    for (const auto& row : Query(db.handle, "SELECT " + columns + " FROM \"" + name + "\"", path)) {
-      rows.push_back(row[0]);
-    }
+    rows = Query(db.get(), "SELECT " + columns + " FROM \"" + name + "\"", path);
     std::sort(rows.begin(), rows.end());
   }
   return dump;
@@ -112,12 +85,8 @@ std::string DiffStores(const StoreDump& before, const StoreDump& after) {
   std::string out;
   for (const auto& table : tables) {
     static const std::vector<std::string> kNone;
-    auto find = [&table](const StoreDump& dump) -> const std::vector<std::string>& {
-      auto it = dump.find(table);
-      return it == dump.end() ? kNone : it->second;
-    };
-    const auto& old = find(before);
-    const auto& now = find(after);
+    const auto& old = before.count(table) ? before.at(table) : kNone;
+    const auto& now = after.count(table) ? after.at(table) : kNone;
     if (before.count(table) != after.count(table)) out += (after.count(table) ? "+ table " : "- table ") + table + "\n";
     std::vector<std::string> gone, added;
     std::set_difference(old.begin(), old.end(), now.begin(), now.end(), std::back_inserter(gone));

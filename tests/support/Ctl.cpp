@@ -23,14 +23,6 @@ std::string Slurp(const std::string& path) {
   return text.str();
 }
 
-// NULL-terminated pointers into `strings`, for posix_spawn.
-std::vector<char*> ExecPointers(std::vector<std::string>& strings) {
-  std::vector<char*> p;
-  for (std::string& s : strings) p.push_back(s.data());
-  p.push_back(nullptr);
-  return p;
-}
-
 // This process's environment without NO_COLOR, plus `extra` entries ("NAME=VALUE").
 std::vector<std::string> CtlEnvironment(const std::vector<std::string>& extra) {
   std::vector<std::string> env;
@@ -42,6 +34,13 @@ std::vector<std::string> CtlEnvironment(const std::vector<std::string>& extra) {
 }
 
 }  // namespace
+
+std::vector<char*> ExecPointers(std::vector<std::string>& strings) {
+  std::vector<char*> p;
+  for (std::string& s : strings) p.push_back(s.data());
+  p.push_back(nullptr);
+  return p;
+}
 
 CtlProcess StartCtl(const std::string& root, const std::vector<std::string>& args, const std::string& tag,
                     const std::vector<std::string>& env) {

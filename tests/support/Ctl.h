@@ -14,6 +14,9 @@ struct CtlResult {
   std::string err;
 };
 
+// NULL-terminated pointers into `strings`, for exec and spawn.
+std::vector<char*> ExecPointers(std::vector<std::string>& strings);
+
 // A configstorectl process started and not yet waited for.
 struct CtlProcess {
   int pid = -1;

@@ -72,13 +72,13 @@ TEST_F(CliTest, GetNarrowsByEachDepthAndMatchesNamesExactly) {
     EXPECT_EQ(r.status, c.expected.empty() ? 3 : 0) << r.err;
     EXPECT_EQ(r.err.starts_with("configstorectl get: nothing matches "), c.expected.empty()) << r.err;
     std::vector<std::string> objects;
-    for (const auto& o : Json(r).GetArray()) {
+    const rapidjson::Document listed = Json(r);
+    for (const auto& o : listed.GetArray()) {
       objects.push_back(std::string(o["component"].GetString()) + "|" + o["group"].GetString() + "|" +
                         o["key"].GetString() + "|" + o["identifier"].GetString());
     }
     EXPECT_EQ(objects, c.expected);
   }
-
 }
 
 // The text forms of get and metrics are also checked by the examples of docs/operator-guide.md.

@@ -26,7 +26,7 @@ SUDO=""
 debs=()
 for deb in "$out"/*.deb; do [[ $deb == *-dbgsym_* ]] || debs+=("$deb"); done
 $SUDO dpkg -i "${debs[@]}" >/dev/null
-configstorectl --help | grep -q '^subcommands:'
-man -P cat configstorectl 2>/dev/null | grep -q 'configstorectl - control the configuration store'
+configstorectl --help | grep '^subcommands:' >/dev/null
+man -P cat configstorectl 2>/dev/null | grep 'configstorectl - control the configuration store' >/dev/null
 [ "$(pkg-config --modversion configstore)" = "$(dpkg-query -W -f='${Version}' libconfigstore-dev)" ]
 echo "deb: installed; configstorectl --help, man configstorectl and pkg-config --modversion configstore work"

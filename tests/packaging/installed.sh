@@ -7,6 +7,7 @@
 #   units:    systemd-analyze verify on the installed units; plonshd serves a socket handed to it
 #             by socket activation. Skipped (exit 77) with the reason when systemd-analyze cannot run.
 set -euo pipefail
+# grep reads all its input (no -q): under pipefail, a producer cut off by an early exit would fail the pipe.
 mode=$1
 src=$2
 build=$3
@@ -34,7 +35,7 @@ bad document refused with 1080"
   cmake --build "$work/cmake" -j 2 >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; fail "CMake build"; }
   check_run cmake-shared "$work/cmake/consumer"
   check_run cmake-static "$work/cmake/consumer_static"
-  ldd "$work/cmake/consumer" | grep -q "libconfigstore.so.1 => $prefix" || fail "consumer does not use $prefix"
+  ldd "$work/cmake/consumer" | grep "libconfigstore.so.1 => $prefix" >/dev/null || fail "consumer does not use $prefix"
 
   pcdir=$(dirname "$(find "$prefix" -name configstore.pc)")
   export PKG_CONFIG_PATH=$pcdir
@@ -47,7 +48,7 @@ bad document refused with 1080"
   c++ -std=c++20 -fsyntax-only -I"$prefix/include/configstore" "$work/all.cpp" || fail "installed headers"
 
   lib=$(find "$prefix" -name 'libconfigstore.so.1')
-  readelf -d "$lib" | grep -q 'Library soname: \[libconfigstore.so.1\]' || fail "soname"
+  readelf -d "$lib" | grep 'Library soname: \[libconfigstore.so.1\]' >/dev/null || fail "soname"
   leaked=$(nm -D --defined-only -C "$lib" | cut -d' ' -f3- |
            grep -Ev '^((typeinfo|typeinfo name|vtable) for )?(QorConfigStore|HostCtl::Lib)::|^CONFIGSTORE_1$' || true)
   [ -z "$leaked" ] || fail "exported beyond the library's namespaces:"$'\n'"$(echo "$leaked" | head -20)"

@@ -53,6 +53,8 @@ TEST_F(DBStoreTest, StoresAreCreatedOnceAndOpenedOnlyWhenThere) {
   Remove(kConfigStore);
   EXPECT_FALSE(DBStore::GetConnection(DBStore::CONFIG_STORE, false));
   EXPECT_FALSE(Exists(kConfigStore));
+  EXPECT_FALSE(DBStore::GetConnection(DBStore::Type(99), false));
+  EXPECT_TRUE(log_.Contains("unknown store database type 99", CSLogger::PRIO_ERROR));
   WriteFile(kConfigStore, "not sqlite");
   EXPECT_FALSE(DBStore::GetConnection(DBStore::CONFIG_STORE, true));
   EXPECT_TRUE(log_.Contains("file is not a database", CSLogger::PRIO_ERROR));

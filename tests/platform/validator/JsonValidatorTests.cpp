@@ -122,8 +122,16 @@ TEST_F(JsonValidatorTest, CompilesOncePerKeyAndAgainWhenTheSchemaChanges) {
   EXPECT_EQ(JsonValidator::CacheStats().compiles, 1u);
   schema["properties"]["mtu"]["maximum"] = 9216;  // the same name, a changed schema
   EXPECT_TRUE(ErrorsOf(schema, bad, kUserRules, "qor/network/nics").empty());
-  ErrorsOf(schema, bad, kDefaultRules, "qor/network/nics");  // another rule set is another key
+  // A caller's own text of the schema is its key: compiled once, then found by that text.
+  for (int i = 0; i < 2; ++i) {
+    rapidjson::Document errors;
+    JsonValidator::Validate(schema, R"({ "properties": { "mtu": { "type": "integer", "maximum": 9216 } } })",
+                            Json(R"({"mtu": 9217})"), errors, kUserRules, "qor/network/nics");
+    EXPECT_TRUE(errors.IsArray() && errors.Size() == 1u) << i;
+  }
   EXPECT_EQ(JsonValidator::CacheStats().compiles, 3u);
+  ErrorsOf(schema, bad, kDefaultRules, "qor/network/nics");  // another rule set is another key
+  EXPECT_EQ(JsonValidator::CacheStats().compiles, 4u);
   JsonValidator::ClearCache();
   EXPECT_EQ(JsonValidator::CacheStats().entries, 0u);
 }

@@ -28,6 +28,13 @@ std::vector<std::string> JoinedRows(const DBStore::Connection& conn, std::string
   return rows;
 }
 
+// The value stored under `key` in the KeyValue table; a failed read fails the test.
+inline std::string StoredKeyValue(const DBStore::Connection& conn, const std::string& key) {
+  std::string value = "<unreadable>";
+  EXPECT_EQ(DBStore::ReadKeyValue(key, &value, conn), 0) << key;
+  return value;
+}
+
 // Inserts each of `rows` into `into` ("Table (Column, ...)"), its values bound in order.
 // A failed insert fails the test.
 inline void InsertRows(const DBStore::Connection& conn, const std::string& into,

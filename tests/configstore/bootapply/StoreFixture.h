@@ -79,11 +79,7 @@ class StoreTest : public cstest::SandboxTest {
         "VitalValue, CachedValue" +
         more + " FROM Config ORDER BY ConfigGroup, Name, Identifier");
   }
-  std::string BootMode() const {
-    std::string mode;
-    EXPECT_EQ(DBStore::ReadKeyValue("BOOT_MODE", &mode, conn_), 0);
-    return mode;
-  }
+  std::string BootMode() const { return cstest::StoredKeyValue(conn_, "BOOT_MODE"); }
 
   // As the boot load: the routine inside a transaction that is committed.
   void Apply(const std::function<void(const DBStore::Connection&)>& routine) {

@@ -9,6 +9,7 @@
 #include "platform/dbstore/DBStore.h"
 #include "platform/plon/Plon.h"
 #include "tests/support/Sandbox.h"
+#include "tests/support/StoreRows.h"
 
 namespace {
 
@@ -34,9 +35,7 @@ class BootStateTest : public cstest::SandboxTest {
   }
 
   std::string Stored(const std::string& key) const {
-    std::string value = "<unreadable>";
-    EXPECT_EQ(DBStore::ReadKeyValue(key, &value, DBStore::GetConnection(DBStore::CONFIG_STORE, false)), 0) << key;
-    return value;
+    return cstest::StoredKeyValue(DBStore::GetConnection(DBStore::CONFIG_STORE, false), key);
   }
   void Store(const std::string& key, const std::string& value) const {
     ASSERT_EQ(DBStore::WriteKeyValue(key, value, DBStore::GetConnection(DBStore::CONFIG_STORE, true)), 0) << key;

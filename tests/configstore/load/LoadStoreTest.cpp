@@ -25,9 +25,7 @@ class LoadStoreTest : public cstest::SandboxTest {
     CopyExampleHost();
   }
   std::string Key(const std::string& key) {
-    std::string value;
-    EXPECT_EQ(DBStore::ReadKeyValue(key, &value, GetDBConnection(DBStore::CONFIG_STORE, true)), 0);
-    return value;
+    return cstest::StoredKeyValue(GetDBConnection(DBStore::CONFIG_STORE, true), key);
   }
   // The one value of a query on the store, the schema store attached as "ss".
   std::string Value(const std::string& sql) {

@@ -5,6 +5,7 @@
 
 #include "platform/dbstore/DBStore.h"
 #include "tests/support/Sandbox.h"
+#include "tests/support/StoreRows.h"
 
 namespace cstest {
 namespace {
@@ -34,11 +35,6 @@ class DBStoreTest : public SandboxTest {
     EXPECT_TRUE(rows) << sql;
     return rows.value_or(Rows());
   }
-  static std::string ReadKv(const DBStore::Connection& conn, const std::string& key) {
-    std::string value = "<unset>";
-    EXPECT_EQ(DBStore::ReadKeyValue(key, &value, conn), 0);
-    return value;
-  }
 };
 
 // Opening never creates a store, and creating never overwrites a file that is not a database;
@@ -48,7 +44,7 @@ TEST_F(DBStoreTest, StoresAreCreatedOnceAndOpenedOnlyWhenThere) {
   ASSERT_EQ(Exec(Open(), "DROP TABLE DefaultConfig"), 0);
   ASSERT_EQ(DBStore::CreateDatabases(), 0);
   EXPECT_EQ(DBStore::Check(Path(kConfigStore)), 0);
-  EXPECT_EQ(ReadKv(Open(), "BOOT_MODE"), "2");
+  EXPECT_EQ(cstest::StoredKeyValue(Open(), "BOOT_MODE"), "2");
 
   Remove(kConfigStore);
   EXPECT_FALSE(DBStore::GetConnection(DBStore::CONFIG_STORE, false));
@@ -81,7 +77,7 @@ TEST_F(DBStoreTest, CheckRefusesUnsoundStores) {
 TEST_F(DBStoreTest, TransactionsRollBackAndGuard) {
   auto writer = Open(), reader = Open();
   ASSERT_EQ(Exec(reader, "BEGIN"), 0);
-  ASSERT_EQ(ReadKv(reader, "BOOT_MODE"), "");
+  ASSERT_EQ(cstest::StoredKeyValue(reader, "BOOT_MODE"), "");
   for (bool readerDone : {false, true}) {
     if (readerDone) {
       ASSERT_EQ(Exec(reader, "COMMIT"), 0);
@@ -93,11 +89,11 @@ TEST_F(DBStoreTest, TransactionsRollBackAndGuard) {
     EXPECT_EQ(InTransaction(writer), !readerDone);
   }
   EXPECT_EQ(DBStore::CancelTransaction(writer), 0);  // nothing open: no-op
-  EXPECT_EQ(ReadKv(Open(), "BOOT_MODE"), "2");
+  EXPECT_EQ(cstest::StoredKeyValue(Open(), "BOOT_MODE"), "2");
   ASSERT_EQ(DBStore::BeginTransaction(writer), 0);
   ASSERT_EQ(DBStore::WriteKeyValue("BOOT_MODE", "1", writer), 0);
   writer.reset();
-  EXPECT_EQ(ReadKv(Open(), "BOOT_MODE"), "2");
+  EXPECT_EQ(cstest::StoredKeyValue(Open(), "BOOT_MODE"), "2");
 }
 
 TEST_F(DBStoreTest, BindingAndStatementFailures) {
